@@ -1,0 +1,27 @@
+#!/usr/bin/env bash
+# The whole test suite: installs what is missing, then builds and tests a normal build and an
+# AddressSanitizer + UndefinedBehaviorSanitizer build.
+set -euo pipefail
+source "$(dirname "${BASH_SOURCE[0]}")/scripts/setup.sh"
+velquin_install_packages
+
+jobs=$(nproc)
+status=0
+
+run_ctest() {
+    local dir=$1
+    shift
+    ctest --test-dir "$dir" --output-on-failure -j "$jobs" "$@" || status=1
+}
+
+echo "== normal build"
+velquin_build "$VELQUIN_ROOT/build" -DCMAKE_BUILD_TYPE=RelWithDebInfo
+run_ctest "$VELQUIN_ROOT/build"
+
+echo "== AddressSanitizer + UndefinedBehaviorSanitizer build"
+export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=0}
+export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
+velquin_build "$VELQUIN_ROOT/build-asan" -DCMAKE_BUILD_TYPE=Debug -DVELQUIN_SANITIZE=ON
+run_ctest "$VELQUIN_ROOT/build-asan"
+
+exit $status

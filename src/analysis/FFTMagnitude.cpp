@@ -1,0 +1,90 @@
+#include "FFTMagnitude.h"
+
+#include <fftw3.h>
+
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <mutex>
+#include <numbers>
+
+namespace velquin {
+
+namespace {
+
+// FFTW's planner keeps global state; only plan execution is thread-safe.
+std::mutex& plannerMutex() {
+    static std::mutex m;
+    return m;
+}
+
+template <typename T>
+T* allocate(size_t count) {
+    void* p = fftwf_malloc(sizeof(T) * count);
+    if (p == nullptr) std::abort();
+    return static_cast<T*>(p);
+}
+
+[[noreturn]] void fatal(const char* message) {
+    std::fprintf(stderr, "Fatal error: %s: file FFTMagnitude.cpp\n", message);
+    std::abort();
+}
+
+}  // namespace
+
+struct FFTMagnitude::Plan {
+    fftwf_plan plan = nullptr;
+    ~Plan() {
+        std::lock_guard lock(plannerMutex());
+        fftwf_destroy_plan(plan);
+    }
+};
+
+void FFTMagnitude::FreeDeleter::operator()(void* p) const { fftwf_free(p); }
+
+FFTMagnitude::FFTMagnitude(int64_t size) : size_(size), binCount_(size / 2) {
+    if (size < 2 || (size & (size - 1)) != 0) fatal("FFT size must be a power of two");
+    log2n_ = static_cast<uint64_t>(std::lround(std::log2(static_cast<double>(size))));
+
+    window_.reset(allocate<float>(static_cast<size_t>(size_)));
+    windowed_.reset(allocate<float>(static_cast<size_t>(size_)));
+    spectrum_.reset(allocate<float>(2 * static_cast<size_t>(binCount_ + 1)));
+
+    {
+        std::lock_guard lock(plannerMutex());
+        // ESTIMATE plans are chosen by rule, not by timing, so every run computes the same bits.
+        fftwf_plan plan = fftwf_plan_dft_r2c_1d(static_cast<int>(size_), windowed_.get(),
+                                                reinterpret_cast<fftwf_complex*>(spectrum_.get()),
+                                                FFTW_ESTIMATE | FFTW_DESTROY_INPUT);
+        if (plan == nullptr) fatal("vDSP_create_fftsetup failed");
+        setup_ = std::make_unique<Plan>();
+        setup_->plan = plan;
+    }
+
+    // Periodic Hann window scaled so that its mean square is 1.
+    const double n = static_cast<double>(size_);
+    for (int64_t i = 0; i < size_; ++i)
+        window_[i] = static_cast<float>(0.8165 * (1.0 - std::cos(2.0 * std::numbers::pi * static_cast<double>(i) / n)));
+    scale_ = static_cast<float>(1.0 / n);
+}
+
+FFTMagnitude::~FFTMagnitude() = default;
+
+void FFTMagnitude::magnitudes(const float* frame, float* out) {
+    float* w = windowed_.get();
+    const float* win = window_.get();
+    for (int64_t i = 0; i < size_; ++i) w[i] = frame[i] * win[i];
+
+    fftwf_execute(setup_->plan);
+
+    // The packed transform this mirrors yields twice the DFT; doubling is exact in binary floating
+    // point, so 2·|X| is formed the same way before the 1/N scale.
+    const float* s = spectrum_.get();
+    for (int64_t k = 0; k < binCount_; ++k) {
+        const float re = 2.0f * s[2 * k];
+        const float im = k == 0 ? 0.0f : 2.0f * s[2 * k + 1];
+        out[k] = std::sqrt(re * re + im * im) * scale_;
+    }
+}
+
+}  // namespace velquin

@@ -1,0 +1,45 @@
+#pragma once
+// Windowed real-FFT magnitudes: out[k] = 2·|X[k]| / N for k = 0 … N/2−1, with X the DFT of the frame
+// times a normalised periodic Hann window (mean square 1). The Nyquist term is dropped.
+//
+// One instance per analyzer: the scratch buffers make it reentrant but not thread-safe.
+// `magnitudes` allocates nothing, locks nothing and may run on any one thread at a time.
+
+#include <cstdint>
+#include <memory>
+
+namespace velquin {
+
+class FFTMagnitude {
+public:
+    // `size` must be a power of two ≥ 2; anything else is a programming error and aborts.
+    explicit FFTMagnitude(int64_t size);
+    ~FFTMagnitude();
+    FFTMagnitude(const FFTMagnitude&) = delete;
+    FFTMagnitude& operator=(const FFTMagnitude&) = delete;
+
+    // Reads `size()` samples at `frame`; writes `binCount()` values to `out`.
+    void magnitudes(const float* frame, float* out);
+
+    int64_t size() const { return size_; }
+    int64_t binCount() const { return binCount_; }
+    uint64_t log2n() const { return log2n_; }
+    const float* window() const { return window_.get(); }
+
+private:
+    struct FreeDeleter {
+        void operator()(void* p) const;
+    };
+    struct Plan;
+
+    int64_t size_;
+    int64_t binCount_;
+    uint64_t log2n_;
+    std::unique_ptr<Plan> setup_;
+    std::unique_ptr<float[], FreeDeleter> window_;
+    std::unique_ptr<float[], FreeDeleter> windowed_;
+    std::unique_ptr<float[], FreeDeleter> spectrum_;  // interleaved re/im, binCount + 1 complex values
+    float scale_;
+};
+
+}  // namespace velquin

@@ -1,0 +1,97 @@
+#pragma once
+// Tempo of a mono sample stream: a spectral-flux onset curve (one value per 10 ms hop), its
+// periodicity by harmonic autocorrelation under a tempo prior, and a lock that holds the shown
+// tempo steady.
+//
+// Not thread-safe: one thread (the analysis queue, or a file analysis) uses an instance.
+// `append` and `estimate` allocate nothing once the history has filled.
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <span>
+#include <vector>
+
+#include "FFTMagnitude.h"
+#include "SlidingWindow.h"
+#include "TempoEstimate.h"
+#include "TempoRange.h"
+
+namespace velquin {
+
+class TempoAnalyzer {
+public:
+    // `sampleRate` in Hz (positive); `offline` for a whole file (five minutes of onset history).
+    TempoAnalyzer(double sampleRate, bool offline);
+    ~TempoAnalyzer();
+    TempoAnalyzer(const TempoAnalyzer&) = delete;
+    TempoAnalyzer& operator=(const TempoAnalyzer&) = delete;
+
+    void append(std::span<const float> samples);
+    void reset();
+
+    TempoEstimate estimate();              // live: median, lock and agreement
+    TempoEstimate estimateGlobal() const;  // whole history (last minute at most); changes nothing
+    void unlock();
+
+    double rms() const { return rms_; }
+    int64_t regimeChanges() const { return regimeChanges_; }
+    int64_t framesSeen() const { return framesSeen_; }
+    BPMBounds bpmRange() const { return bpmRange_; }
+    void setBpmRange(BPMBounds range) { bpmRange_ = range; }
+
+    int64_t fftSize() const { return fftSize_; }
+    int64_t hop() const { return hop_; }
+    double sampleRate() const { return sampleRate_; }
+    double framesPerSecond() const { return sampleRate_ / static_cast<double>(hop_); }
+    int64_t maxODFFrames() const;
+    double lockedBPM() const { return lockedBPM_; }
+    double candidateBPM() const { return candidateBPM_; }
+    std::span<const float> odf() const { return odf_.view(); }
+    const std::vector<double>& recentBPM() const { return recentBPM_; }
+    size_t pendingCount() const { return pending_.size(); }
+    bool haveFirstFrame() const { return haveFirstFrame_; }
+
+    // Reads an onset curve given directly; lets tests drive the decision without audio.
+    void appendOnsetValuesForTesting(std::span<const float> values, double level);
+
+private:
+    struct Periodicity;
+    class Scratch;
+
+    std::optional<Periodicity> periodicity(double seconds) const;
+    double score(double lag, bool usePrior) const;
+    double acfAt(double lag) const;
+    double prior(double lag) const;
+    double lock(double median, const Periodicity& evidence);
+    void pushOnset(float value);
+
+    const double onsetBlurFrames_ = 1.3;
+    int64_t fftSize_;
+    int64_t hop_;
+    double historySeconds_;
+    double ratioHoldSeconds_;
+    double switchSeconds_;
+    double lockedBPM_ = 0;
+    double candidateBPM_ = 0;
+    int64_t candidateSinceFrame_ = 0;
+    int64_t framesSeen_ = 0;
+    int64_t regimeChanges_ = 0;
+    BPMBounds bpmRange_{60, 200};
+    const double priorWidthOctaves_ = 0.7;
+    const double fasterTiebreak_ = 0.12;
+    const double silenceFloor_ = 0.002;
+    double sampleRate_;
+    FFTMagnitude fft_;
+    std::vector<float> mag_;
+    std::vector<float> prevMag_;
+    std::vector<float> pending_;
+    SlidingWindow<float> odf_;
+    std::vector<double> recentBPM_;
+    double rms_ = 0;
+    bool haveFirstFrame_ = false;
+    bool offline_;
+    std::unique_ptr<Scratch> scratch_;  // periodicity work buffers, reused across estimates
+};
+
+}  // namespace velquin

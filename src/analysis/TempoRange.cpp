@@ -1,0 +1,47 @@
+#include "TempoRange.h"
+
+#include "Format.h"
+
+namespace velquin {
+
+BPMBounds bounds(TempoRange range) {
+    switch (range) {
+        case TempoRange::verySlow: return {40, 80};
+        case TempoRange::slow: return {70, 140};
+        case TempoRange::standard: return {85, 170};
+        case TempoRange::fast: return {100, 200};
+        case TempoRange::Auto: break;
+    }
+    return {60, 200};
+}
+
+std::string_view rawValue(TempoRange range) {
+    switch (range) {
+        case TempoRange::verySlow: return "verySlow";
+        case TempoRange::slow: return "slow";
+        case TempoRange::standard: return "standard";
+        case TempoRange::fast: return "fast";
+        case TempoRange::Auto: break;
+    }
+    return "auto";
+}
+
+std::optional<TempoRange> tempoRangeFromRaw(std::string_view raw) {
+    for (TempoRange r : allTempoRanges())
+        if (rawValue(r) == raw) return r;
+    return std::nullopt;
+}
+
+std::string menuTitle(TempoRange range) {
+    if (range == TempoRange::Auto) return "Auto (60–200)";
+    const BPMBounds b = bounds(range);
+    return format("%.0f–%.0f BPM", b.lower, b.upper);
+}
+
+const std::array<TempoRange, 5>& allTempoRanges() {
+    static const std::array<TempoRange, 5> all{TempoRange::Auto, TempoRange::verySlow, TempoRange::slow,
+                                               TempoRange::standard, TempoRange::fast};
+    return all;
+}
+
+}  // namespace velquin

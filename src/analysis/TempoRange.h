@@ -1,0 +1,25 @@
+#pragma once
+
+#include <array>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace velquin {
+
+enum class TempoRange { Auto, verySlow, slow, standard, fast };
+
+struct BPMBounds {
+    double lower;
+    double upper;
+    bool contains(double bpm) const { return bpm >= lower && bpm <= upper; }
+    friend bool operator==(const BPMBounds&, const BPMBounds&) = default;
+};
+
+BPMBounds bounds(TempoRange range);
+std::string_view rawValue(TempoRange range);                   // "auto", "verySlow", …
+std::optional<TempoRange> tempoRangeFromRaw(std::string_view raw);  // case-sensitive
+std::string menuTitle(TempoRange range);                       // "Auto (60–200)", "40–80 BPM", …
+const std::array<TempoRange, 5>& allTempoRanges();
+
+}  // namespace velquin

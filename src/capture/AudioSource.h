@@ -1,0 +1,64 @@
+#pragma once
+// The capture back-end interface, its kinds and its errors.
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+namespace velquin {
+
+enum class AudioSourceKind { systemAudio, microphone };
+
+std::string_view rawValue(AudioSourceKind kind);                        // "systemAudio", "microphone"
+std::optional<AudioSourceKind> audioSourceKindFromRaw(std::string_view raw);  // case-sensitive
+std::string_view displayName(AudioSourceKind kind);                     // "System Audio", "Microphone"
+
+// A capture failure; `what()` is the exact text the user sees.
+class AudioSourceError : public std::runtime_error {
+public:
+    enum class Case { createTapFailed, aggregateDeviceFailed, tapFormatUnavailable, ioProcFailed, engineFailed,
+                      noOutputDevice };
+
+    static AudioSourceError createTapFailed(int32_t status);
+    static AudioSourceError aggregateDeviceFailed(int32_t status);
+    static AudioSourceError tapFormatUnavailable(int32_t status);
+    static AudioSourceError ioProcFailed(int32_t status);
+    static AudioSourceError engineFailed(std::string text);
+    static AudioSourceError noOutputDevice();
+
+    Case errorCase() const { return case_; }
+    int32_t status() const { return status_; }      // the four status cases only
+    const std::string& text() const { return text_; }  // engineFailed only
+    std::string description() const { return what(); }
+
+private:
+    AudioSourceError(Case c, int32_t status, std::string text, const std::string& description);
+    Case case_;
+    int32_t status_;
+    std::string text_;
+};
+
+// A capture back end. The owner sets the callbacks, then calls start(); callbacks run on the
+// source's own delivery thread and must only copy (no blocking, no allocation).
+class AudioSource {
+public:
+    virtual ~AudioSource() = default;
+
+    // Rate of the samples `onSamples` delivers, Hz; the back end's default (48000) before start().
+    virtual double sampleRate() const = 0;
+
+    // Mono samples; the pointer is valid only during the call.
+    std::function<void(const float* samples, int64_t count)> onSamples;
+    std::function<void(double sampleRate)> onSampleRateChange;
+    std::function<void()> onNeedsRestart;
+
+    // Throws AudioSourceError, after releasing whatever it had set up.
+    virtual void start() = 0;
+    // Safe when not running and more than once.
+    virtual void stop() = 0;
+};
+
+}  // namespace velquin

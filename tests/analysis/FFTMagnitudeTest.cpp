@@ -1,0 +1,70 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <numbers>
+#include <vector>
+
+#include "FFTMagnitude.h"
+
+using velquin::FFTMagnitude;
+
+namespace {
+
+std::vector<float> run(FFTMagnitude& fft, const std::vector<float>& frame) {
+    std::vector<float> out(static_cast<size_t>(fft.binCount()), -1.0f);
+    fft.magnitudes(frame.data(), out.data());
+    return out;
+}
+
+}  // namespace
+
+TEST(FFTMagnitude, SizesAndWindow) {
+    for (auto [size, order] : {std::pair{1024, 10u}, {2048, 11u}, {4096, 12u}}) {
+        FFTMagnitude fft(size);
+        EXPECT_EQ(fft.binCount(), size / 2);
+        EXPECT_EQ(fft.log2n(), order);
+        // Periodic, normalised: starts at 0, peaks at N/2, mean square 1.
+        EXPECT_EQ(fft.window()[0], 0.0f);
+        EXPECT_NEAR(fft.window()[size / 2], 1.633f, 1e-6);
+        double meanSquare = 0;
+        for (int i = 0; i < size; ++i) meanSquare += double(fft.window()[i]) * fft.window()[i];
+        EXPECT_NEAR(meanSquare / size, 1.0, 1e-4);
+    }
+}
+
+TEST(FFTMagnitude, ScalingOfZerosConstantAndSine) {
+    const int n = 1024;
+    FFTMagnitude fft(n);
+
+    for (float v : run(fft, std::vector<float>(n, 0.0f))) EXPECT_EQ(v, 0.0f);
+
+    // DC is 2·a·mean(window); bin 1 carries the window's own first harmonic.
+    const float a = 0.5f;
+    auto dc = run(fft, std::vector<float>(n, a));
+    EXPECT_NEAR(dc[0], 2 * a * 0.8165, 1e-5);
+    EXPECT_NEAR(dc[1], a * 0.8165, 1e-5);
+    for (int k = 2; k < n / 2; ++k) ASSERT_NEAR(dc[static_cast<size_t>(k)], 0.0, 1e-5) << k;
+
+    // A full-scale sine on a bin: 0.8165 at the bin, half of it on each neighbour.
+    for (int k0 : {1, 37, n / 2 - 2}) {
+        std::vector<float> frame(n);
+        for (int i = 0; i < n; ++i) frame[static_cast<size_t>(i)] = static_cast<float>(std::sin(2 * std::numbers::pi * k0 * i / n));
+        auto out = run(fft, frame);
+        EXPECT_NEAR(out[static_cast<size_t>(k0)], 0.8165, 1e-4) << k0;
+        EXPECT_NEAR(out[static_cast<size_t>(k0 + 1)], 0.8165 / 2, 1e-4) << k0;
+        if (k0 > 1) EXPECT_NEAR(out[static_cast<size_t>(k0 - 1)], 0.8165 / 2, 1e-4) << k0;
+        if (k0 > 3) EXPECT_NEAR(out[0], 0.0, 1e-5);
+    }
+}
+
+TEST(FFTMagnitude, NyquistTermIsDropped) {
+    const int n = 2048;
+    FFTMagnitude fft(n);
+    std::vector<float> frame(n);
+    for (int i = 0; i < n; ++i) frame[static_cast<size_t>(i)] = i % 2 == 0 ? 1.0f : -1.0f;
+    auto out = run(fft, frame);
+    // The Nyquist bin itself is not returned and does not fold into DC; only the window's
+    // sidelobe reaches the last returned bin.
+    for (int k = 0; k < n / 2 - 1; ++k) ASSERT_NEAR(out[static_cast<size_t>(k)], 0.0, 1e-5) << k;
+    EXPECT_NEAR(out[n / 2 - 1], 0.8165, 1e-4);
+}
