@@ -9,6 +9,7 @@
 #include <numeric>
 #include <string>
 
+#include "BlockLevel.h"
 #include "Exp.h"
 #include "Format.h"
 
@@ -28,12 +29,19 @@ int64_t fftSizeFor(int64_t hop) {
     return size;
 }
 
-// Block level in single precision; the squares are summed in double so that long offline
-// chunks do not lose their tail.
-float blockLevel(std::span<const float> samples) {
-    double sum = 0;
-    for (float s : samples) sum += static_cast<double>(s * s);
-    return std::sqrt(static_cast<float>(sum / static_cast<double>(samples.size())));
+// Leaves the `count` highest-scoring values first, best first, ties in their original order, and drops
+// the rest: what a stable sort and a cut would give, without the sort's temporary buffer.
+template <typename Score>
+void keepBestInOrder(std::vector<int64_t>& values, size_t count, const Score& score) {
+    count = std::min(count, values.size());
+    for (size_t k = 0; k < count; ++k) {
+        size_t best = k;
+        for (size_t j = k + 1; j < values.size(); ++j)
+            if (score(values[j]) > score(values[best])) best = j;
+        std::rotate(values.begin() + static_cast<std::ptrdiff_t>(k), values.begin() + static_cast<std::ptrdiff_t>(best),
+                    values.begin() + static_cast<std::ptrdiff_t>(best) + 1);
+    }
+    values.resize(count);
 }
 
 }  // namespace
@@ -280,8 +288,7 @@ std::optional<TempoAnalyzer::Periodicity> TempoAnalyzer::periodicity(double seco
     if (scoreAt(minLag + 1) <= scoreAt(minLag)) s.lags.push_back(minLag);
     if (scoreAt(maxLag - 1) <= scoreAt(maxLag)) s.lags.push_back(maxLag);
     if (std::find(s.lags.begin(), s.lags.end(), globalBest) == s.lags.end()) s.lags.push_back(globalBest);
-    std::stable_sort(s.lags.begin(), s.lags.end(), [&](int64_t a, int64_t b) { return scoreAt(a) > scoreAt(b); });
-    if (s.lags.size() > 6) s.lags.resize(6);
+    keepBestInOrder(s.lags, 6, scoreAt);
 
     double bestLag = static_cast<double>(globalBest);
     double bestScore = negativeInfinity;

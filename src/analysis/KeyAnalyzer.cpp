@@ -1,0 +1,583 @@
+#include "KeyAnalyzer.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <limits>
+#include <numbers>
+#include <string>
+
+#include "BlockLevel.h"
+#include "Exp.h"
+#include "Format.h"
+
+namespace velquin {
+
+namespace {
+
+constexpr std::array<std::string_view, 12> asciiNoteNames = {"C",  "C#", "D",  "D#", "E",  "F",
+                                                             "F#", "G",  "G#", "A",  "A#", "B"};
+
+// A switch override is kept only when it converts to an integer.
+int64_t integerOverride(std::string_view name, int64_t fallback) {
+    const double value = Exp::doubleValue(name, static_cast<double>(fallback));
+    if (!std::isfinite(value) || std::fabs(value) >= 9.2e18) return fallback;
+    return static_cast<int64_t>(value);
+}
+
+int64_t fftSizeFor(double sampleRate) {
+    int64_t size = 1024;
+    // The cap only matters for absurd rates; a frame must last at least 0.37 s.
+    while (static_cast<double>(size) / sampleRate < 0.37 && size < (int64_t{1} << 26)) size *= 2;
+    return size;
+}
+
+// Truncation of a non-negative count that may be huge or not a number.
+size_t truncatedCount(double value, size_t limit) {
+    if (!(value > 0)) return 0;
+    if (value >= static_cast<double>(limit)) return limit;
+    return static_cast<size_t>(value);
+}
+
+int64_t pitchClass(double roundedPitch) {
+    const auto r = static_cast<int64_t>(roundedPitch);
+    return ((r % 12) + 12) % 12;
+}
+
+const std::array<KeyAnalyzer::Chroma, 24>& triads() {
+    static const std::array<KeyAnalyzer::Chroma, 24> table = [] {
+        std::array<KeyAnalyzer::Chroma, 24> result{};
+        for (size_t t = 0; t < 24; ++t) {
+            const size_t r = t % 12;
+            const size_t third = t < 12 ? 4 : 3;
+            result[t][r] = 1;
+            result[t][(r + third) % 12] = 1;
+            result[t][(r + 7) % 12] = 1;
+            for (auto& v : result[t]) v /= 1.7320508075688772;
+        }
+        return result;
+    }();
+    return table;
+}
+
+constexpr std::array<double, 24> majorFunction = [] {
+    std::array<double, 24> f{};
+    f[0] = 1.0;
+    f[5] = 0.6;
+    f[7] = 0.7;
+    f[14] = 0.4;
+    f[16] = 0.3;
+    f[21] = 0.55;
+    return f;
+}();
+
+constexpr std::array<double, 24> minorFunction = [] {
+    std::array<double, 24> f{};
+    f[3] = 0.55;
+    f[7] = 0.6;
+    f[8] = 0.55;
+    f[10] = 0.45;
+    f[12] = 1.0;
+    f[14] = 0.15;
+    f[17] = 0.5;
+    f[19] = 0.5;
+    return f;
+}();
+
+bool debugEnabled() { return std::getenv("TESSARO_DEBUG") != nullptr; }
+
+MusicalKey relativeOf(const MusicalKey& key) {
+    return key.isMinor ? MusicalKey{(key.tonic + 3) % 12, false} : MusicalKey{(key.tonic + 9) % 12, true};
+}
+
+}  // namespace
+
+KeyAnalyzer::KeyAnalyzer(double sampleRate, bool offline)
+    : minFrequency_(Exp::doubleValue("FMIN", 30.0)),
+      maxFrequency_(Exp::doubleValue("FMAX", 1500.0)),
+      harmonicWeights_(Exp::list("HARM", {1.0, 0.55, 0.35, 0.22})),
+      historySeconds_(Exp::doubleValue("HIST", 45.0)),
+      semitoneTolerance_(Exp::doubleValue("DIST", 0.4)),
+      peakThreshold_(Exp::doubleValue("THR", 0.1)),
+      bassBoost_(Exp::doubleValue("BASS", 1.0)),
+      bassMaxHz_(Exp::doubleValue("BASSHZ", 260.0)),
+      frameWeighting_(integerOverride("FRAMEW", 0)),
+      peakCompression_(integerOverride("COMP", 0)),
+      chordWeight_(Exp::doubleValue("CHORDW", 1.5)),
+      chordWindowSeconds_(Exp::doubleValue("CHORDWIN", 1.5)),
+      chordMinConfidence_(Exp::doubleValue("CHORDCONF", 0.6)),
+      relativeGap_(Exp::doubleValue("RELGAP", 0.25)),
+      bassTonicWeight_(Exp::doubleValue("BASSW", 0.0)),
+      sampleRate_(sampleRate),
+      fftSize_(fftSizeFor(sampleRate)),
+      hop_(fftSize_ / 4),
+      fft_(fftSize_),
+      mag_(static_cast<size_t>(fftSize_ / 2), 0.0f),
+      silenceResetSeconds_(Exp::doubleValue("SILENCE", 0.3)),
+      shiftShortSeconds_(Exp::doubleValue("SHIFTSHORT", 8.0)),
+      shiftThreshold_(Exp::doubleValue("SHIFTTHR", 0.2)),
+      shiftHoldSeconds_(Exp::doubleValue("SHIFTHOLD", 6.0)),
+      offline_(offline) {
+    pending_.reserve(static_cast<size_t>(2 * fftSize_));
+    peaks_.reserve(64);
+    if (!offline_) {
+        const auto capacity = static_cast<size_t>(std::max<int64_t>(maxFrames(), 0)) + 1;
+        frames_.reserve(capacity);
+        bassFrames_.reserve(capacity);
+        midFrames_.reserve(capacity);
+        // Winners of the last few seconds at the service's tick rate, with room to spare.
+        recentWinners_.reserve(256);
+        segments_.reserve(capacity);
+    }
+}
+
+int64_t KeyAnalyzer::maxFrames() const {
+    const double frames = historySeconds_ * sampleRate_ / static_cast<double>(hop_);
+    return static_cast<int64_t>(truncatedCount(frames, size_t{1} << 40)) + 2;
+}
+
+size_t KeyAnalyzer::framesFor(double seconds) const {
+    return truncatedCount(sampleRate_ / static_cast<double>(hop_) * seconds, frames_.size());
+}
+
+double KeyAnalyzer::tuningOffsetSemitones() const {
+    if (tuningReal_ == 0 && tuningImag_ == 0) return 0;
+    return std::atan2(tuningImag_, tuningReal_) / (2 * std::numbers::pi);
+}
+
+void KeyAnalyzer::append(std::span<const float> samples) {
+    const auto n = static_cast<int64_t>(samples.size());
+    if (n == 0) return;
+    const float level = blockLevel(samples);
+    rms_ = 0.85 * rms_ + 0.15 * static_cast<double>(level);
+    samplesFed_ += n;
+
+    if (static_cast<double>(level) < silenceFloor_) {
+        silentSamples_ += n;
+        if (!offline_ && static_cast<double>(silentSamples_) > silenceResetSeconds_ * sampleRate_ &&
+            static_cast<double>(frames_.size()) > 8 * sampleRate_ / static_cast<double>(hop_)) {
+            restart(0);
+            silentSamples_ = 0;
+        }
+    } else {
+        silentSamples_ = 0;
+    }
+
+    pending_.insert(pending_.end(), samples.begin(), samples.end());
+    size_t start = 0;
+    const auto size = static_cast<size_t>(fftSize_);
+    while (pending_.size() - start >= size) {
+        fft_.magnitudes(pending_.data() + start, mag_.data());
+        addFrame();
+        start += static_cast<size_t>(hop_);
+    }
+    pending_.erase(pending_.begin(), pending_.begin() + static_cast<std::ptrdiff_t>(start));
+}
+
+void KeyAnalyzer::spectralPeaks() {
+    peaks_.clear();
+    const double binHz = sampleRate_ / static_cast<double>(fftSize_);
+    const auto lastUsable = static_cast<int64_t>(mag_.size()) - 2;
+    const int64_t lo = std::max<int64_t>(1, static_cast<int64_t>(truncatedCount(minFrequency_ / binHz, 1 << 30)));
+    const int64_t hi =
+        std::min<int64_t>(lastUsable, static_cast<int64_t>(truncatedCount(maxFrequency_ / binHz, 1 << 30)));
+    if (lo + 2 >= hi) return;
+
+    float top = 0;
+    for (int64_t i = lo; i <= hi; ++i) top = std::max(top, mag_[static_cast<size_t>(i)]);
+    if (!(top > 1e-7f)) return;
+    const float thr = top * static_cast<float>(peakThreshold_);
+
+    for (int64_t i = lo; i <= hi; ++i) {
+        const auto k = static_cast<size_t>(i);
+        const float x = mag_[k];
+        if (!(x > thr && mag_[k - 1] < x && mag_[k + 1] <= x)) continue;
+        const float a = std::log(std::max(mag_[k - 1], 1e-12f));
+        const float b = std::log(std::max(x, 1e-12f));
+        const float c = std::log(std::max(mag_[k + 1], 1e-12f));
+        const float d = a - 2 * b + c;
+        float p = 0;
+        if (std::fabs(d) > 1e-12f) {
+            const float offset = 0.5f * (a - c) / d;
+            if (std::fabs(offset) <= 0.5f) p = offset;
+        }
+        const double f = binHz * (static_cast<double>(i) + static_cast<double>(p));
+        if (f < minFrequency_ || f > maxFrequency_) continue;
+        double weight;
+        switch (peakCompression_) {
+            case 1: weight = std::log(static_cast<double>(x / thr) + 1); break;
+            case 2: weight = std::cbrt(static_cast<double>(x)); break;
+            case 3: weight = 1.0; break;
+            default: weight = std::sqrt(static_cast<double>(x)); break;
+        }
+        peaks_.push_back({f, weight});
+    }
+}
+
+void KeyAnalyzer::addFrame() {
+    spectralPeaks();
+    if (peaks_.empty()) return;
+
+    for (const Peak& peak : peaks_) {
+        const double m = 12 * std::log2(peak.frequency / 440) + 69;
+        const double phi = m - std::round(m);
+        tuningReal_ += peak.weight * std::cos(2 * std::numbers::pi * phi);
+        tuningImag_ += peak.weight * std::sin(2 * std::numbers::pi * phi);
+    }
+    const double delta = tuningOffsetSemitones();
+
+    Chroma chroma{};
+    Chroma mid{};
+    int64_t bassPc = -1;
+    double bestBass = 0;
+    for (const Peak& peak : peaks_) {
+        if (harmonicWeights_.empty() || peak.frequency < minFrequency_) continue;
+        for (size_t h = 0; h < harmonicWeights_.size(); ++h) {
+            const double f0 = peak.frequency / static_cast<double>(h + 1);
+            if (f0 < minFrequency_) break;
+            const double m = 12 * std::log2(f0 / 440) + 69 - delta;
+            const double r = std::round(m);
+            const double dev = std::fabs(m - r);
+            if (!(dev < semitoneTolerance_)) continue;
+            const auto pc = static_cast<size_t>(pitchClass(r));
+            const double c = peak.weight * harmonicWeights_[h] * (1 - dev / semitoneTolerance_);
+            const bool bass = h == 0 && peak.frequency < bassMaxHz_;
+            chroma[pc] += c * (bass ? bassBoost_ : 1.0);
+            if (f0 >= 200) mid[pc] += c;
+            if (bass && peak.weight > bestBass) {
+                bestBass = peak.weight;
+                bassPc = static_cast<int64_t>(pc);
+            }
+        }
+    }
+
+    double total = 0;
+    for (double v : chroma) total += v;
+    if (!(total > 0)) return;
+    switch (frameWeighting_) {
+        case 1: {
+            const double factor = std::sqrt(total) / total;
+            for (double& v : chroma) v *= factor;
+            break;
+        }
+        case 2: break;
+        default:
+            for (double& v : chroma) v /= total;
+            break;
+    }
+    double midTotal = 0;
+    for (double v : mid) midTotal += v;
+    if (midTotal > 0)
+        for (double& v : mid) v /= midTotal;
+
+    frames_.push_back(chroma);
+    bassFrames_.push_back(bassPc);
+    midFrames_.push_back(mid);
+    if (dumpFrames)
+        dumped_.push_back({static_cast<double>(samplesFed_) / sampleRate_, chroma, mid, bassPc});
+    if (!offline_) {
+        const auto limit = static_cast<size_t>(std::max<int64_t>(maxFrames(), 0));
+        frames_.keepLast(limit);
+        bassFrames_.keepLast(limit);
+        midFrames_.keepLast(limit);
+    }
+}
+
+void KeyAnalyzer::restart(double keepingSeconds) {
+    const size_t keep = std::min(frames_.size(), framesFor(keepingSeconds));
+    frames_.keepLast(keep);
+    bassFrames_.keepLast(keep);
+    midFrames_.keepLast(keep);
+    shownKey_.reset();
+    candidateKey_.reset();
+    tuningReal_ = 0;
+    tuningImag_ = 0;
+    recentWinners_.clear();
+    shiftLowSince_ = -1;
+    const double kept = sampleRate_ * keepingSeconds;
+    restartedAt_ = samplesFed_ - (std::isfinite(kept) && kept > 0 ? static_cast<int64_t>(kept) : 0);
+    restarts_ += 1;
+}
+
+void KeyAnalyzer::reset() {
+    pending_.clear();
+    frames_.clear();
+    bassFrames_.clear();
+    midFrames_.clear();
+    silentSamples_ = 0;
+    tuningReal_ = 0;
+    tuningImag_ = 0;
+    rms_ = 0;
+    shownKey_.reset();
+    candidateKey_.reset();
+    recentWinners_.clear();
+    shiftLowSince_ = -1;
+    restartedAt_ = samplesFed_;
+}
+
+double KeyAnalyzer::correlation(std::span<const double> a, std::span<const double> b) {
+    const size_t n = a.size();
+    if (n == 0) return 0;
+    double meanA = 0, meanB = 0;
+    for (size_t i = 0; i < n; ++i) {
+        meanA += a[i];
+        meanB += b[i];
+    }
+    meanA /= static_cast<double>(n);
+    meanB /= static_cast<double>(n);
+    double covariance = 0, varianceA = 0, varianceB = 0;
+    for (size_t i = 0; i < n; ++i) {
+        const double da = a[i] - meanA;
+        const double db = b[i] - meanB;
+        covariance += da * db;
+        varianceA += da * da;
+        varianceB += db * db;
+    }
+    if (!(varianceA > 1e-12) || !(varianceB > 1e-12)) return 0;
+    return covariance / std::sqrt(varianceA * varianceB);
+}
+
+std::array<double, 24> KeyAnalyzer::chordScores(double frameRate, size_t lastFrames) const {
+    std::array<double, 24> scores{};
+    if (!(chordWeight_ > 0)) return scores;
+    const size_t win = std::max<size_t>(2, truncatedCount(chordWindowSeconds_ * frameRate, size_t{1} << 40));
+    const auto recent = midFrames_.last(lastFrames);
+    if (recent.size() < win) return scores;
+
+    segments_.clear();
+    const auto& templates = triads();
+    for (size_t start = 0; start + win <= recent.size(); start += win) {
+        Chroma v{};
+        for (size_t f = start; f < start + win; ++f)
+            for (size_t i = 0; i < 12; ++i) v[i] += recent[f][i];
+        double energy = 0;
+        for (double x : v) energy += x * x;
+        const double norm = std::sqrt(energy);
+        if (!(norm > 0)) continue;
+        double best = -1;
+        size_t bestIndex = 0;
+        for (size_t t = 0; t < 24; ++t) {
+            double dot = 0;
+            for (size_t i = 0; i < 12; ++i) dot += v[i] * templates[t][i];
+            const double match = dot / norm;
+            if (match > best) {
+                best = match;
+                bestIndex = t;
+            }
+        }
+        if (best < chordMinConfidence_) continue;
+        const auto root = static_cast<int64_t>(bestIndex % 12);
+        const bool minor = bestIndex >= 12;
+        if (!segments_.empty() && segments_.back().root == root && segments_.back().isMinor == minor) {
+            segments_.back().frames += static_cast<int64_t>(win);
+            segments_.back().confidence = std::max(segments_.back().confidence, best);
+        } else {
+            segments_.push_back({root, minor, best, static_cast<int64_t>(win)});
+        }
+    }
+
+    double total = 0;
+    for (const auto& segment : segments_) total += static_cast<double>(segment.frames);
+    if (!(total > 0)) return scores;
+
+    std::array<bool, 24> seen{};
+    int distinct = 0;
+    for (const auto& segment : segments_) {
+        auto& s = seen[static_cast<size_t>(segment.root + (segment.isMinor ? 12 : 0))];
+        if (!s) ++distinct;
+        s = true;
+    }
+    double strength = std::min(0.25 * distinct, 1.0);
+    const double coverage = total / (20 * frameRate);
+    if (coverage < 1) strength *= coverage;
+
+    if (strength > 0) {
+        for (int64_t tonic = 0; tonic < 12; ++tonic) {
+            for (bool minor : {false, true}) {
+                const auto& function = minor ? minorFunction : majorFunction;
+                double s = 0;
+                for (const auto& segment : segments_) {
+                    const auto index = static_cast<size_t>(((segment.root - tonic) % 12 + 12) % 12 +
+                                                           (segment.isMinor ? 12 : 0));
+                    s += segment.confidence * function[index] * static_cast<double>(segment.frames);
+                }
+                scores[static_cast<size_t>(tonic + (minor ? 12 : 0))] = strength * s / total;
+            }
+        }
+    }
+
+    if (debugEnabled()) {
+        std::string list;
+        for (const auto& segment : segments_) {
+            if (!list.empty()) list += ' ';
+            list += asciiNoteNames[static_cast<size_t>(segment.root)];
+            if (segment.isMinor) list += 'm';
+            list += ':' + std::to_string(segment.frames);
+        }
+        if (list.size() > 300) list.resize(300);  // ASCII only, so bytes are characters
+        const std::string line = "  chords: " + list + format(" (ramp %.2f)\n", strength);
+        std::fwrite(line.data(), 1, line.size(), stderr);
+    }
+    return scores;
+}
+
+KeyEstimate KeyAnalyzer::decide(double usingLastSeconds) const {
+    const double frameRate = sampleRate_ / static_cast<double>(hop_);
+    size_t n = frames_.size();
+    if (std::isfinite(usingLastSeconds)) n = truncatedCount(frameRate * usingLastSeconds, size_t{1} << 40);
+    n = std::max<size_t>(n, 1);
+
+    const auto recent = frames_.last(n);
+    if (recent.size() < 8) return KeyEstimate::unknown;
+    Chroma sum{};
+    for (const auto& frame : recent)
+        for (size_t i = 0; i < 12; ++i) sum[i] += frame[i];
+    const double top = *std::max_element(sum.begin(), sum.end());
+    if (!(top > 0)) return KeyEstimate::unknown;
+
+    Chroma bass{};
+    for (int64_t b : bassFrames_.last(n))
+        if (b >= 0) bass[static_cast<size_t>(b)] += 1;
+    const double mostBass = *std::max_element(bass.begin(), bass.end());
+    if (mostBass > 0)
+        for (double& v : bass) v /= mostBass;
+
+    const auto chords = chordScores(frameRate, n);
+    const auto [majorProfile, minorProfile] = KeyProfile::selected();
+
+    struct Candidate {
+        MusicalKey key;
+        double score = 0;
+    };
+    std::array<Candidate, 24> ranked;
+    const auto& keys = MusicalKey::all();
+    for (size_t k = 0; k < keys.size(); ++k) {
+        const MusicalKey key = keys[k];
+        const auto& profile = key.isMinor ? *minorProfile : *majorProfile;
+        Chroma rotated{};
+        for (size_t i = 0; i < 12; ++i) rotated[(i + static_cast<size_t>(key.tonic)) % 12] = profile[i];
+        const auto tonic = static_cast<size_t>(key.tonic);
+        ranked[k] = {key, correlation(sum, rotated) + bassTonicWeight_ * bass[tonic] +
+                              chordWeight_ * chords[tonic + (key.isMinor ? 12 : 0)]};
+    }
+    // Insertion sort: stable (ties keep the order of all keys) and, unlike std::stable_sort, never allocates.
+    for (size_t i = 1; i < ranked.size(); ++i) {
+        const Candidate c = ranked[i];
+        size_t j = i;
+        while (j > 0 && ranked[j - 1].score < c.score) {
+            ranked[j] = ranked[j - 1];
+            --j;
+        }
+        ranked[j] = c;
+    }
+
+    if (debugEnabled()) {
+        std::string text = "  chroma: ";
+        for (size_t i = 0; i < 12; ++i) text += format("%@=%.2f ", asciiNoteNames[i], sum[i] / top);
+        text += "\n  keys:   ";
+        for (size_t i = 0; i < 5; ++i) text += format("%@=%.3f  ", ranked[i].key.shortName(), ranked[i].score);
+        text += "\n";
+        std::fwrite(text.data(), 1, text.size(), stderr);
+    }
+
+    const double s1 = ranked[0].score;
+    if (!(s1 > 0)) return KeyEstimate::unknown;
+    const double s2 = ranked[1].score;
+    const double margin = std::max(s1 - s2, 0.0);
+    const double separation = std::min(4 * margin / std::max(std::fabs(s1), 0.05), 1.0);
+    const double level = std::clamp(2 * (s1 - 0.3), 0.0, 1.0);
+    const double confidence = std::clamp(level * (0.45 + 0.55 * separation), 0.0, 1.0);
+
+    KeyEstimate result;
+    result.key = ranked[0].key;
+    for (size_t i = 0; i < 12; ++i) result.chroma[i] = sum[i] / top;
+    result.confidence = confidence;
+    if ((s1 - s2) / s1 < 0.06) {
+        result.alternative = ranked[1].key;
+    } else {
+        const MusicalKey relative = relativeOf(ranked[0].key);
+        for (size_t i = 1; i < ranked.size(); ++i) {
+            if (ranked[i].key == relative) {
+                if ((s1 - ranked[i].score) / s1 < relativeGap_) result.alternative = relative;
+                break;
+            }
+        }
+    }
+    result.tuningCents = tuningOffsetSemitones() * 100;
+    return result;
+}
+
+void KeyAnalyzer::detectSongChange() {
+    const double frameRate = sampleRate_ / static_cast<double>(hop_);
+    const size_t shortSpan = truncatedCount(shiftShortSeconds_ * frameRate, size_t{1} << 40);
+    const size_t base = truncatedCount(8 * frameRate, size_t{1} << 40);
+    if (frames_.size() >= shortSpan + base) {
+        const auto all = frames_.view();
+        const size_t split = all.size() - shortSpan;
+        Chroma recent{}, older{};
+        for (size_t f = 0; f < all.size(); ++f) {
+            auto& target = f < split ? older : recent;
+            for (size_t i = 0; i < 12; ++i) target[i] += all[f][i];
+        }
+        if (correlation(recent, older) < shiftThreshold_) {
+            if (shiftLowSince_ < 0) shiftLowSince_ = samplesFed_;
+            if (static_cast<double>(samplesFed_ - shiftLowSince_) >= shiftHoldSeconds_ * sampleRate_)
+                restart(shiftShortSeconds_);
+            return;
+        }
+    }
+    shiftLowSince_ = -1;
+}
+
+KeyEstimate KeyAnalyzer::estimate() {
+    if (!(rms_ > silenceFloor_)) return KeyEstimate::unknown;
+    const double frameRate = sampleRate_ / static_cast<double>(hop_);
+    if (!offline_) detectSongChange();
+    if (static_cast<double>(frames_.size()) < minimumSeconds_ * frameRate) return KeyEstimate::unknown;
+
+    const KeyEstimate d = decide(historySeconds_);
+    const double ramp =
+        std::min(static_cast<double>(samplesFed_ - restartedAt_) / sampleRate_ / 15, 1.0);
+    const double confidence = ramp * d.confidence;
+    if (!d.key) {
+        KeyEstimate result = d;
+        result.confidence = confidence;
+        return result;
+    }
+
+    const MusicalKey k = *d.key;
+    recentWinners_.push_back({samplesFed_, k});
+    const int64_t oldest = samplesFed_ - static_cast<int64_t>(agreementSeconds_ * sampleRate_);
+    while (!recentWinners_.empty() && recentWinners_[0].at < oldest) recentWinners_.dropFront(1);
+
+    if (!shownKey_) {
+        shownKey_ = k;
+    } else if (k == *shownKey_) {
+        candidateKey_.reset();
+    } else if (candidateKey_ && k == *candidateKey_) {
+        const double hold = k.isRelativeOf(*shownKey_) ? 6.0 : switchAfterSeconds_;
+        if (static_cast<double>(samplesFed_ - candidateSince_) >= hold * sampleRate_) {
+            shownKey_ = k;
+            candidateKey_.reset();
+        }
+    } else {
+        candidateKey_ = k;
+        candidateSince_ = samplesFed_;
+    }
+
+    KeyEstimate result = d;
+    if (!(*shownKey_ == k)) {
+        result.key = shownKey_;
+        result.alternative = k;
+        result.confidence = confidence * 0.6;
+        return result;
+    }
+    size_t agreeing = 0;
+    for (const auto& winner : recentWinners_.view()) agreeing += winner.key == k ? 1 : 0;
+    const double agreement = static_cast<double>(agreeing) / static_cast<double>(recentWinners_.size());
+    result.confidence = confidence * (0.5 + 0.5 * agreement);
+    return result;
+}
+
+}  // namespace velquin
