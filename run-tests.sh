@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # The whole test suite: installs what is missing, then builds and tests a normal build and an
-# AddressSanitizer + UndefinedBehaviorSanitizer build.
+# AddressSanitizer + UndefinedBehaviorSanitizer build, then the threaded capture code under ThreadSanitizer.
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/scripts/setup.sh"
 velquin_install_packages
@@ -23,5 +23,13 @@ export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=0}
 export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
 velquin_build "$VELQUIN_ROOT/build-asan" -DCMAKE_BUILD_TYPE=Debug -DVELQUIN_SANITIZE=ON
 run_ctest "$VELQUIN_ROOT/build-asan"
+
+echo "== ThreadSanitizer build (sample ring, service, capture sources)"
+export TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1:suppressions=$VELQUIN_ROOT/tests/sanitizers/tsan.supp}
+tsan="$VELQUIN_ROOT/build-tsan"
+[ -f "$tsan/build.ninja" ] ||
+    cmake -S "$VELQUIN_ROOT" -B "$tsan" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DVELQUIN_TSAN=ON >/dev/null
+cmake --build "$tsan" -j "$jobs" --target capture_tests
+run_ctest "$tsan" -R '^(SampleRing|TempoService|PulseSource)\.'
 
 exit $status

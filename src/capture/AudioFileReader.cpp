@@ -1,0 +1,468 @@
+// Decoding over FFmpeg: demux, decode the first audio stream, convert whatever sample format the
+// decoder gives to planar float (same rate, same channels), and queue it so each read returns full chunks.
+
+#include "AudioFileReader.h"
+
+#include <sys/stat.h>
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <mutex>
+#include <utility>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+#include <libavutil/audio_fifo.h>
+#include <libavutil/channel_layout.h>
+#include <libavutil/error.h>
+#include <libavutil/mem.h>
+#include <libswresample/swresample.h>
+}
+
+namespace velquin {
+
+namespace {
+
+// swresample handles at most this many channels; a file claiming more is damaged or not for listening.
+constexpr int maximumChannels = 64;
+
+// Steps (packets read, frames asked for) without a decoded frame or a consumed packet before we give up on a
+// decoder that keeps answering "try again".
+constexpr int maximumStalls = 1000;
+
+// Demuxer reads in a row that fail with "invalid data" before the rest of the file counts as unreadable.
+constexpr int maximumBadReads = 32;
+
+constexpr int ioBufferSize = 64 * 1024;
+
+std::string errorText(int code) {
+    char text[AV_ERROR_MAX_STRING_SIZE] = {};
+    if (av_strerror(code, text, sizeof text) < 0) return "decoder error " + std::to_string(code);
+    return text;
+}
+
+[[noreturn]] void fail(int code) {
+    throw AudioFileError(errorText(code));
+}
+
+// Failures that mean the decoder itself is broken or out of memory, as opposed to bad input data.
+bool isHardFailure(int code) {
+    return code == AVERROR(ENOMEM) || code == AVERROR_BUG || code == AVERROR_BUG2;
+}
+
+struct FormatCloser {
+    void operator()(AVFormatContext* p) const { avformat_close_input(&p); }
+};
+struct CodecFreer {
+    void operator()(AVCodecContext* p) const { avcodec_free_context(&p); }
+};
+struct FrameFreer {
+    void operator()(AVFrame* p) const { av_frame_free(&p); }
+};
+struct PacketFreer {
+    void operator()(AVPacket* p) const { av_packet_free(&p); }
+};
+struct SwrFreer {
+    void operator()(SwrContext* p) const { swr_free(&p); }
+};
+struct FifoFreer {
+    void operator()(AVAudioFifo* p) const { av_audio_fifo_free(p); }
+};
+struct IOFreer {
+    void operator()(AVIOContext* p) const {
+        av_freep(&p->buffer);
+        avio_context_free(&p);
+    }
+};
+
+// AVChannelLayout owns memory for custom orders; this frees it on every path.
+struct Layout {
+    AVChannelLayout value{};
+    Layout() = default;
+    Layout(const Layout&) = delete;
+    Layout& operator=(const Layout&) = delete;
+    ~Layout() { av_channel_layout_uninit(&value); }
+};
+
+struct MemorySource {
+    std::span<const std::uint8_t> bytes;
+    int64_t position = 0;
+
+    static int read(void* opaque, uint8_t* buffer, int size) {
+        auto* self = static_cast<MemorySource*>(opaque);
+        const auto remaining = static_cast<int64_t>(self->bytes.size()) - self->position;
+        const auto n = static_cast<int>(std::min<int64_t>(remaining, size));
+        if (n <= 0) return AVERROR_EOF;
+        std::memcpy(buffer, self->bytes.data() + self->position, static_cast<size_t>(n));
+        self->position += n;
+        return n;
+    }
+
+    static int64_t seek(void* opaque, int64_t offset, int whence) {
+        auto* self = static_cast<MemorySource*>(opaque);
+        const auto size = static_cast<int64_t>(self->bytes.size());
+        int64_t target = 0;
+        switch (whence & ~AVSEEK_FORCE) {
+            case AVSEEK_SIZE:
+                return size;
+            case SEEK_SET:
+                target = offset;
+                break;
+            case SEEK_CUR:
+                target = self->position + offset;
+                break;
+            case SEEK_END:
+                target = size + offset;
+                break;
+            default:
+                return AVERROR(EINVAL);
+        }
+        if (target < 0 || target > size) return AVERROR(EINVAL);
+        self->position = target;
+        return target;
+    }
+};
+
+// An in-memory input must not reach out to other files or the network (playlists, references in
+// containers): every nested open is refused.
+int refuseNestedOpen(AVFormatContext*, AVIOContext**, const char*, int, AVDictionary**) {
+    return AVERROR(EPERM);
+}
+
+void quietLibrary() {
+    static std::once_flag once;
+    std::call_once(once, [] { av_log_set_level(AV_LOG_QUIET); });
+}
+
+}  // namespace
+
+struct AudioFileReader::State {
+    // Declared in this order so the format context closes before the I/O it reads from goes away.
+    MemorySource memory;
+    std::unique_ptr<AVIOContext, IOFreer> io;
+    std::unique_ptr<AVFormatContext, FormatCloser> format;
+    std::unique_ptr<AVCodecContext, CodecFreer> decoder;
+    std::unique_ptr<AVPacket, PacketFreer> packet;
+    std::unique_ptr<AVFrame, FrameFreer> frame;
+    std::unique_ptr<SwrContext, SwrFreer> converter;
+    std::unique_ptr<AVAudioFifo, FifoFreer> fifo;
+    int streamIndex = -1;
+
+    int rate = 0;
+    int channels = 0;
+    bool configured = false;  // rate and channels fixed by the first decoded frame (or the container)
+
+    // The input the converter was set up for; a change mid-stream rebuilds it.
+    int converterFormat = AV_SAMPLE_FMT_NONE;
+    int converterChannels = 0;
+
+    bool havePacket = false;  // `packet` holds data the decoder has not yet taken
+    bool flushed = false;
+    bool finished = false;
+    int64_t skipped = 0;  // packets or frames dropped as undecodable
+
+    std::vector<float> scratch;  // converter output, planar
+    std::vector<uint8_t*> scratchPlanes;
+    std::vector<float> output;  // chunkFrames per channel, planar
+    std::vector<void*> outputPlanes;
+
+    void openPath(const std::string& path) {
+        struct stat info {};
+        if (::stat(path.c_str(), &info) == 0) {
+            if (S_ISDIR(info.st_mode)) fail(AVERROR(EISDIR));
+            // A pipe or a device could block forever or never end.
+            if (!S_ISREG(info.st_mode)) throw AudioFileError("not a regular file");
+        }
+        AVDictionary* options = nullptr;
+        av_dict_set(&options, "protocol_whitelist", "file", 0);
+        AVFormatContext* raw = nullptr;
+        // The "file:" prefix keeps a name with a colon in it from being read as a protocol.
+        const int r = avformat_open_input(&raw, ("file:" + path).c_str(), nullptr, &options);
+        av_dict_free(&options);
+        if (r < 0) fail(r);
+        format.reset(raw);
+    }
+
+    void openMemory(std::span<const std::uint8_t> bytes) {
+        memory.bytes = bytes;
+        auto* buffer = static_cast<unsigned char*>(av_malloc(ioBufferSize));
+        if (buffer == nullptr) fail(AVERROR(ENOMEM));
+        AVIOContext* ctx = avio_alloc_context(buffer, ioBufferSize, 0, &memory, &MemorySource::read, nullptr,
+                                              &MemorySource::seek);
+        if (ctx == nullptr) {
+            av_free(buffer);
+            fail(AVERROR(ENOMEM));
+        }
+        io.reset(ctx);
+        AVFormatContext* raw = avformat_alloc_context();
+        if (raw == nullptr) fail(AVERROR(ENOMEM));
+        raw->pb = io.get();
+        raw->flags |= AVFMT_FLAG_CUSTOM_IO;
+        raw->io_open = &refuseNestedOpen;
+        const int r = avformat_open_input(&raw, nullptr, nullptr, nullptr);  // frees `raw` on failure
+        if (r < 0) fail(r);
+        format.reset(raw);
+    }
+
+    void openDecoder() {
+        int r = avformat_find_stream_info(format.get(), nullptr);
+        if (r < 0) fail(r);
+
+        // The first audio stream, as a player would pick it in a movie with several.
+        const AVCodec* codec = nullptr;
+        bool sawAudio = false;
+        for (unsigned i = 0; i < format->nb_streams && streamIndex < 0; ++i) {
+            const AVCodecParameters* par = format->streams[i]->codecpar;
+            if (par->codec_type != AVMEDIA_TYPE_AUDIO) continue;
+            sawAudio = true;
+            codec = avcodec_find_decoder(par->codec_id);
+            if (codec != nullptr) streamIndex = static_cast<int>(i);
+        }
+        if (!sawAudio) throw AudioFileError("no audio stream in the file");
+        if (streamIndex < 0) throw AudioFileError("no decoder for the file's audio");
+        for (unsigned i = 0; i < format->nb_streams; ++i)
+            if (static_cast<int>(i) != streamIndex) format->streams[i]->discard = AVDISCARD_ALL;
+
+        AVStream* stream = format->streams[streamIndex];
+        decoder.reset(avcodec_alloc_context3(codec));
+        if (!decoder) fail(AVERROR(ENOMEM));
+        r = avcodec_parameters_to_context(decoder.get(), stream->codecpar);
+        if (r < 0) fail(r);
+        decoder->pkt_timebase = stream->time_base;
+        r = avcodec_open2(decoder.get(), codec, nullptr);
+        if (r < 0) fail(r);
+
+        packet.reset(av_packet_alloc());
+        frame.reset(av_frame_alloc());
+        if (!packet || !frame) fail(AVERROR(ENOMEM));
+
+        // The first decoded frame is authoritative for rate and channels; the container's numbers are
+        // only a fallback for a stream that yields no audio at all.
+        pump();
+        if (!configured) configure(stream->codecpar->sample_rate, stream->codecpar->ch_layout.nb_channels);
+    }
+
+    void configure(int sampleRate, int channelCount) {
+        if (sampleRate <= 0) throw AudioFileError("the file has no valid sample rate");
+        if (sampleRate > maximumSampleRate)
+            throw AudioFileError("unsupported sample rate (" + std::to_string(sampleRate) + " Hz)");
+        if (channelCount <= 0) throw AudioFileError("the file has no audio channels");
+        if (channelCount > maximumChannels)
+            throw AudioFileError("unsupported channel count (" + std::to_string(channelCount) + ")");
+        rate = sampleRate;
+        channels = channelCount;
+        configured = true;
+        fifo.reset(av_audio_fifo_alloc(AV_SAMPLE_FMT_FLTP, channels, static_cast<int>(2 * chunkFrames)));
+        if (!fifo) fail(AVERROR(ENOMEM));
+        output.assign(static_cast<size_t>(channels * chunkFrames), 0.0f);
+        outputPlanes.resize(static_cast<size_t>(channels));
+        for (int k = 0; k < channels; ++k) outputPlanes[size_t(k)] = output.data() + k * chunkFrames;
+        scratchPlanes.resize(static_cast<size_t>(channels));
+    }
+
+    // Decodes until one frame has been queued; false once the stream is exhausted.
+    bool pump() {
+        int stalls = 0;
+        while (!finished) {
+            if (++stalls > maximumStalls) throw AudioFileError("the decoder stopped making progress");
+            int r = avcodec_receive_frame(decoder.get(), frame.get());
+            if (r == 0) {
+                const bool queued = queue();
+                av_frame_unref(frame.get());
+                if (queued) return true;
+                stalls = 0;
+                continue;
+            }
+            if (r == AVERROR_EOF) {
+                finished = true;
+                break;
+            }
+            if (r != AVERROR(EAGAIN)) {
+                // A frame that would not decode is skipped, as players do.
+                if (isHardFailure(r)) fail(r);
+                ++skipped;
+            }
+            if (flushed) {
+                // Drained after the flush but no end reported: nothing more can come.
+                finished = true;
+                break;
+            }
+            if (!havePacket && !readPacket()) {
+                r = avcodec_send_packet(decoder.get(), nullptr);
+                if (r < 0 && isHardFailure(r)) fail(r);
+                flushed = true;
+                continue;
+            }
+            r = avcodec_send_packet(decoder.get(), packet.get());
+            if (r == AVERROR(EAGAIN)) continue;  // it has frames to give first; the packet stays
+            av_packet_unref(packet.get());
+            havePacket = false;
+            stalls = 0;
+            if (r < 0) {
+                if (isHardFailure(r)) fail(r);
+                ++skipped;
+            }
+        }
+        return false;
+    }
+
+    // Reads the next packet of our stream into `packet`; false at the end of the input.
+    bool readPacket() {
+        int badReads = 0;
+        for (;;) {
+            const int r = av_read_frame(format.get(), packet.get());
+            if (r == AVERROR_EOF) return false;
+            if (r == AVERROR_INVALIDDATA || r == AVERROR(EAGAIN)) {
+                // Damage the demuxer could not resync past: the rest is unreadable, keep what came before.
+                if (++badReads > maximumBadReads) return false;
+                ++skipped;
+                continue;
+            }
+            if (r < 0) fail(r);
+            if (packet->stream_index == streamIndex) {
+                havePacket = true;
+                return true;
+            }
+            av_packet_unref(packet.get());
+        }
+    }
+
+    // Converts the decoded frame to planar float and appends it to the FIFO; false if it was dropped.
+    bool queue() {
+        const AVFrame* f = frame.get();
+        const int n = f->nb_samples;
+        const int frameChannels = f->ch_layout.nb_channels;
+        if (n <= 0 || f->extended_data == nullptr || f->sample_rate <= 0 || frameChannels <= 0) return false;
+        if (!configured) {
+            if (frameChannels > maximumChannels) {
+                ++skipped;
+                return false;
+            }
+            configure(f->sample_rate, frameChannels);
+        }
+        // Never resampled or remixed: audio in another shape than the start's is dropped like a bad packet.
+        if (f->sample_rate != rate || frameChannels != channels) {
+            ++skipped;
+            return false;
+        }
+
+        void* const* planes = reinterpret_cast<void* const*>(f->extended_data);
+        int frames = n;
+        if (f->format != AV_SAMPLE_FMT_FLTP) {
+            frames = convert(*f);
+            if (frames <= 0) return false;
+            planes = reinterpret_cast<void* const*>(scratchPlanes.data());
+        }
+        if (av_audio_fifo_write(fifo.get(), const_cast<void**>(planes), frames) < frames)
+            fail(AVERROR(ENOMEM));
+        return true;
+    }
+
+    int convert(const AVFrame& f) {
+        if (!converter || converterFormat != f.format || converterChannels != channels) {
+            converter.reset();
+            // Same default layout on both sides: swresample then only converts the sample format and
+            // leaves every channel where it was, whatever order the file declared.
+            Layout layout;
+            av_channel_layout_default(&layout.value, channels);
+            SwrContext* raw = nullptr;
+            int r = swr_alloc_set_opts2(&raw, &layout.value, AV_SAMPLE_FMT_FLTP, rate, &layout.value,
+                                        static_cast<AVSampleFormat>(f.format), rate, 0, nullptr);
+            if (r < 0) {
+                swr_free(&raw);
+                ++skipped;
+                return 0;
+            }
+            converter.reset(raw);
+            r = swr_init(converter.get());
+            if (r < 0) {
+                converter.reset();
+                ++skipped;
+                return 0;
+            }
+            converterFormat = f.format;
+            converterChannels = channels;
+        }
+        const int capacity = swr_get_out_samples(converter.get(), f.nb_samples);
+        if (capacity <= 0) return 0;
+        const auto needed = static_cast<size_t>(capacity) * static_cast<size_t>(channels);
+        if (scratch.size() < needed) scratch.resize(needed);  // grows to the largest frame, then stays
+        for (int k = 0; k < channels; ++k)
+            scratchPlanes[size_t(k)] =
+                reinterpret_cast<uint8_t*>(scratch.data() + size_t(k) * size_t(capacity));
+        const int r = swr_convert(converter.get(), scratchPlanes.data(), capacity,
+                                  const_cast<const uint8_t**>(f.extended_data), f.nb_samples);
+        if (r < 0) {
+            ++skipped;
+            return 0;
+        }
+        return r;
+    }
+};
+
+AudioFileReader::AudioFileReader(const std::string& path) : state_(std::make_unique<State>()) {
+    quietLibrary();
+    state_->openPath(path);
+    state_->openDecoder();
+}
+
+AudioFileReader::AudioFileReader(std::unique_ptr<State> state) : state_(std::move(state)) {}
+
+AudioFileReader AudioFileReader::fromMemory(std::span<const std::uint8_t> bytes) {
+    quietLibrary();
+    auto state = std::make_unique<State>();
+    state->openMemory(bytes);
+    state->openDecoder();
+    return AudioFileReader(std::move(state));
+}
+
+AudioFileReader::~AudioFileReader() = default;
+
+double AudioFileReader::sampleRate() const {
+    return state_->rate;
+}
+
+int AudioFileReader::channelCount() const {
+    return state_->channels;
+}
+
+int64_t AudioFileReader::read(int64_t maxFrames) {
+    State& s = *state_;
+    const int want = static_cast<int>(std::clamp<int64_t>(maxFrames, 0, chunkFrames));
+    while (av_audio_fifo_size(s.fifo.get()) < want && s.pump()) {
+    }
+    const int n = std::min(want, av_audio_fifo_size(s.fifo.get()));
+    if (n <= 0) return 0;
+    if (av_audio_fifo_read(s.fifo.get(), s.outputPlanes.data(), n) != n)
+        throw AudioFileError("could not read decoded audio");
+    // A broken float file can hold NaN or infinities; the analyzers would carry them forever, so they
+    // leave here as silence.
+    for (int k = 0; k < s.channels; ++k) {
+        float* samples = s.output.data() + k * chunkFrames;
+        for (int i = 0; i < n; ++i)
+            if (!std::isfinite(samples[i])) samples[i] = 0.0f;
+    }
+    return n;
+}
+
+void AudioFileReader::mixToMono(int64_t frames, float* mono) const {
+    const auto n = static_cast<size_t>(frames);
+    std::fill_n(mono, n, 0.0f);
+    const int count = channelCount();
+    for (int k = 0; k < count; ++k) {
+        const float* samples = channel(k);
+        for (size_t i = 0; i < n; ++i) mono[i] += samples[i];
+    }
+    if (count > 1) {
+        const float scale = 1.0f / static_cast<float>(count);
+        for (size_t i = 0; i < n; ++i) mono[i] *= scale;
+    }
+}
+
+const float* AudioFileReader::channel(int k) const {
+    if (k < 0 || k >= state_->channels) return nullptr;
+    return state_->output.data() + k * chunkFrames;
+}
+
+}  // namespace velquin

@@ -1,0 +1,49 @@
+#pragma once
+// Captures the default input (whatever the desktop calls the microphone) at its own rate and channel
+// count, mixed to mono. Follows no device or format changes while running.
+//
+// Threads: start() and stop() on the owner's thread (never from a callback); samples arrive on the
+// source's PulseAudio thread and must only be copied. Never calls onSampleRateChange or onNeedsRestart.
+
+#include <atomic>
+#include <cstddef>
+#include <optional>
+#include <vector>
+
+#include "AudioSource.h"
+#include "PulseConnection.h"
+
+namespace velquin {
+
+class MicrophoneSource final : public AudioSource {
+public:
+    MicrophoneSource();
+    // Stops as well: a PulseAudio thread must not outlive the object it calls into.
+    ~MicrophoneSource() override;
+    MicrophoneSource(const MicrophoneSource&) = delete;
+    MicrophoneSource& operator=(const MicrophoneSource&) = delete;
+
+    double sampleRate() const override { return sampleRate_.load(std::memory_order_relaxed); }
+    void start() override;
+    void stop() override;
+
+    // Mixes `frames` interleaved float frames of `channels` channels to mono and hands them to
+    // onSamples; empty blocks and null data are skipped. Allocates only when the block is larger than any before.
+    // Runs on the PulseAudio thread; public so the mixing can be tested without a server.
+    void handle(const float* data, size_t frames, unsigned channels);
+
+private:
+    std::optional<AudioSourceError> startLocked();
+    void deliverSilence(size_t frames);
+    static void readCallback(pa_stream* stream, size_t bytes, void* userdata);
+
+    std::atomic<double> sampleRate_{48000};
+    // Touched only with the loop's lock held (or after the loop has stopped).
+    pulse::MainloopPtr loop_;
+    pulse::ContextPtr context_;
+    pulse::StreamPtr stream_;
+    unsigned channels_ = 0;
+    std::vector<float> mono_;  // reusable mix buffer; grows, never shrinks
+};
+
+}  // namespace velquin

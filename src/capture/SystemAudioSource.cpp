@@ -1,0 +1,257 @@
+#include "SystemAudioSource.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace velquin {
+
+namespace {
+
+// 20 ms fragments: a steady delivery cadence without keeping the whole sound system busy.
+constexpr uint32_t kFragmentMilliseconds = 20;
+// The largest block the server hands out in one piece (one 64 KiB memory block of floats), so that the
+// mix buffer never has to grow while running.
+constexpr size_t kInitialMixFrames = 16384;
+constexpr std::chrono::milliseconds kRetryInterval{1000};
+
+constexpr auto kSubscriptions =
+    static_cast<pa_subscription_mask_t>(PA_SUBSCRIPTION_MASK_SERVER | PA_SUBSCRIPTION_MASK_SOURCE);
+
+void unrefIfAny(pa_operation* op) {
+    if (op) pa_operation_unref(op);  // null when the context is no longer READY
+}
+
+}  // namespace
+
+SystemAudioSource::SystemAudioSource() = default;
+
+SystemAudioSource::~SystemAudioSource() { stop(); }
+
+void SystemAudioSource::start() {
+    stop();
+    loop_ = pulse::startMainloop("velquin.systap");
+    if (!loop_) throw AudioSourceError::createTapFailed(PA_ERR_INTERNAL);
+    std::optional<AudioSourceError> failure;
+    {
+        pulse::Lock lock(loop_.get());
+        failure = startLocked();
+    }
+    if (failure) {
+        stop();
+        throw *failure;
+    }
+}
+
+std::optional<AudioSourceError> SystemAudioSource::startLocked() {
+    pa_threaded_mainloop* loop = loop_.get();
+
+    // Reaching the sound server is what tapping the system's output amounts to here.
+    context_ = pulse::newContext(loop);
+    if (!context_) return AudioSourceError::createTapFailed(PA_ERR_INTERNAL);
+    if (const int error = pulse::connect(loop, context_.get())) return AudioSourceError::createTapFailed(error);
+    pa_context* context = context_.get();
+
+    pulse::ServerInfo server;
+    if (const int error = pulse::queryServerInfo(loop, context, server))
+        return AudioSourceError::tapFormatUnavailable(error);
+    if (server.defaultSinkName.empty()) return AudioSourceError::noOutputDevice();
+    pulse::DeviceInfo sink;
+    if (const int error = pulse::querySinkInfo(loop, context, server.defaultSinkName, sink)) {
+        if (error == PA_ERR_NOENTITY) return AudioSourceError::noOutputDevice();  // removed meanwhile
+        return AudioSourceError::tapFormatUnavailable(error);
+    }
+    if (const int error = pulse::querySourceInfo(loop, context, sink.monitorSourceName, monitor_))
+        return AudioSourceError::tapFormatUnavailable(error);
+    if (monitor_.spec.rate == 0 || monitor_.spec.channels == 0) return AudioSourceError::tapFormatUnavailable(0);
+    sinkName_ = server.defaultSinkName;
+
+    stream_ = pulse::newRecordStream(context, "System Audio", monitor_);
+    if (!stream_) return AudioSourceError::aggregateDeviceFailed(pulse::lastError(context));
+    const pa_sample_spec& spec = *pa_stream_get_sample_spec(stream_.get());
+    channels_ = spec.channels;
+
+    sampleRate_.store(monitor_.spec.rate, std::memory_order_relaxed);
+
+    startListeningForChanges();
+
+    if (std::getenv("TESSARO_DEBUG")) {
+        const std::string lines =
+            "tap format rate=" + pulse::rateText(spec.rate) + " ch=" + std::to_string(spec.channels) +
+            " flags=" + std::to_string(static_cast<int>(spec.format)) + " bpf=" + std::to_string(pa_frame_size(&spec)) +
+            "\naggregate nominal rate=" + pulse::rateText(monitor_.spec.rate) +
+            "\noutput device nominal rate=" + pulse::rateText(sink.spec.rate > 0 ? double(sink.spec.rate) : -1.0) +
+            "\nusing rate=" + pulse::rateText(sampleRate()) + "\n";
+        std::fwrite(lines.data(), 1, lines.size(), stderr);
+    }
+
+    if (mono_.size() < kInitialMixFrames) mono_.assign(kInitialMixFrames, 0.0f);
+    pa_stream_set_read_callback(stream_.get(), readCallback, this);
+    const uint32_t fragmentFrames = std::max<uint32_t>(1, spec.rate * kFragmentMilliseconds / 1000);
+    if (const int error =
+            pulse::connectRecord(loop, context, stream_.get(), monitor_.name.c_str(), fragmentFrames))
+        return AudioSourceError::ioProcFailed(error);
+    pa_stream_set_state_callback(stream_.get(), streamStateCallback, this);
+    return std::nullopt;
+}
+
+void SystemAudioSource::startListeningForChanges() {
+    retryTimer_ = std::make_unique<pulse::Timer>(loop_.get(), [this] { retryConnection(); });
+    pa_context_set_state_callback(context_.get(), contextStateCallback, this);
+    pa_context_set_subscribe_callback(context_.get(), subscribeCallback, this);
+    // A failed subscription only means changes are not followed.
+    (void)pulse::subscribe(loop_.get(), context_.get(), kSubscriptions);
+}
+
+void SystemAudioSource::stop() {
+    if (!loop_) return;
+    // The loop cannot stop itself; a stop requested from a callback would deadlock or abort.
+    if (pa_threaded_mainloop_in_thread(loop_.get())) return;
+    {
+        pulse::Lock lock(loop_.get());
+        retryTimer_.reset();
+        stream_.reset();
+        context_.reset();
+        serverLost_ = restartAsked_ = false;
+    }
+    loop_.reset();
+}
+
+void SystemAudioSource::handle(const float* data, size_t bytes, unsigned channels) {
+    if (!data || channels == 0) return;
+    if (bytes < size_t(channels) * sizeof(float)) return;
+    const size_t frames = bytes / (size_t(channels) * sizeof(float));
+    if (mono_.size() < frames) mono_.assign(frames, 0.0f);
+    pulse::mixInterleavedToMono(data, frames, channels, mono_.data());
+    if (onSamples) onSamples(mono_.data(), static_cast<int64_t>(frames));
+}
+
+void SystemAudioSource::deliverSilence(size_t frames) {
+    if (frames == 0) return;
+    if (mono_.size() < frames) mono_.assign(frames, 0.0f);
+    std::fill_n(mono_.begin(), frames, 0.0f);
+    if (onSamples) onSamples(mono_.data(), static_cast<int64_t>(frames));
+}
+
+void SystemAudioSource::readCallback(pa_stream* stream, size_t, void* userdata) {
+    auto* self = static_cast<SystemAudioSource*>(userdata);
+    pulse::drain(stream, [self](const float* data, size_t bytes) {
+        // A hole is time the server has no audio for: keep the sample count honest with silence.
+        if (data)
+            self->handle(data, bytes, self->channels_);
+        else
+            self->deliverSilence(bytes / (size_t(self->channels_) * sizeof(float)));
+    });
+}
+
+void SystemAudioSource::streamStateCallback(pa_stream* stream, void* userdata) {
+    auto* self = static_cast<SystemAudioSource*>(userdata);
+    if (PA_STREAM_IS_GOOD(pa_stream_get_state(stream))) return;
+    // The stream also fails when the whole connection drops; the context's callback handles that.
+    if (pa_context_get_state(pa_stream_get_context(stream)) == PA_CONTEXT_READY) self->askForRestart();
+}
+
+void SystemAudioSource::contextStateCallback(pa_context* context, void* userdata) {
+    auto* self = static_cast<SystemAudioSource*>(userdata);
+    const pa_context_state_t state = pa_context_get_state(context);
+    if (state == PA_CONTEXT_READY && self->serverLost_) {
+        // A fresh connection after the server went away: restart as soon as there is a sink to follow.
+        pa_context_set_subscribe_callback(context, subscribeCallback, self);
+        unrefIfAny(pa_context_subscribe(context, PA_SUBSCRIPTION_MASK_SERVER, nullptr, nullptr));
+        unrefIfAny(pa_context_get_server_info(context, serverInfoCallback, self));
+    } else if (!PA_CONTEXT_IS_GOOD(state)) {
+        self->connectionLost();
+    }
+}
+
+void SystemAudioSource::connectionLost() {
+    // A failed context cannot be reused, and it must not be freed from inside its own callback:
+    // the retry timer replaces it.
+    serverLost_ = true;
+    if (retryTimer_) retryTimer_->arm(kRetryInterval);
+}
+
+void SystemAudioSource::retryConnection() {
+    stream_.reset();
+    context_.reset();
+    context_ = pulse::newContext(loop_.get());
+    if (!context_) {
+        retryTimer_->arm(kRetryInterval);
+        return;
+    }
+    pa_context_set_state_callback(context_.get(), contextStateCallback, this);
+    if (pa_context_connect(context_.get(), nullptr, PA_CONTEXT_NOAUTOSPAWN, nullptr) < 0) {
+        context_.reset();
+        retryTimer_->arm(kRetryInterval);
+    }
+}
+
+void SystemAudioSource::askForRestart() {
+    if (onNeedsRestart) onNeedsRestart();
+}
+
+void SystemAudioSource::subscribeCallback(pa_context* context, pa_subscription_event_type_t event, uint32_t index,
+                                          void* userdata) {
+    auto* self = static_cast<SystemAudioSource*>(userdata);
+    const auto facility = event & PA_SUBSCRIPTION_EVENT_FACILITY_MASK;
+    const auto type = event & PA_SUBSCRIPTION_EVENT_TYPE_MASK;
+    if (type != PA_SUBSCRIPTION_EVENT_CHANGE) return;
+    // Fire the query and return: callbacks must never wait.
+    if (facility == PA_SUBSCRIPTION_EVENT_SERVER) {
+        unrefIfAny(pa_context_get_server_info(context, serverInfoCallback, self));
+    } else if (facility == PA_SUBSCRIPTION_EVENT_SOURCE && index == self->monitor_.index && !self->serverLost_) {
+        unrefIfAny(pa_context_get_source_info_by_index(context, index, monitorInfoCallback, self));
+    }
+}
+
+void SystemAudioSource::serverInfoCallback(pa_context*, const pa_server_info* info, void* userdata) {
+    auto* self = static_cast<SystemAudioSource*>(userdata);
+    if (!info) return;
+    const char* sink = info->default_sink_name ? info->default_sink_name : "";
+    if (self->serverLost_) {
+        // Once is enough: the owner's restart replaces this whole connection.
+        if (*sink && !self->restartAsked_) {
+            self->restartAsked_ = true;
+            self->askForRestart();
+        }
+    } else if (self->sinkName_ != sink) {
+        // A record stream stays on the monitor it was connected to, so a new default sink needs a new chain.
+        self->sinkName_ = sink;
+        self->askForRestart();
+    }
+}
+
+void SystemAudioSource::monitorInfoCallback(pa_context*, const pa_source_info* info, int eol, void* userdata) {
+    if (eol != 0 || !info) return;
+    static_cast<SystemAudioSource*>(userdata)->followMonitorRate(*info);
+}
+
+void SystemAudioSource::followMonitorRate(const pa_source_info& info) {
+    const double rate = info.sample_spec.rate;
+    if (rate <= 0 || std::abs(rate - sampleRate()) <= 0.5 || !stream_ || !context_) return;
+    // The stream was opened at the old rate and would be resampled to it; record anew at the monitor's
+    // rate instead, so samples arrive at the rate the owner is told about.
+    monitor_.spec = info.sample_spec;
+    monitor_.map = info.channel_map;
+    stream_.reset();
+    stream_ = pulse::newRecordStream(context_.get(), "System Audio", monitor_);
+    if (!stream_) {
+        askForRestart();
+        return;
+    }
+    const pa_sample_spec& spec = *pa_stream_get_sample_spec(stream_.get());
+    channels_ = spec.channels;
+    pa_stream_set_read_callback(stream_.get(), readCallback, this);
+    pa_stream_set_state_callback(stream_.get(), streamStateCallback, this);
+    const uint32_t fragmentFrames = std::max<uint32_t>(1, spec.rate * kFragmentMilliseconds / 1000);
+    if (pulse::startRecording(stream_.get(), monitor_.name.c_str(), fragmentFrames) != 0) {
+        askForRestart();
+        return;
+    }
+    sampleRate_.store(rate, std::memory_order_relaxed);
+    if (onSampleRateChange) onSampleRateChange(rate);
+}
+
+}  // namespace velquin

@@ -1,0 +1,101 @@
+#pragma once
+// The live engine behind the display: one capture source, the sample ring, a live tempo/key analyzer
+// pair fed every 0.12 s on the analysis thread, and the latest published pair. Also hosts the
+// whole-file operations, which use no instance.
+//
+// start/stop/setRange/reset and every read of the published values belong to the main thread;
+// onUpdate is delivered there through the Qt event loop.
+
+#include <QObject>
+#include <array>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "AudioSource.h"
+#include "MusicalKey.h"
+#include "TempoEstimate.h"
+#include "TempoRange.h"
+
+namespace velquin {
+
+class KeyAnalyzer;
+
+class TempoService : public QObject {
+    Q_OBJECT
+
+public:
+    struct TimelineTick {
+        double seconds = 0;
+        KeyEstimate key;
+        TempoEstimate tempo;
+    };
+    struct Timeline {
+        std::vector<TimelineTick> ticks;
+        KeyEstimate final = KeyEstimate::unknown;
+        TempoEstimate finalTempo;
+        int64_t restarts = 0;
+    };
+    struct FileResult {
+        TempoEstimate tempo;
+        KeyEstimate key;
+    };
+
+    // Whole-file operations: they run on the calling thread and throw AudioFileError or
+    // AudioSourceError (std::runtime_error; what() is the text to show).
+    static FileResult analyzeFile(const std::string& path, TempoRange range);
+    static Timeline keyTimeline(const std::string& path, double everySeconds);
+    static void dumpChroma(const std::string& inputPath, const std::string& outputPath);
+
+    // Makes the capture source for a kind; tests substitute scripted sources.
+    using SourceFactory = std::function<std::unique_ptr<AudioSource>(AudioSourceKind)>;
+
+    explicit TempoService(SourceFactory sourceFactory = {});
+    ~TempoService() override;  // stops a running service
+
+    void start(AudioSourceKind kind);
+    void stop();
+    void setRange(TempoRange range);
+    void reset();
+
+    AudioSourceKind kind() const { return kind_; }
+    const TempoEstimate& estimate() const { return estimate_; }
+    const KeyEstimate& keyEstimate() const { return keyEstimate_; }
+    const std::optional<std::string>& lastError() const { return lastError_; }
+    bool isRunning() const { return isRunning_; }
+    TempoRange range() const { return range_; }
+    double captureSampleRate() const;
+
+    // What the analysis thread has seen so far; waits for the tasks queued before it.
+    struct AnalysisCounters {
+        int64_t regimeChanges = 0;    // of the current tempo analyzer
+        int64_t keyRestarts = 0;      // of the current key analyzer
+        int64_t seenRegimeChanges = 0;
+        int64_t seenKeyRestarts = 0;
+        double analyzerSampleRate = 0;
+        BPMBounds bpmRange{0, 0};
+    };
+    AnalysisCounters analysisCounters() const;
+
+    std::function<void(const TempoEstimate&, const KeyEstimate&)> onUpdate;
+    // Runs on the analysis thread with every non-empty batch fed to the analyzers. Set before start().
+    std::function<void(const std::vector<float>& samples)> onCapturedSamples;
+    std::function<void(const std::string& message)> onError;
+
+private:
+    struct Live;
+    void publish(const TempoEstimate& tempo, const KeyEstimate& key);
+
+    SourceFactory sourceFactory_;
+    AudioSourceKind kind_ = AudioSourceKind::systemAudio;
+    TempoEstimate estimate_;
+    KeyEstimate keyEstimate_ = KeyEstimate::unknown;
+    std::optional<std::string> lastError_;
+    bool isRunning_ = false;
+    TempoRange range_ = TempoRange::Auto;
+    std::shared_ptr<Live> live_;
+};
+
+}  // namespace velquin

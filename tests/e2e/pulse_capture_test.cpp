@@ -1,0 +1,307 @@
+// The PulseAudio sources against a real (private) sound server: run through run-capture-e2e.sh, which
+// starts it with pulse-env.sh. Sinks: "speakers" 48 kHz stereo (default), "mic" 44.1 kHz mono whose
+// monitor is the default source. The tests run in file order and leave the server as they found it.
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <new>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "MicrophoneSource.h"
+#include "SystemAudioSource.h"
+#include "TestSupport.h"
+
+// Heap allocations made on a source's delivery thread (marked by the first delivery it makes).
+namespace {
+thread_local bool onDeliveryThread = false;
+std::atomic<int64_t> deliveryAllocations{0};
+}  // namespace
+
+void* operator new(size_t size) {
+    if (onDeliveryThread) deliveryAllocations.fetch_add(1, std::memory_order_relaxed);
+    if (void* p = std::malloc(size == 0 ? 1 : size)) return p;
+    throw std::bad_alloc();
+}
+void* operator new[](size_t size) { return operator new(size); }
+void operator delete(void* p) noexcept { std::free(p); }
+void operator delete[](void* p) noexcept { std::free(p); }
+void operator delete(void* p, size_t) noexcept { std::free(p); }
+void operator delete[](void* p, size_t) noexcept { std::free(p); }
+
+namespace velquin {
+namespace {
+
+using namespace std::chrono_literals;
+
+// Runs one of the harness's functions in a child shell (they share the session through files).
+void harness(const std::string& command) {
+    const std::string line = "bash -c '. \"$PULSE_ENV_SH\" && " + command + "'";
+    ASSERT_EQ(std::system(line.c_str()), 0) << command;
+}
+
+// Collects what a source delivers; the callbacks only copy into reserved storage.
+class Recorder {
+public:
+    explicit Recorder(AudioSource& source) {
+        samples_.reserve(48000 * 30);
+        source.onSamples = [this](const float* data, int64_t count) {
+            onDeliveryThread = true;
+            std::lock_guard lock(mutex_);
+            const size_t room = samples_.capacity() - samples_.size();
+            samples_.insert(samples_.end(), data, data + std::min<size_t>(room, size_t(count)));
+            changed_.notify_all();
+        };
+        source.onNeedsRestart = [this] {
+            std::lock_guard lock(mutex_);
+            ++restarts_;
+            changed_.notify_all();
+        };
+        source.onSampleRateChange = [this](double) {
+            std::lock_guard lock(mutex_);
+            ++rateChanges_;
+        };
+    }
+
+    size_t frames() {
+        std::lock_guard lock(mutex_);
+        return samples_.size();
+    }
+    std::vector<float> samplesFrom(size_t first) {
+        std::lock_guard lock(mutex_);
+        return {samples_.begin() + std::ptrdiff_t(std::min(first, samples_.size())), samples_.end()};
+    }
+    bool waitForFrames(size_t count, std::chrono::milliseconds timeout) {
+        std::unique_lock lock(mutex_);
+        return changed_.wait_for(lock, timeout, [&] { return samples_.size() >= count; });
+    }
+    bool waitForRestarts(int count, std::chrono::milliseconds timeout) {
+        std::unique_lock lock(mutex_);
+        return changed_.wait_for(lock, timeout, [&] { return restarts_ >= count; });
+    }
+    int restarts() {
+        std::lock_guard lock(mutex_);
+        return restarts_;
+    }
+    int rateChanges() {
+        std::lock_guard lock(mutex_);
+        return rateChanges_;
+    }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::vector<float> samples_;
+    int restarts_ = 0;
+    int rateChanges_ = 0;
+};
+
+struct Tone {
+    double rms = 0;
+    double frequency = 0;
+};
+
+// The loudest `window` samples of `x` (hop of a tenth of it): their RMS, and their frequency from
+// the count of rising zero crossings.
+Tone loudest(const std::vector<float>& x, size_t window, double rate) {
+    Tone best;
+    for (size_t start = 0; start + window <= x.size(); start += window / 10) {
+        double energy = 0;
+        for (size_t i = start; i < start + window; ++i) energy += double(x[i]) * x[i];
+        const double rms = std::sqrt(energy / double(window));
+        if (rms <= best.rms) continue;
+        int crossings = 0;
+        for (size_t i = start + 1; i < start + window; ++i) crossings += x[i - 1] < 0 && x[i] >= 0;
+        best = {rms, crossings * rate / double(window)};
+    }
+    return best;
+}
+
+// Captures while `file` plays into `sink` ("" = default sink); returns what came during the play.
+std::vector<float> captureWhilePlaying(Recorder& recorder, const std::string& file, const std::string& sink,
+                                       double rate) {
+    const size_t first = recorder.frames();
+    harness("pulse_play " + file + (sink.empty() ? "" : " " + sink));
+    // The file lasts 2 s; 2.5 s of samples covers it even with the stream's latency.
+    EXPECT_TRUE(recorder.waitForFrames(first + size_t(2.5 * rate), 6s)) << "samples stopped arriving";
+    return recorder.samplesFrom(first);
+}
+
+class PulseCapture : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        ASSERT_NE(std::getenv("PULSE_ENV_SH"), nullptr) << "run me through run-capture-e2e.sh";
+        dir_ = std::make_unique<test::TempDir>();
+        constexpr double amplitude = 0.5;
+        // Left only, so that the mono mix must halve it: a sum or a copy of one channel would not.
+        test::writeWav(file("left-1k.wav"), {test::sine(1000, 48000, 2.0, amplitude), std::vector<float>(96000)},
+                       48000, true);
+        test::writeWav(file("both-1k.wav"),
+                       {test::sine(1000, 48000, 2.0, amplitude), test::sine(1000, 48000, 2.0, amplitude)}, 48000, true);
+        test::writeWav(file("mono-300.wav"), {test::sine(300, 44100, 2.0, amplitude)}, 44100, true);
+    }
+    static void TearDownTestSuite() { dir_.reset(); }
+    static std::string file(const std::string& name) { return (*dir_ / name).string(); }
+
+    static std::unique_ptr<test::TempDir> dir_;
+};
+std::unique_ptr<test::TempDir> PulseCapture::dir_;
+
+// Writes what `run` prints to standard error into a string.
+template <typename Run>
+std::string stderrOf(Run&& run) {
+    test::TempDir dir;
+    const auto path = dir / "stderr";
+    std::fflush(stderr);
+    const int saved = ::dup(2);
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    ::dup2(fd, 2);
+    ::close(fd);
+    run();
+    std::fflush(stderr);
+    ::dup2(saved, 2);
+    ::close(saved);
+    return test::readText(path);
+}
+
+TEST_F(PulseCapture, SystemAudioHearsWhatPlaysAtTheSinkRateMixedToMono) {
+    SystemAudioSource source;
+    Recorder recorder(source);
+    setenv("TESSARO_DEBUG", "1", 1);
+    const std::string debug = stderrOf([&] { source.start(); });
+    unsetenv("TESSARO_DEBUG");
+    EXPECT_EQ(debug,
+              "tap format rate=48000.0 ch=2 flags=" + std::to_string(int(PA_SAMPLE_FLOAT32NE)) +
+                  " bpf=8\naggregate nominal rate=48000.0\noutput device nominal rate=48000.0\nusing rate=48000.0\n");
+    ASSERT_EQ(source.sampleRate(), 48000);
+
+    // Samples flow steadily even in silence (20 ms fragments, not 2 s bursts), at the sink's rate.
+    ASSERT_TRUE(recorder.waitForFrames(4800, 3s));
+    const auto begin = std::chrono::steady_clock::now();
+    const size_t before = recorder.frames();
+    std::this_thread::sleep_for(1500ms);
+    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+    const double perSecond = double(recorder.frames() - before) / seconds;
+    EXPECT_NEAR(perSecond, 48000, 48000 * 0.15) << "delivery is bursty or at the wrong rate";
+
+    // A 0.5 sine on the left only averages to RMS 0.5 / sqrt(2) / 2. The delivery path allocates
+    // nothing meanwhile (the recorder copies into reserved storage).
+    deliveryAllocations = 0;
+    Tone tone = loudest(captureWhilePlaying(recorder, file("left-1k.wav"), "", 48000), 24000, 48000);
+    EXPECT_EQ(deliveryAllocations.load(), 0);
+    EXPECT_NEAR(tone.rms, 0.5 / std::sqrt(2.0) / 2, 0.01);
+    EXPECT_NEAR(tone.frequency, 1000, 5);
+
+    // Something playing on another sink is not heard.
+    tone = loudest(captureWhilePlaying(recorder, file("mono-300.wav"), "mic", 48000), 24000, 48000);
+    EXPECT_LT(tone.rms, 0.001);
+
+    EXPECT_EQ(recorder.restarts(), 0);
+    EXPECT_EQ(recorder.rateChanges(), 0);
+    source.stop();
+    source.stop();
+}
+
+TEST_F(PulseCapture, NewDefaultSinkAsksForRestartAndTheRestartFollowsIt) {
+    harness("pulse_add_sink second 44100 2");
+    SystemAudioSource source;
+    Recorder recorder(source);
+    source.start();
+    ASSERT_EQ(source.sampleRate(), 48000);
+
+    harness("pulse_set_default_sink second");
+    ASSERT_TRUE(recorder.waitForRestarts(1, 3s)) << "no restart request after the default sink changed";
+    // What the owner does on that request.
+    source.stop();
+    source.start();
+    EXPECT_EQ(source.sampleRate(), 44100);
+    Tone tone = loudest(captureWhilePlaying(recorder, file("both-1k.wav"), "", 44100), 22050, 44100);
+    EXPECT_NEAR(tone.rms, 0.5 / std::sqrt(2.0), 0.01);
+    EXPECT_NEAR(tone.frequency, 1000, 5);
+
+    harness("pulse_set_default_sink speakers");
+    EXPECT_TRUE(recorder.waitForRestarts(2, 3s));
+    source.stop();
+    EXPECT_EQ(recorder.restarts(), 2);
+}
+
+TEST_F(PulseCapture, MicrophoneCapturesTheDefaultSource) {
+    MicrophoneSource mic;
+    Recorder recorder(mic);
+    mic.start();
+    ASSERT_EQ(mic.sampleRate(), 44100);
+    Tone tone = loudest(captureWhilePlaying(recorder, file("mono-300.wav"), "mic", 44100), 22050, 44100);
+    EXPECT_NEAR(tone.rms, 0.5 / std::sqrt(2.0), 0.01);
+    EXPECT_NEAR(tone.frequency, 300, 3);
+    mic.stop();
+
+    // A stereo default source is averaged to mono.
+    harness("pulse_set_default_source speakers.monitor");
+    mic.start();
+    EXPECT_EQ(mic.sampleRate(), 48000);
+    tone = loudest(captureWhilePlaying(recorder, file("left-1k.wav"), "speakers", 48000), 24000, 48000);
+    EXPECT_NEAR(tone.rms, 0.5 / std::sqrt(2.0) / 2, 0.01);
+    mic.stop();
+    harness("pulse_set_default_source mic.monitor");
+    EXPECT_EQ(recorder.restarts(), 0);
+    EXPECT_EQ(recorder.rateChanges(), 0);
+}
+
+// Last: it restarts the server.
+TEST_F(PulseCapture, SystemAudioRecoversWhenTheServerComesBack) {
+    SystemAudioSource source;
+    Recorder recorder(source);
+    source.start();
+    ASSERT_TRUE(recorder.waitForFrames(4800, 3s));
+
+    harness("pulse_kill_server");
+    std::this_thread::sleep_for(1500ms);  // a few retries against no server
+    EXPECT_EQ(recorder.restarts(), 0) << "nothing to restart onto while the server is away";
+    {
+        // Meanwhile a new source cannot reach the server either.
+        SystemAudioSource other;
+        try {
+            other.start();
+            ADD_FAILURE() << "started without a server";
+        } catch (const AudioSourceError& error) {
+            EXPECT_EQ(error.errorCase(), AudioSourceError::Case::createTapFailed) << error.what();
+        }
+    }
+
+    harness("pulse_restart_server");
+    EXPECT_TRUE(recorder.waitForRestarts(1, 3s)) << "no restart request after the server came back";
+    std::this_thread::sleep_for(300ms);
+    EXPECT_EQ(recorder.restarts(), 1) << "one request is enough";
+
+    harness("pulse_settle");
+    source.stop();
+    source.start();
+    EXPECT_EQ(source.sampleRate(), 48000);
+    const size_t before = recorder.frames();
+    EXPECT_TRUE(recorder.waitForFrames(before + 4800, 3s)) << "no samples after the restart";
+    source.stop();
+}
+
+TEST_F(PulseCapture, StopWhileTheServerIsAwayDoesNotHang) {
+    SystemAudioSource source;
+    Recorder recorder(source);
+    source.start();
+    harness("pulse_kill_server KILL");
+    source.stop();  // a hang here fails the test through its time limit
+    harness("pulse_restart_server");
+}
+
+}  // namespace
+}  // namespace velquin
