@@ -52,8 +52,12 @@ TEST(FFTMagnitude, ScalingOfZerosConstantAndSine) {
         auto out = run(fft, frame);
         EXPECT_NEAR(out[static_cast<size_t>(k0)], 0.8165, 1e-4) << k0;
         EXPECT_NEAR(out[static_cast<size_t>(k0 + 1)], 0.8165 / 2, 1e-4) << k0;
-        if (k0 > 1) EXPECT_NEAR(out[static_cast<size_t>(k0 - 1)], 0.8165 / 2, 1e-4) << k0;
-        if (k0 > 3) EXPECT_NEAR(out[0], 0.0, 1e-5);
+        if (k0 > 1) {
+            EXPECT_NEAR(out[static_cast<size_t>(k0 - 1)], 0.8165 / 2, 1e-4) << k0;
+        }
+        if (k0 > 3) {
+            EXPECT_NEAR(out[0], 0.0, 1e-5);
+        }
     }
 }
 

@@ -79,8 +79,11 @@ TEST(KeyAnalyzer, SinesFoldToTheirPitchClassWithSubharmonicReadings) {
     ASSERT_FALSE(a440.dumped().empty());
     const auto& row = a440.dumped().back();
     // 440, 220 and 110 Hz all read as A; 146.7 Hz (the third harmonic reading) leans on D.
-    for (int pc = 0; pc < 12; ++pc)
-        if (pc != 9) EXPECT_LT(row.chroma[size_t(pc)], row.chroma[9]) << pc;
+    for (int pc = 0; pc < 12; ++pc) {
+        if (pc != 9) {
+            EXPECT_LT(row.chroma[size_t(pc)], row.chroma[9]) << pc;
+        }
+    }
     EXPECT_GT(row.chroma[2], 0.05);
     EXPECT_EQ(row.bass, -1);  // 440 Hz is above the bass limit
     EXPECT_NEAR(a440.tuningOffsetSemitones(), 0, 0.02);

@@ -1,0 +1,21 @@
+#pragma once
+// What the process is, decided once from its arguments by a fixed order of tests.
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace velquin {
+
+struct Dispatch {
+    enum class Mode { menuBar, analyze, timeline, chroma, live };
+
+    Mode mode = Mode::menuBar;
+    // The mode's own arguments, after the switch (file paths, range word, source word, …).
+    std::vector<std::string> arguments;
+
+    // `arguments[0]` is the program path. A switch with too few arguments falls through.
+    static Dispatch from(const std::vector<std::string>& arguments);
+};
+
+}  // namespace velquin

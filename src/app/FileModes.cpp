@@ -1,0 +1,94 @@
+#include "FileModes.h"
+
+#include <cmath>
+#include <exception>
+#include <filesystem>
+
+#include "Format.h"
+#include "TempoRange.h"
+#include "TempoService.h"
+
+namespace velquin::FileModes {
+
+namespace {
+
+std::string lastPathComponent(const std::string& path) {
+    std::filesystem::path p(path);
+    while (!p.empty() && p.filename().empty() && p.has_parent_path() && p != p.parent_path())
+        p = p.parent_path();  // "dir/" names "dir"
+    const std::string name = p.filename().string();
+    return name.empty() ? path : name;
+}
+
+void put(std::FILE* stream, const std::string& line) {
+    std::fwrite(line.data(), 1, line.size(), stream);
+    std::fputc('\n', stream);
+}
+
+// Runs one mode; a failure becomes the "Error:" line and exit code 1, with nothing on `out`.
+template <typename Body>
+int guarded(std::FILE* err, Body body) {
+    try {
+        body();
+        return 0;
+    } catch (const std::exception& error) {
+        put(err, std::string("Error: ") + error.what());
+        return 1;
+    }
+}
+
+std::string shortKeyText(const KeyEstimate& key) {
+    return key.shortText(false, KeyEstimate::RelativePreference::both).value_or("--");
+}
+
+}  // namespace
+
+std::string resultLine(const TempoEstimate& tempo, const KeyEstimate& key) {
+    const std::string tempoText =
+        tempo.bpm <= 0 ? "     no tempo     " : format("%7.2f BPM (%3.0f%%)", tempo.bpm, tempo.confidence * 100);
+    std::string keyText = "no key";
+    if (key.key) {
+        const std::string alternative = key.alternative ? " or " + key.alternative->shortName() : "";
+        keyText = format("%-4@ %-4@ (%3.0f%%)%@  tuning %+5.1f cents", key.key->shortName(), key.key->camelot(),
+                         key.confidence * 100, alternative, key.tuningCents);
+    }
+    return tempoText + "  " + keyText;
+}
+
+int analyze(const std::vector<std::string>& arguments, std::FILE* out, std::FILE* err) {
+    return guarded(err, [&] {
+        const std::string& path = arguments.at(0);
+        TempoRange range = TempoRange::Auto;
+        if (arguments.size() > 1) range = tempoRangeFromRaw(arguments[1]).value_or(TempoRange::Auto);
+        const auto result = TempoService::analyzeFile(path, range);
+        put(out, resultLine(result.tempo, result.key) + "  " + lastPathComponent(path));
+    });
+}
+
+int timeline(const std::vector<std::string>& arguments, std::FILE* out, std::FILE* err) {
+    return guarded(err, [&] {
+        const std::string& path = arguments.at(0);
+        const auto result = TempoService::keyTimeline(path, 1.0);
+        // Built whole before printing, so that a failure leaves standard output empty.
+        std::string text;
+        for (const auto& tick : result.ticks) {
+            const std::string keyText = shortKeyText(tick.key);
+            const std::string shown = tick.key.key && tick.key.confidence >= 0.35 ? keyText : "-";
+            const std::string bpm = tick.tempo.bpm > 0 ? format("%.1f", tick.tempo.bpm) : "-";
+            text += format("%4.0f  %-5@ %3.0f%%  shown:%@  bpm:%@ %3.0f%%", tick.seconds, keyText,
+                           tick.key.confidence * 100, shown, bpm, tick.tempo.confidence * 100);
+            text += '\n';
+        }
+        const double confidence = std::trunc(result.final.confidence * 100);
+        text += "FINAL " + shortKeyText(result.final) + " " + std::to_string(static_cast<long long>(confidence)) +
+                "%  bpm:" + format("%.1f", result.finalTempo.bpm) + "  restarts:" + std::to_string(result.restarts) +
+                "  " + lastPathComponent(path) + "\n";
+        std::fwrite(text.data(), 1, text.size(), out);
+    });
+}
+
+int chroma(const std::vector<std::string>& arguments, std::FILE* /*out*/, std::FILE* err) {
+    return guarded(err, [&] { TempoService::dumpChroma(arguments.at(0), arguments.at(1)); });
+}
+
+}  // namespace velquin::FileModes

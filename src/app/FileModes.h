@@ -1,0 +1,21 @@
+#pragma once
+// The one-shot terminal modes that analyse a file. Each prints its result on `out`, or one
+// "Error: …" line on `err` (and nothing on `out`), and returns the process exit code.
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "MusicalKey.h"
+#include "TempoEstimate.h"
+
+namespace velquin::FileModes {
+
+int analyze(const std::vector<std::string>& arguments, std::FILE* out, std::FILE* err);
+int timeline(const std::vector<std::string>& arguments, std::FILE* out, std::FILE* err);
+int chroma(const std::vector<std::string>& arguments, std::FILE* out, std::FILE* err);
+
+// The one-line result of an analysis, without the file name.
+std::string resultLine(const TempoEstimate& tempo, const KeyEstimate& key);
+
+}  // namespace velquin::FileModes

@@ -1,0 +1,138 @@
+// The diagnostic log: where it lives, what a line looks like, and that lines survive threads and a
+// deleted file.
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+#include <cstdlib>
+#include <ctime>
+#include <filesystem>
+#include <regex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Log.h"
+#include "TestSupport.h"
+
+namespace velquin {
+namespace {
+
+const std::string kStamp = R"(\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}\.\d{3})";
+
+std::vector<std::string> lines(const std::filesystem::path& file) {
+    std::vector<std::string> out;
+    const std::string text = test::readText(file);
+    size_t start = 0;
+    while (start < text.size()) {
+        const size_t end = text.find('\n', start);
+        out.push_back(text.substr(start, end - start));
+        if (end == std::string::npos) break;
+        start = end + 1;
+    }
+    return out;
+}
+
+TEST(Log, FolderFollowsXdgStateHomeThenHome) {
+    EXPECT_EQ(Log::folderFor("/x/state", "/home/u"), std::filesystem::path("/x/state/Velquin"));
+    EXPECT_EQ(Log::folderFor("relative/state", "/home/u"), std::filesystem::path("/home/u/.local/state/Velquin"));
+    EXPECT_EQ(Log::folderFor("", "/home/u"), std::filesystem::path("/home/u/.local/state/Velquin"));
+    EXPECT_EQ(Log::folderFor(nullptr, "/home/u"), std::filesystem::path("/home/u/.local/state/Velquin"));
+    EXPECT_TRUE(Log::folderFor(nullptr, nullptr).empty()) << "no folder: the log is off";
+    EXPECT_TRUE(Log::folderFor("rel", "also-rel").empty());
+}
+
+TEST(Log, TimestampHasMillisecondsInLocalTime) {
+    const char* oldTz = std::getenv("TZ");
+    const std::string saved = oldTz ? oldTz : "";
+    setenv("TZ", "UTC", 1);
+    tzset();
+    const auto when = std::chrono::system_clock::time_point(std::chrono::milliseconds(1'700'000'000'007));
+    EXPECT_EQ(Log::timestamp(when), "2023-11-14 22:13:20.007");
+    setenv("TZ", "IST-5:30", 1);  // +05:30, spelled out so no zone database is needed
+    tzset();
+    EXPECT_EQ(Log::timestamp(when), "2023-11-15 03:43:20.007");
+    if (oldTz)
+        setenv("TZ", saved.c_str(), 1);
+    else
+        unsetenv("TZ");
+    tzset();
+}
+
+TEST(Log, LinesAppendInCallOrderAndSurviveADeletedFile) {
+    test::TempDir dir;
+    const auto file = dir / "Velquin.log";
+    LogWriter log(file);
+
+    log.write("shelf: show");
+    log.flush();
+    auto got = lines(file);
+    ASSERT_EQ(got.size(), 1u) << "the first line creates the file holding exactly that line";
+    EXPECT_TRUE(std::regex_match(got[0], std::regex(kStamp + " shelf: show")));
+    EXPECT_EQ(test::readText(file).back(), '\n');
+
+    log.write("two\nlines");
+    // Two writers at once: every line whole, each writer's lines in its own order.
+    constexpr int perThread = 200;
+    std::vector<std::thread> writers;
+    for (char name : {'a', 'b'})
+        writers.emplace_back([&log, name] {
+            for (int i = 0; i < perThread; ++i) log.write(std::string(1, name) + std::to_string(i));
+        });
+    for (auto& t : writers) t.join();
+    log.flush();
+    got = lines(file);
+    ASSERT_EQ(got.size(), 3u + 2 * perThread);
+    EXPECT_TRUE(std::regex_match(got[1], std::regex(kStamp + " two")));
+    EXPECT_EQ(got[2], "lines") << "a line feed in a message is not escaped";
+    int next[2] = {0, 0};
+    for (size_t i = 3; i < got.size(); ++i) {
+        std::smatch m;
+        ASSERT_TRUE(std::regex_match(got[i], m, std::regex(kStamp + " ([ab])(\\d+)"))) << got[i];
+        const int who = m[1] == "a" ? 0 : 1;
+        EXPECT_EQ(std::stoi(m[2]), next[who]++);
+    }
+
+    std::filesystem::remove(file);
+    log.write("shelf: hide");
+    log.flush();
+    got = lines(file);
+    ASSERT_EQ(got.size(), 1u);
+    EXPECT_TRUE(std::regex_match(got[0], std::regex(kStamp + " shelf: hide")));
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()), {}), 1) << "no temporary left";
+}
+
+TEST(Log, FailuresAreIgnored) {
+    test::TempDir dir;
+    LogWriter missingFolder(dir / "gone" / "Velquin.log");
+    missingFolder.write("nowhere to go");
+    missingFolder.flush();
+    EXPECT_FALSE(std::filesystem::exists(dir / "gone"));
+
+    LogWriter off{std::filesystem::path()};
+    off.write("dropped");
+    off.flush();
+}
+
+// The process-wide log picks its folder once, on first use, so it is checked in a fresh process.
+TEST(LogDeathTest, ProcessLogCreatesItsPrivateFolderUnderXdgStateHome) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    test::TempDir dir;
+    const auto state = dir / "state";
+    EXPECT_EXIT(
+        {
+            setenv("XDG_STATE_HOME", state.c_str(), 1);
+            Log::write("launch");
+            Log::flush();
+            const auto file = state / "Velquin" / "Velquin.log";
+            struct stat info {};
+            const bool ok = Log::file() == file && ::stat((state / "Velquin").c_str(), &info) == 0 &&
+                            (info.st_mode & 0777) == 0700 &&
+                            std::regex_match(test::readText(file), std::regex(kStamp + " launch\n"));
+            std::exit(ok ? 0 : 1);
+        },
+        ::testing::ExitedWithCode(0), "");
+}
+
+}  // namespace
+}  // namespace velquin
