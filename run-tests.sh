@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # The whole test suite: installs what is missing, then builds and tests a normal build and an
-# AddressSanitizer + UndefinedBehaviorSanitizer build, then the threaded capture code under ThreadSanitizer.
+# AddressSanitizer + UndefinedBehaviorSanitizer build, then the threaded capture code under ThreadSanitizer,
+# then a minute of fuzzing the file decoder.
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/scripts/setup.sh"
 velquin_install_packages
@@ -31,5 +32,8 @@ tsan="$VELQUIN_ROOT/build-tsan"
     cmake -S "$VELQUIN_ROOT" -B "$tsan" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DVELQUIN_TSAN=ON >/dev/null
 cmake --build "$tsan" -j "$jobs" --target capture_tests
 run_ctest "$tsan" -R '^(SampleRing|TempoService|PulseSource)\.'
+
+echo "== decoder fuzzing (one minute)"
+"$VELQUIN_ROOT/scripts/fuzz.sh" 60 || status=1
 
 exit $status

@@ -80,9 +80,11 @@ void FFTMagnitude::magnitudes(const float* frame, float* out) {
     // The packed transform this mirrors yields twice the DFT; doubling is exact in binary floating
     // point, so 2·|X| is formed the same way before the 1/N scale.
     const float* s = spectrum_.get();
-    for (int64_t k = 0; k < binCount_; ++k) {
+    const float dc = 2.0f * s[0];  // the packed form carries Nyquist where DC's imaginary part would be
+    out[0] = std::sqrt(dc * dc) * scale_;
+    for (int64_t k = 1; k < binCount_; ++k) {
         const float re = 2.0f * s[2 * k];
-        const float im = k == 0 ? 0.0f : 2.0f * s[2 * k + 1];
+        const float im = 2.0f * s[2 * k + 1];
         out[k] = std::sqrt(re * re + im * im) * scale_;
     }
 }
