@@ -2,9 +2,11 @@
 #include <string>
 #include <vector>
 
+#include "Application.h"
 #include "Dispatch.h"
 #include "FileModes.h"
 #include "LiveMode.h"
+#include "Log.h"
 
 int main(int argc, char** argv) {
     using namespace velquin;
@@ -17,6 +19,5 @@ int main(int argc, char** argv) {
         case Dispatch::Mode::live: return LiveMode::run(argc, argv, dispatch.arguments);
         case Dispatch::Mode::menuBar: break;
     }
-    std::fputs("usage: velquin [--analyze FILE [RANGE] | --timeline FILE | --chroma FILE OUT.csv]\n", stderr);
-    return 0;
+    return runMenuBarApp(argc, argv, [](std::string_view line) { Log::write(line); });
 }

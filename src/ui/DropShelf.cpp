@@ -1,0 +1,152 @@
+#include "DropShelf.h"
+
+#include <QGuiApplication>
+#include <QPainter>
+#include <QPainterPath>
+#include <QScreen>
+#include <QWidget>
+#include <algorithm>
+#include <cmath>
+
+#include "RectText.h"
+
+namespace velquin {
+namespace {
+
+constexpr int screenMargin = 8;
+constexpr int hangGap = 6;
+
+std::optional<QRect> availableAreaFor(const QRect& rect) {
+    const QList<QScreen*> screens = QGuiApplication::screens();
+    for (QScreen* screen : screens) {
+        if (screen->geometry().intersects(rect)) return screen->availableGeometry();
+    }
+    if (QScreen* primary = QGuiApplication::primaryScreen()) return primary->availableGeometry();
+    return std::nullopt;
+}
+
+}  // namespace
+
+// Paints the dark rounded background itself: there is no system material to borrow, and a translucent
+// window lets the corners show what is behind when a compositor runs.
+class DropShelf::Panel : public QWidget {
+  public:
+    Panel()
+        : QWidget(nullptr, Qt::Tool | Qt::FramelessWindowHint | Qt::WindowStaysOnTopHint |
+                               Qt::WindowDoesNotAcceptFocus) {
+        setAttribute(Qt::WA_ShowWithoutActivating);
+        setAttribute(Qt::WA_TranslucentBackground);
+        setWindowTitle(QStringLiteral("Velquin drop shelf"));
+        setFixedSize(panelWidth, panelHeight);
+    }
+
+  protected:
+    void paintEvent(QPaintEvent*) override {
+        QPainter painter(this);
+        painter.setRenderHint(QPainter::Antialiasing);
+        QPainterPath shape;
+        shape.addRoundedRect(QRectF(rect()).adjusted(0.5, 0.5, -0.5, -0.5), 14, 14);
+        painter.fillPath(shape, QColor(28, 28, 32, 224));
+        painter.strokePath(shape, QPen(QColor(255, 255, 255, 36), 1));
+    }
+};
+
+DropShelf::DropShelf(LogSink log)
+    : log_(std::move(log)),
+      panel_(std::make_unique<Panel>()),
+      zone_(std::make_unique<DropZoneView>(panel_.get())) {
+    zone_->setGeometry(panel_->rect());
+    // The panel is always dark, whatever the desktop theme, so its texts are always light.
+    QPalette hud = zone_->palette();
+    hud.setColor(QPalette::WindowText, QColor(255, 255, 255, 235));
+    zone_->setPalette(hud);
+
+    zone_->onDrop = [this](const QUrl& url) {
+        if (onDrop) onDrop(url);
+    };
+    zone_->onHover = [this](bool hovering) {
+        if (hovering) {
+            hideTimer_.stop();
+        } else {
+            scheduleHide(0.8);
+        }
+    };
+
+    hideTimer_.setSingleShot(true);
+    QObject::connect(&hideTimer_, &QTimer::timeout, &hideTimer_, [this] { hide(); });
+}
+
+DropShelf::~DropShelf() = default;
+
+QWidget& DropShelf::panel() {
+    return *panel_;
+}
+
+QPoint DropShelf::placement(const QRect& rect, const std::optional<QRect>& available) {
+    const QRectF r(rect);
+    double x = r.center().x() - panelWidth / 2.0;
+    double y = r.bottom() + hangGap;  // QRectF's bottom is y + height
+    if (available) {
+        const QRectF area(*available);
+        x = std::min(std::max(x, area.left() + screenMargin), area.right() - panelWidth - screenMargin);
+        // A bar at the bottom of the screen gets the shelf above it instead.
+        if (y + panelHeight > area.bottom() - screenMargin) y = r.top() - hangGap - panelHeight;
+        y = std::min(std::max(y, area.top() + screenMargin), area.bottom() - panelHeight - screenMargin);
+    }
+    return QPoint(static_cast<int>(std::lround(x)), static_cast<int>(std::lround(y)));
+}
+
+void DropShelf::show(const QRect& under) {
+    hideTimer_.stop();
+    if (isVisible_) return;
+
+    zone_->showingResult = false;
+    zone_->title = QString::fromLatin1(DropZoneView::idleTitle);
+    zone_->detail = QString::fromLatin1(DropZoneView::idleDetail);
+    zone_->update();
+
+    panel_->move(placement(under, availableAreaFor(under)));
+    panel_->show();
+    isVisible_ = true;
+    if (log_) {
+        log_("shelf: ordered front at " + rectText(panel_->frameGeometry()) +
+             ", panel visible=" + (panel_->isVisible() ? "true" : "false"));
+    }
+}
+
+void DropShelf::scheduleHide(double after) {
+    hideTimer_.stop();
+    hideTimer_.start(static_cast<int>(std::lround(std::max(after, 0.0) * 1000)));
+}
+
+std::optional<double> DropShelf::pendingHideSeconds() const {
+    if (!hideTimer_.isActive()) return std::nullopt;
+    return hideTimer_.interval() / 1000.0;
+}
+
+void DropShelf::showWorking(const QString& name) {
+    zone_->resultLines = {QStringLiteral("Listening to file\u2026"), QString(), name};
+    zone_->showingResult = true;
+    zone_->update();
+    hideTimer_.stop();
+}
+
+void DropShelf::showResult(const QStringList& lines) {
+    zone_->resultLines = lines;
+    zone_->showingResult = true;
+    zone_->update();
+    if (!isVisible_) {
+        panel_->show();
+        isVisible_ = true;
+    }
+}
+
+void DropShelf::hide() {
+    hideTimer_.stop();
+    if (!isVisible_) return;
+    if (log_) log_("shelf: hide");
+    panel_->hide();
+    isVisible_ = false;
+}
+
+}  // namespace velquin

@@ -1,0 +1,91 @@
+#include "StatusItemDropTarget.h"
+
+#include <QCursor>
+#include <QDropEvent>
+#include <QMimeData>
+#include <QMimeDatabase>
+#include <QWidget>
+#include <algorithm>
+
+namespace velquin {
+namespace {
+
+// Copy when the source allows it; some file managers offer only move or link.
+void acceptCopy(QDropEvent* event) {
+    event->setDropAction((event->possibleActions() & Qt::CopyAction) ? Qt::CopyAction : event->proposedAction());
+    event->accept();
+}
+
+bool isAudioOrMovie(const QMimeType& type) {
+    const auto playable = [](const QString& name) {
+        return name.startsWith(QLatin1String("audio/")) || name.startsWith(QLatin1String("video/"));
+    };
+    if (playable(type.name())) return true;
+    const QStringList aliases = type.aliases();
+    const QStringList ancestors = type.allAncestors();
+    return std::any_of(aliases.begin(), aliases.end(), playable) ||
+           std::any_of(ancestors.begin(), ancestors.end(), playable);
+}
+
+}  // namespace
+
+StatusItemDropTarget::StatusItemDropTarget(LogSink log) : log_(std::move(log)) {}
+
+void StatusItemDropTarget::attach(QWidget* window) {
+    window->setAcceptDrops(true);
+    window->installEventFilter(this);
+}
+
+std::optional<QUrl> StatusItemDropTarget::audioURL(const QMimeData* from) {
+    if (!from || !from->hasUrls()) return std::nullopt;
+    const QMimeDatabase types;
+    for (const QUrl& url : from->urls()) {
+        if (!url.isLocalFile()) continue;
+        if (isAudioOrMovie(types.mimeTypeForFile(url.toLocalFile(), QMimeDatabase::MatchExtension))) return url;
+    }
+    return std::nullopt;
+}
+
+bool StatusItemDropTarget::eventFilter(QObject* watched, QEvent* event) {
+    switch (event->type()) {
+        case QEvent::DragEnter: {
+            auto* enter = static_cast<QDragEnterEvent*>(event);
+            if (log_) log_("item: drag entered");
+            if (auto* window = qobject_cast<QWidget*>(watched); window && onLocate) {
+                // The pointer minus the drag's position in the window: the window's real place, which
+                // can differ from the geometry the window manager reports.
+                const QPoint origin = QCursor::pos() - enter->position().toPoint();
+                onLocate(QRect(origin, QSize(window->width(), std::max(window->height(), 22))));
+            }
+            if (onDragEntered) onDragEntered();
+            [[fallthrough]];
+        }
+        case QEvent::DragMove: {
+            auto* move = static_cast<QDragMoveEvent*>(event);
+            if (audioURL(move->mimeData())) {
+                acceptCopy(move);
+            } else {
+                move->ignore();
+            }
+            return true;
+        }
+        case QEvent::DragLeave:
+            if (onDragExited) onDragExited();
+            return true;
+        case QEvent::Drop: {
+            auto* drop = static_cast<QDropEvent*>(event);
+            if (const auto url = audioURL(drop->mimeData())) {
+                if (log_) log_("item: dropped " + url->fileName().toStdString());
+                if (onDrop) onDrop(*url);
+                acceptCopy(drop);
+            } else {
+                drop->ignore();
+            }
+            return true;
+        }
+        default:
+            return QObject::eventFilter(watched, event);
+    }
+}
+
+}  // namespace velquin

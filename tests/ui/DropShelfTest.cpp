@@ -1,0 +1,197 @@
+#include <gtest/gtest.h>
+
+#include <QDropEvent>
+#include <QGuiApplication>
+#include <QMimeData>
+#include <QScreen>
+#include <QTest>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "DropShelf.h"
+#include "UiTestSupport.h"
+
+namespace velquin {
+namespace {
+
+TEST(DropShelfPlacement, HangsUnderTheBarAndStaysInsideTheScreen) {
+    const QRect screen(0, 0, 1280, 800);
+    // Centred, 6 px under the bar.
+    EXPECT_EQ(DropShelf::placement(QRect(400, 0, 120, 22), screen), QPoint(310, 28));
+    // Near the right edge: the panel's right edge 8 px inside.
+    EXPECT_EQ(DropShelf::placement(QRect(1200, 0, 80, 22), screen), QPoint(1280 - 8 - 300, 28));
+    // Near the left edge: its left edge 8 px inside.
+    EXPECT_EQ(DropShelf::placement(QRect(0, 0, 40, 22), screen), QPoint(8, 28));
+    // A bar at the bottom of the screen: the shelf goes above it.
+    EXPECT_EQ(DropShelf::placement(QRect(600, 778, 120, 22), screen), QPoint(510, 778 - 6 - 150));
+    // The available area, not the whole screen, bounds it: a top panel of 30 px pushes it down.
+    EXPECT_EQ(DropShelf::placement(QRect(600, 0, 120, 22), QRect(0, 30, 1280, 770)), QPoint(510, 38));
+    // A second screen to the right.
+    EXPECT_EQ(DropShelf::placement(QRect(2500, 0, 60, 22), QRect(1280, 0, 1280, 1024)),
+              QPoint(2560 - 8 - 300, 28));
+    // No screen known: no clamping.
+    EXPECT_EQ(DropShelf::placement(QRect(-100, 0, 40, 22), std::nullopt), QPoint(-230, 28));
+}
+
+class DropShelfTest : public ::testing::Test {
+  protected:
+    std::vector<std::string> log;
+    DropShelf shelf{[this](std::string_view line) { log.emplace_back(line); }};
+    const QRect available = QGuiApplication::primaryScreen()->availableGeometry();
+
+    void hover(bool entering) {
+        QMimeData data;
+        data.setUrls({QUrl::fromLocalFile("/music/a.wav")});
+        if (entering) {
+            QDragEnterEvent enter(QPoint(150, 75), Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
+            test::deliver(&shelf.zone(), &enter);
+        } else {
+            QDragLeaveEvent leave;
+            test::deliver(&shelf.zone(), &leave);
+        }
+    }
+};
+
+TEST_F(DropShelfTest, ShowsIdleUnderTheRectAndKeepsAVisibleShelfAsItIs) {
+    const QRect bar(available.right() - 60, available.top(), 60, 22);
+    shelf.show(bar);
+    ASSERT_TRUE(shelf.isVisible());
+    EXPECT_TRUE(shelf.panel().isVisible());
+    const QRect frame(available.right() + 1 - 8 - 300, available.top() + 28, 300, 150);
+    EXPECT_EQ(shelf.panel().frameGeometry(), frame);
+    EXPECT_EQ(log,
+              std::vector<std::string>{"shelf: ordered front at QRect(" + std::to_string(frame.x()) + "," +
+                                       std::to_string(frame.y()) + " 300x150), panel visible=true"});
+    EXPECT_FALSE(shelf.zone().showingResult);
+    EXPECT_EQ(shelf.zone().title, "Drop an audio file here");
+    EXPECT_EQ(shelf.zone().detail, "Key and BPM in a few seconds");
+
+    // Visible: a result stays readable and the panel stays put.
+    shelf.showResult({"C minor", "5A  \u00b7  128 BPM", "song.flac"});
+    shelf.show(QRect(available.left(), available.top(), 60, 22));
+    EXPECT_TRUE(shelf.zone().showingResult);
+    EXPECT_EQ(shelf.panel().frameGeometry(), frame);
+    EXPECT_EQ(log.size(), 1u);
+
+    // Hidden, then shown again: back to the idle texts, at the new place.
+    shelf.scheduleHide(0);
+    ASSERT_TRUE(test::waitUntil([&] { return !shelf.isVisible(); }, 2000));
+    EXPECT_FALSE(shelf.panel().isVisible());
+    EXPECT_EQ(log.back(), "shelf: hide");
+    shelf.show(QRect(available.left(), available.top(), 60, 22));
+    EXPECT_FALSE(shelf.zone().showingResult);
+    EXPECT_EQ(shelf.panel().frameGeometry().topLeft(), QPoint(available.left() + 8, available.top() + 28));
+}
+
+TEST_F(DropShelfTest, WorkingLinesAndResultsDoNotMoveAHiddenShelfUntilTheResult) {
+    shelf.showWorking("take 3.wav");
+    EXPECT_FALSE(shelf.isVisible());
+    EXPECT_TRUE(shelf.zone().showingResult);
+    EXPECT_EQ(shelf.zone().resultLines, (QStringList{"Listening to file\u2026", "", "take 3.wav"}));
+    EXPECT_TRUE(log.empty());
+
+    shelf.showResult({"Could not read that file", "", "take 3.wav"});
+    EXPECT_TRUE(shelf.isVisible());
+    EXPECT_TRUE(shelf.panel().isVisible());
+}
+
+TEST_F(DropShelfTest, ForwardsDropsOnTheZone) {
+    std::vector<QString> dropped;
+    shelf.onDrop = [&](const QUrl& url) { dropped.push_back(url.toLocalFile()); };
+    QMimeData data;
+    data.setUrls({QUrl::fromLocalFile("/notes/a.txt"), QUrl::fromLocalFile("/video/b.mp4")});
+    QDropEvent drop(QPointF(150, 75), Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
+    test::deliver(&shelf.zone(), &drop);
+    EXPECT_EQ(dropped, std::vector<QString>{"/video/b.mp4"});
+}
+
+TEST_F(DropShelfTest, HidesOnScheduleUnlessAHoverOrANewShowCancelsIt) {
+    shelf.show(QRect(100, 0, 60, 22));
+    shelf.scheduleHide(0.5);
+    EXPECT_EQ(shelf.pendingHideSeconds(), 0.5);
+    // A later schedule replaces an earlier one.
+    shelf.scheduleHide(4.0);
+    EXPECT_EQ(shelf.pendingHideSeconds(), 4.0);
+
+    // A drag hovering the zone keeps the shelf up for as long as it stays; leaving it hides it 0.8 s later.
+    hover(true);
+    EXPECT_EQ(shelf.pendingHideSeconds(), std::nullopt);
+    hover(false);
+    EXPECT_EQ(shelf.pendingHideSeconds(), 0.8);
+
+    // Showing again, and the working lines, each cancel a pending hide.
+    shelf.show(QRect(100, 0, 60, 22));
+    EXPECT_EQ(shelf.pendingHideSeconds(), std::nullopt);
+    shelf.scheduleHide(0.6);
+    shelf.showWorking("a.wav");
+    EXPECT_EQ(shelf.pendingHideSeconds(), std::nullopt);
+    EXPECT_TRUE(shelf.isVisible());
+
+    // When the hide comes due the shelf goes.
+    shelf.scheduleHide(0);
+    ASSERT_TRUE(test::waitUntil([&] { return !shelf.isVisible(); }, 5000));
+    EXPECT_FALSE(shelf.panel().isVisible());
+    EXPECT_EQ(shelf.pendingHideSeconds(), std::nullopt);
+    EXPECT_EQ(log.back(), "shelf: hide");
+}
+
+TEST(DropShelfLifetime, APendingHideDiesWithTheShelf) {
+    {
+        DropShelf shelf;
+        shelf.show(QRect(0, 0, 60, 22));
+        shelf.scheduleHide(0.05);
+    }
+    QTest::qWait(150);  // under a sanitizer, a timer outliving the shelf would be reported here
+}
+
+class DropZoneDrawing : public ::testing::Test {
+  protected:
+    DropZoneView zone;
+    // Light labels, as on the shelf's dark background.
+    void SetUp() override {
+        QPalette hud = zone.palette();
+        hud.setColor(QPalette::WindowText, Qt::white);
+        zone.setPalette(hud);
+    }
+    const QColor accent = zone.palette().color(QPalette::Highlight);
+    QImage draw() { return test::render(zone); }
+};
+
+TEST_F(DropZoneDrawing, IdleBorderTurnsToTheAccentWhileAUsableFileHovers) {
+    const QRect leftEdge(13, 60, 3, 30);  // the dashed border's left side, inset 14
+    QImage idle = draw();
+    EXPECT_FALSE(test::inkBounds(idle, leftEdge, Qt::transparent).isEmpty());
+    EXPECT_FALSE(test::containsColor(idle, zone.rect(), accent));
+
+    zone.highlighted = true;
+    const QImage lit = draw();
+    EXPECT_TRUE(test::containsColor(lit, leftEdge, accent, 128));
+    // Filled faintly inside the border.
+    EXPECT_GT(lit.pixelColor(40, 20).alpha(), 0);
+    EXPECT_EQ(idle.pixelColor(40, 20).alpha(), 0);
+}
+
+TEST_F(DropZoneDrawing, ResultModeDrawsThreeLinesAtFixedHeights) {
+    zone.showingResult = true;
+    zone.resultLines = {"C minor", "5A  \u00b7  128 BPM", "song.flac"};
+    const QImage three = draw();
+    EXPECT_TRUE(test::inkBounds(three, QRect(13, 60, 3, 30), Qt::transparent).isEmpty());  // no border
+
+    zone.resultLines.append("a fourth line");
+    EXPECT_EQ(draw(), three);
+
+    // Lines are 26, 20 and 16 px high from 31 px above the middle: rows 44, 70 and 90 down to 106.
+    EXPECT_FALSE(test::inkBounds(three, QRect(0, 70, 300, 20), Qt::transparent).isEmpty());
+    EXPECT_TRUE(test::inkBounds(three, QRect(0, 108, 300, 42), Qt::transparent).isEmpty());
+    // An empty second line keeps its height: the third line does not move up.
+    const QRect thirdInk = test::inkBounds(three, QRect(0, 90, 300, 18), Qt::transparent);
+    ASSERT_FALSE(thirdInk.isEmpty());
+    zone.resultLines = {"C minor", "", "song.flac"};
+    const QImage gap = draw();
+    EXPECT_EQ(test::inkBounds(gap, QRect(0, 90, 300, 18), Qt::transparent), thirdInk);
+    EXPECT_TRUE(test::inkBounds(gap, QRect(0, 70, 300, 20), Qt::transparent).isEmpty());
+}
+
+}  // namespace
+}  // namespace velquin

@@ -1,0 +1,219 @@
+#include <gtest/gtest.h>
+
+#include <QCoreApplication>
+#include <QCursor>
+#include <QDropEvent>
+#include <QMimeData>
+#include <QWidget>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "DropZoneView.h"
+#include "StatusItem.h"
+#include "StatusItemDropTarget.h"
+#include "UiTestSupport.h"
+
+namespace velquin {
+namespace {
+
+std::unique_ptr<QMimeData> filesDrag(const QStringList& entries) {
+    auto data = std::make_unique<QMimeData>();
+    QList<QUrl> urls;
+    for (const QString& entry : entries) {
+        urls.push_back(entry.startsWith('/') ? QUrl::fromLocalFile(entry) : QUrl(entry));
+    }
+    data->setUrls(urls);
+    return data;
+}
+
+std::unique_ptr<QMimeData> textDrag(const QString& text) {
+    auto data = std::make_unique<QMimeData>();
+    data->setText(text);
+    return data;
+}
+
+std::optional<QString> accepted(const QMimeData& data) {
+    const auto url = StatusItemDropTarget::audioURL(&data);
+    if (!url) return std::nullopt;
+    return url->toLocalFile();
+}
+
+TEST(AudioURL, FirstLocalAudioOrMovieFileByExtension) {
+    using Files = QStringList;
+    struct Case {
+        Files files;
+        std::optional<QString> expected;
+    };
+    // None of these files exist: only the name is judged.
+    const std::vector<Case> cases = {
+        {{"/music/a b.flac"}, "/music/a b.flac"},
+        {{"/music/SONG.MP3"}, "/music/SONG.MP3"},
+        {{"/music/track.m4a"}, "/music/track.m4a"},  // MPEG-4 audio
+        {{"/video/clip.mp4"}, "/video/clip.mp4"},    // MPEG-4 video
+        {{"/music/x.aiff"}, "/music/x.aiff"},
+        {{"/music/x.opus"}, "/music/x.opus"},
+        {{"/video/x.mkv"}, "/video/x.mkv"},
+        {{"/notes/readme.txt"}, std::nullopt},
+        {{"/music/no-extension"}, std::nullopt},
+        {{"/pictures/cover.jpg", "/notes/readme.txt"}, std::nullopt},
+        {{"/notes/readme.txt", "/music/second.wav", "/music/third.ogg"}, "/music/second.wav"},
+        {{"https://example.com/remote.mp3", "/music/local.ogg"}, "/music/local.ogg"},
+        {{"https://example.com/remote.mp3"}, std::nullopt},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.files.join(", ").toStdString());
+        EXPECT_EQ(accepted(*filesDrag(c.files)), c.expected);
+    }
+    EXPECT_EQ(accepted(*textDrag("/music/looks-like-a-path.mp3")), std::nullopt);
+    EXPECT_EQ(StatusItemDropTarget::audioURL(nullptr), std::nullopt);
+}
+
+struct DragResult {
+    bool enterAccepted;
+    bool moveAccepted;
+    bool dropAccepted;
+    Qt::DropAction action;
+};
+
+// Enter, move and drop at `at` (widget coordinates), as a real drag delivers them.
+DragResult dragAndDrop(QObject* target, const QMimeData& data, QPoint at = QPoint(20, 10),
+                       QObject* filter = nullptr) {
+    DragResult result{};
+    QDragEnterEvent enter(at, Qt::CopyAction | Qt::MoveAction, &data, Qt::LeftButton, Qt::NoModifier);
+    test::deliver(target, &enter, filter);
+    result.enterAccepted = enter.isAccepted();
+    QDragMoveEvent move(at + QPoint(1, 1), Qt::CopyAction | Qt::MoveAction, &data, Qt::LeftButton,
+                        Qt::NoModifier);
+    test::deliver(target, &move, filter);
+    result.moveAccepted = move.isAccepted();
+    QDropEvent drop(QPointF(at + QPoint(1, 1)), Qt::CopyAction | Qt::MoveAction, &data, Qt::LeftButton,
+                    Qt::NoModifier);
+    test::deliver(target, &drop, filter);
+    result.dropAccepted = drop.isAccepted();
+    result.action = drop.dropAction();
+    return result;
+}
+
+TEST(DropZoneView, HighlightsAndDropsUsableFilesOnly) {
+    DropZoneView zone;
+    std::vector<QString> dropped;
+    std::vector<bool> hovers;
+    zone.onDrop = [&](const QUrl& url) { dropped.push_back(url.toLocalFile()); };
+    zone.onHover = [&](bool hovering) { hovers.push_back(hovering); };
+
+    const auto mixed = filesDrag({"/notes/readme.txt", "/music/second.m4a"});
+    QDragEnterEvent enter(QPoint(20, 10), Qt::CopyAction, mixed.get(), Qt::LeftButton, Qt::NoModifier);
+    test::deliver(&zone, &enter);
+    EXPECT_TRUE(enter.isAccepted());
+    EXPECT_EQ(enter.dropAction(), Qt::CopyAction);
+    EXPECT_TRUE(zone.highlighted);
+    QDropEvent drop(QPointF(20, 10), Qt::CopyAction, mixed.get(), Qt::LeftButton, Qt::NoModifier);
+    test::deliver(&zone, &drop);
+    EXPECT_TRUE(drop.isAccepted());
+    EXPECT_FALSE(zone.highlighted);
+    EXPECT_EQ(dropped, std::vector<QString>{"/music/second.m4a"});
+    EXPECT_EQ(hovers, std::vector<bool>{true});
+
+    // Refused: no highlight, no copy, no onDrop; hovering is still reported both ways.
+    hovers.clear();
+    dropped.clear();
+    const auto text = filesDrag({"/notes/readme.txt"});
+    const DragResult r = dragAndDrop(&zone, *text);
+    EXPECT_FALSE(r.enterAccepted);
+    EXPECT_FALSE(r.moveAccepted);
+    EXPECT_FALSE(r.dropAccepted);
+    EXPECT_FALSE(zone.highlighted);
+    EXPECT_TRUE(dropped.empty());
+    QDragLeaveEvent leave;
+    test::deliver(&zone, &leave);
+    EXPECT_EQ(hovers, (std::vector<bool>{true, false}));
+
+    // A usable drag that leaves without dropping clears the highlight.
+    const auto audio = filesDrag({"/music/a.wav"});
+    QDragEnterEvent again(QPoint(5, 5), Qt::CopyAction, audio.get(), Qt::LeftButton, Qt::NoModifier);
+    test::deliver(&zone, &again);
+    EXPECT_TRUE(zone.highlighted);
+    test::deliver(&zone, &leave);
+    EXPECT_FALSE(zone.highlighted);
+}
+
+TEST(DropZoneView, AnswersEnterMoveAndDropWithCopy) {
+    DropZoneView zone;
+    const auto audio = filesDrag({"/music/a.wav"});
+    const DragResult r = dragAndDrop(&zone, *audio);
+    EXPECT_TRUE(r.enterAccepted);
+    EXPECT_TRUE(r.moveAccepted);
+    EXPECT_TRUE(r.dropAccepted);
+    EXPECT_EQ(r.action, Qt::CopyAction);
+}
+
+TEST(StatusItemDropTarget, LocatesTheBarThenOpensTheShelfThenTakesTheDrop) {
+    std::vector<std::string> log, calls;
+    StatusItemDropTarget target([&](std::string_view line) { log.emplace_back(line); });
+    StatusItem item;
+    item.setLength(90);
+    target.attach(&item);
+    EXPECT_TRUE(item.acceptDrops());
+
+    QRect located;
+    std::vector<QString> dropped;
+    target.onLocate = [&](const QRect& rect) {
+        calls.push_back("locate");
+        located = rect;
+    };
+    target.onDragEntered = [&] { calls.push_back("entered"); };
+    target.onDragExited = [&] { calls.push_back("exited"); };
+    target.onDrop = [&](const QUrl& url) { dropped.push_back(url.toLocalFile()); };
+
+    // Wherever the window thinks it is, the pointer at (20, 10) in it at global (520, 14) puts it at (500,
+    // 4).
+    item.move(10, 300);
+    QCursor::setPos(520, 14);
+    const auto drag = filesDrag({"https://example.com/a.mp3", "/music/a b.flac"});
+    const DragResult r = dragAndDrop(&item, *drag, QPoint(20, 10), &target);
+    EXPECT_TRUE(r.enterAccepted);
+    EXPECT_TRUE(r.moveAccepted);
+    EXPECT_TRUE(r.dropAccepted);
+    EXPECT_EQ(calls, (std::vector<std::string>{"locate", "entered"}));
+    EXPECT_EQ(located, QRect(500, 4, 90, 22));
+    EXPECT_EQ(dropped, std::vector<QString>{"/music/a b.flac"});
+    EXPECT_EQ(log, (std::vector<std::string>{"item: drag entered", "item: dropped a b.flac"}));
+
+    // Any drag opens the shelf, usable or not; a refused one is neither accepted nor dropped.
+    calls.clear();
+    log.clear();
+    dropped.clear();
+    const auto text = textDrag("hello");
+    const DragResult refused = dragAndDrop(&item, *text, QPoint(20, 10), &target);
+    EXPECT_FALSE(refused.enterAccepted);
+    EXPECT_FALSE(refused.moveAccepted);
+    EXPECT_FALSE(refused.dropAccepted);
+    EXPECT_EQ(calls, (std::vector<std::string>{"locate", "entered"}));
+    EXPECT_TRUE(dropped.empty());
+    EXPECT_EQ(log, std::vector<std::string>{"item: drag entered"});
+
+    QDragLeaveEvent leave;
+    test::deliver(&item, &leave, &target);
+    EXPECT_EQ(calls.back(), "exited");
+}
+
+TEST(StatusItemDropTarget, ReportsAtLeastTheBarHeightAndToleratesMissingCallbacks) {
+    StatusItemDropTarget target;
+    QWidget thin;
+    thin.resize(60, 10);
+    target.attach(&thin);
+    QRect located;
+    target.onLocate = [&](const QRect& rect) { located = rect; };
+    QCursor::setPos(100, 100);
+    const auto drag = filesDrag({"/music/a.mp3"});
+    dragAndDrop(&thin, *drag, QPoint(0, 0), &target);
+    EXPECT_EQ(located, QRect(100, 100, 60, 22));
+
+    target.onLocate = nullptr;
+    EXPECT_TRUE(dragAndDrop(&thin, *drag, QPoint(20, 10), &target).dropAccepted);
+}
+
+}  // namespace
+}  // namespace velquin
