@@ -6,6 +6,13 @@ set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/scripts/setup.sh"
 velquin_install_packages
 
+# A decimal-comma locale, so that the tests can show the parsers ignore the process locale.
+if ! locale -a 2>/dev/null | grep -qi '^de_DE\.utf-\?8$'; then
+    sudo=()
+    [ "$(id -u)" -eq 0 ] || sudo=(sudo)
+    "${sudo[@]}" localedef -i de_DE -f UTF-8 de_DE.UTF-8 2>/dev/null || echo "no de_DE locale; its test is skipped" >&2
+fi
+
 jobs=$(nproc)
 status=0
 

@@ -11,7 +11,7 @@ VELQUIN_PACKAGES=(
     qt6-base-dev libfftw3-dev libavformat-dev libavcodec-dev libavutil-dev libswresample-dev
     libsndfile1-dev libpulse-dev libxcb1-dev libxcb-xfixes0-dev
     libgtest-dev libgmock-dev libbenchmark-dev
-    pulseaudio pulseaudio-utils xvfb xauth x11-utils ffmpeg clang libclang-rt-14-dev time
+    pulseaudio pulseaudio-utils xvfb xauth x11-utils ffmpeg clang libclang-rt-14-dev locales time
     trayer xdotool imagemagick
 )
 
