@@ -52,7 +52,7 @@ std::optional<AudioSourceError> MicrophoneSource::startLocked() {
     if (!stream_) return failed(pulse::lastError(context));
     channels_ = pa_stream_get_sample_spec(stream_.get())->channels;
     // Blocks may come larger than requested; start with room for a few so the buffer rarely grows.
-    if (mono_.size() < 4 * kFragmentFrames) mono_.assign(4 * kFragmentFrames, 0.0f);
+    mixer_.reserve(4 * kFragmentFrames);
     pa_stream_set_read_callback(stream_.get(), readCallback, this);
     if (const int error = pulse::connectRecord(loop, context, stream_.get(), input.name.c_str(), kFragmentFrames))
         return failed(error);
@@ -72,29 +72,12 @@ void MicrophoneSource::stop() {
 }
 
 void MicrophoneSource::handle(const float* data, size_t frames, unsigned channels) {
-    if (!data || frames == 0 || channels == 0) return;
-    if (mono_.size() < frames) mono_.assign(frames, 0.0f);
-    pulse::mixInterleavedToMono(data, frames, channels, mono_.data());
-    if (onSamples) onSamples(mono_.data(), static_cast<int64_t>(frames));
-}
-
-void MicrophoneSource::deliverSilence(size_t frames) {
-    if (frames == 0) return;
-    if (mono_.size() < frames) mono_.assign(frames, 0.0f);
-    std::fill_n(mono_.begin(), frames, 0.0f);
-    if (onSamples) onSamples(mono_.data(), static_cast<int64_t>(frames));
+    mixer_.mix(data, frames, channels, onSamples);
 }
 
 void MicrophoneSource::readCallback(pa_stream* stream, size_t, void* userdata) {
     auto* self = static_cast<MicrophoneSource*>(userdata);
-    const size_t frameBytes = size_t(self->channels_) * sizeof(float);
-    pulse::drain(stream, [self, frameBytes](const float* data, size_t bytes) {
-        // A hole is time the server has no audio for: keep the sample count honest with silence.
-        if (data)
-            self->handle(data, bytes / frameBytes, self->channels_);
-        else
-            self->deliverSilence(bytes / frameBytes);
-    });
+    self->mixer_.read(stream, self->channels_, self->onSamples);
 }
 
 }  // namespace velquin

@@ -34,7 +34,6 @@ public:
 
 private:
     std::optional<AudioSourceError> startLocked();
-    void deliverSilence(size_t frames);
     static void readCallback(pa_stream* stream, size_t bytes, void* userdata);
 
     std::atomic<double> sampleRate_{48000};
@@ -43,7 +42,7 @@ private:
     pulse::ContextPtr context_;
     pulse::StreamPtr stream_;
     unsigned channels_ = 0;
-    std::vector<float> mono_;  // reusable mix buffer; grows, never shrinks
+    pulse::MonoMixer mixer_;
 };
 
 }  // namespace velquin

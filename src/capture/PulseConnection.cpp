@@ -1,5 +1,7 @@
 #include "PulseConnection.h"
 
+#include <algorithm>
+
 #include <sys/time.h>
 
 #include <charconv>
@@ -271,6 +273,36 @@ void mixInterleavedToMono(const float* interleaved, size_t frames, unsigned chan
         for (unsigned c = 0; c < channels; ++c) sum += frame[c];
         mono[i] = sum * scale;
     }
+}
+
+void MonoMixer::reserve(size_t frames) {
+    if (mono_.size() < frames) mono_.assign(frames, 0.0f);
+}
+
+void MonoMixer::mix(const float* interleaved, size_t frames, unsigned channels, const Deliver& deliver) {
+    if (!interleaved || frames == 0 || channels == 0) return;
+    reserve(frames);
+    mixInterleavedToMono(interleaved, frames, channels, mono_.data());
+    if (deliver) deliver(mono_.data(), static_cast<int64_t>(frames));
+}
+
+void MonoMixer::silence(size_t frames, const Deliver& deliver) {
+    if (frames == 0) return;
+    reserve(frames);
+    std::fill_n(mono_.begin(), frames, 0.0f);
+    if (deliver) deliver(mono_.data(), static_cast<int64_t>(frames));
+}
+
+void MonoMixer::read(pa_stream* stream, unsigned channels, const Deliver& deliver) {
+    if (channels == 0) return;
+    const size_t frameBytes = size_t(channels) * sizeof(float);
+    drain(stream, [&](const float* data, size_t bytes) {
+        // A hole is time the server has no audio for: keep the sample count honest with silence.
+        if (data)
+            mix(data, bytes / frameBytes, channels, deliver);
+        else
+            silence(bytes / frameBytes, deliver);
+    });
 }
 
 std::string rateText(double rate) {

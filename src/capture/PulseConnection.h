@@ -14,6 +14,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace velquin::pulse {
 
@@ -133,6 +134,24 @@ int lastError(pa_context* context, int fallback = PA_ERR_UNKNOWN);
 // Averages interleaved frames into `mono[0 … frames−1]`: the channels of a frame are summed in order and
 // scaled by the single-precision reciprocal of the channel count (one channel is copied as it is).
 void mixInterleavedToMono(const float* interleaved, size_t frames, unsigned channels, float* mono);
+
+// A source's reusable mix buffer between the stream and its onSamples: interleaved blocks become mono,
+// holes become silence. It grows only when a block is larger than any before and never shrinks.
+// Runs on the loop's thread.
+class MonoMixer {
+public:
+    using Deliver = std::function<void(const float* samples, int64_t count)>;
+
+    void reserve(size_t frames);
+    // Empty blocks, null data and zero channels are skipped.
+    void mix(const float* interleaved, size_t frames, unsigned channels, const Deliver& deliver);
+    void silence(size_t frames, const Deliver& deliver);
+    // Everything the stream holds, frames of `channels` floats each.
+    void read(pa_stream* stream, unsigned channels, const Deliver& deliver);
+
+private:
+    std::vector<float> mono_;
+};
 
 // Shortest decimal text of a rate, always with a fraction ("48000.0").
 std::string rateText(double rate);

@@ -87,7 +87,7 @@ std::optional<AudioSourceError> SystemAudioSource::startLocked() {
         std::fwrite(lines.data(), 1, lines.size(), stderr);
     }
 
-    if (mono_.size() < kInitialMixFrames) mono_.assign(kInitialMixFrames, 0.0f);
+    mixer_.reserve(kInitialMixFrames);
     pa_stream_set_read_callback(stream_.get(), readCallback, this);
     const uint32_t fragmentFrames = std::max<uint32_t>(1, spec.rate * kFragmentMilliseconds / 1000);
     if (const int error =
@@ -120,30 +120,13 @@ void SystemAudioSource::stop() {
 }
 
 void SystemAudioSource::handle(const float* data, size_t bytes, unsigned channels) {
-    if (!data || channels == 0) return;
-    if (bytes < size_t(channels) * sizeof(float)) return;
-    const size_t frames = bytes / (size_t(channels) * sizeof(float));
-    if (mono_.size() < frames) mono_.assign(frames, 0.0f);
-    pulse::mixInterleavedToMono(data, frames, channels, mono_.data());
-    if (onSamples) onSamples(mono_.data(), static_cast<int64_t>(frames));
-}
-
-void SystemAudioSource::deliverSilence(size_t frames) {
-    if (frames == 0) return;
-    if (mono_.size() < frames) mono_.assign(frames, 0.0f);
-    std::fill_n(mono_.begin(), frames, 0.0f);
-    if (onSamples) onSamples(mono_.data(), static_cast<int64_t>(frames));
+    if (channels == 0) return;
+    mixer_.mix(data, bytes / (size_t(channels) * sizeof(float)), channels, onSamples);
 }
 
 void SystemAudioSource::readCallback(pa_stream* stream, size_t, void* userdata) {
     auto* self = static_cast<SystemAudioSource*>(userdata);
-    pulse::drain(stream, [self](const float* data, size_t bytes) {
-        // A hole is time the server has no audio for: keep the sample count honest with silence.
-        if (data)
-            self->handle(data, bytes, self->channels_);
-        else
-            self->deliverSilence(bytes / (size_t(self->channels_) * sizeof(float)));
-    });
+    self->mixer_.read(stream, self->channels_, self->onSamples);
 }
 
 void SystemAudioSource::streamStateCallback(pa_stream* stream, void* userdata) {

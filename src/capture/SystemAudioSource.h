@@ -39,7 +39,6 @@ public:
 private:
     std::optional<AudioSourceError> startLocked();
     void startListeningForChanges();
-    void deliverSilence(size_t frames);
     void connectionLost();
     void retryConnection();
     void askForRestart();
@@ -65,7 +64,7 @@ private:
     unsigned channels_ = 0;
     bool serverLost_ = false;
     bool restartAsked_ = false;
-    std::vector<float> mono_;  // reusable mix buffer; grows, never shrinks
+    pulse::MonoMixer mixer_;
 };
 
 }  // namespace velquin
