@@ -87,10 +87,6 @@ constexpr std::array<double, 24> minorFunction = [] {
 
 bool debugEnabled() { return std::getenv("TESSARO_DEBUG") != nullptr; }
 
-MusicalKey relativeOf(const MusicalKey& key) {
-    return key.isMinor ? MusicalKey{(key.tonic + 3) % 12, false} : MusicalKey{(key.tonic + 9) % 12, true};
-}
-
 }  // namespace
 
 KeyAnalyzer::KeyAnalyzer(double sampleRate, bool offline)
@@ -496,10 +492,9 @@ KeyEstimate KeyAnalyzer::decide(double usingLastSeconds) const {
     if ((s1 - s2) / s1 < 0.06) {
         result.alternative = ranked[1].key;
     } else {
-        const MusicalKey relative = relativeOf(ranked[0].key);
         for (size_t i = 1; i < ranked.size(); ++i) {
-            if (ranked[i].key == relative) {
-                if ((s1 - ranked[i].score) / s1 < relativeGap_) result.alternative = relative;
+            if (ranked[i].key.isRelativeOf(ranked[0].key)) {
+                if ((s1 - ranked[i].score) / s1 < relativeGap_) result.alternative = ranked[i].key;
                 break;
             }
         }

@@ -68,7 +68,6 @@ struct TempoService::Live {
     SampleRing ring{idleRingCapacity};  // shared with the capture thread; it has its own lock
     std::atomic<double> captureSampleRate{idleSampleRate};
     std::unique_ptr<AudioSource> source;            // main thread
-    bool timerRunning = false;                      // main thread
 };
 
 void TempoService::Live::tick() {
@@ -198,15 +197,13 @@ void TempoService::start(AudioSourceKind kind) {
         timer->start();
         l->engine.timer = std::move(timer);
     });
-    l->timerRunning = true;
 }
 
 void TempoService::stop() {
     Live* l = live_.get();
-    if (l->timerRunning) {
+    if (isRunning_) {
         // Waits, so that no tick (and no onCapturedSamples) runs once stop() has returned.
         l->post([l] { l->engine.timer.reset(); }, true);
-        l->timerRunning = false;
     }
     if (l->source) {
         l->source->stop();
