@@ -57,7 +57,7 @@ build() {
 run_program() {
     local status
     echo "--- $1" >>"$log"
-    VELQUIN_BIN=$build/src/app/velquin timeout --kill-after=5 "$2" "$build/tests/$1" \
+    VELQUIN_BIN=$build/velquin timeout --kill-after=5 "$2" "$build/tests/$1" \
         --gtest_fail_fast --gtest_brief=1 >>"$log" 2>&1
     status=$?
     if [ $status -eq 0 ]; then return 0; fi
