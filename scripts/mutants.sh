@@ -90,16 +90,16 @@ replacements=()
 while IFS= read -r line || [ -n "$line" ]; do
     [[ $line =~ ^[[:space:]]*(#|$) ]] && continue
     [[ $line =~ $pattern ]] || die "cannot read this line of $list: $line"
-    label=${BASH_REMATCH[1]}
+    fields=("${BASH_REMATCH[@]}")
     if [ $# -gt 0 ]; then
         wanted=0
-        for re in "$@"; do [[ $label =~ $re ]] && wanted=1; done
+        for re in "$@"; do [[ ${fields[1]} =~ $re ]] && wanted=1; done
         [ $wanted -eq 1 ] || continue
     fi
-    labels+=("$label")
-    paths+=("${BASH_REMATCH[2]}")
-    snippets+=("${BASH_REMATCH[3]}")
-    replacements+=("${BASH_REMATCH[4]}")
+    labels+=("${fields[1]}")
+    paths+=("${fields[2]}")
+    snippets+=("${fields[3]}")
+    replacements+=("${fields[4]}")
 done <"$list"
 total=${#labels[@]}
 [ "$total" -gt 0 ] || die "no mutant selected"
