@@ -91,7 +91,7 @@ QString noteLineHtml(const KeyEstimate& key, const QPalette& palette) {
 }
 
 TempoService::FileResult analyzeWithService(const std::string& path, TempoRange range) {
-    return TempoService::analyzeFile(path, range);
+    return FileAnalysis::analyzeFile(path, range);
 }
 
 bool defaultAskUseMicrophone(const QString& message) {
