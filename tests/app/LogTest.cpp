@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
+#include <optional>
 #include <regex>
 #include <string>
 #include <thread>
@@ -22,48 +23,29 @@ namespace {
 const std::string kStamp = R"(\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}\.\d{3})";
 
 std::vector<std::string> lines(const std::filesystem::path& file) {
-    std::vector<std::string> out;
-    const std::string text = test::readText(file);
-    size_t start = 0;
-    while (start < text.size()) {
-        const size_t end = text.find('\n', start);
-        out.push_back(text.substr(start, end - start));
-        if (end == std::string::npos) break;
-        start = end + 1;
-    }
-    return out;
+    return test::lines(test::readText(file));
 }
 
 TEST(Log, FolderIsInTheUsersStateFolderEvenWithoutHome) {
-    const char* oldHome = std::getenv("HOME");
-    const char* oldState = std::getenv("XDG_STATE_HOME");
-    const std::string savedHome = oldHome ? oldHome : "", savedState = oldState ? oldState : "";
-    setenv("XDG_STATE_HOME", "/x/state", 1);
+    std::optional<test::ScopedEnv> state(std::in_place, "XDG_STATE_HOME", "/x/state");
     EXPECT_EQ(Log::folder(), std::filesystem::path("/x/state/Velquin"));
     // No HOME: the passwd entry's home, never a folder under "/".
-    unsetenv("XDG_STATE_HOME");
-    unsetenv("HOME");
+    state.emplace("XDG_STATE_HOME", std::nullopt);
+    const test::ScopedEnv home("HOME", std::nullopt);
     const std::filesystem::path folder = Log::folder();
     EXPECT_EQ(folder, xdg::userHome() / ".local/state/Velquin");
     EXPECT_NE(folder.string().rfind("/.local", 0), 0u) << folder;
-    if (oldHome) setenv("HOME", savedHome.c_str(), 1);
-    if (oldState) setenv("XDG_STATE_HOME", savedState.c_str(), 1);
 }
 
 TEST(Log, TimestampHasMillisecondsInLocalTime) {
-    const char* oldTz = std::getenv("TZ");
-    const std::string saved = oldTz ? oldTz : "";
-    setenv("TZ", "UTC", 1);
-    tzset();
     const auto when = std::chrono::system_clock::time_point(std::chrono::milliseconds(1'700'000'000'007));
-    EXPECT_EQ(Log::timestamp(when), "2023-11-14 22:13:20.007");
-    setenv("TZ", "IST-5:30", 1);  // +05:30, spelled out so no zone database is needed
-    tzset();
-    EXPECT_EQ(Log::timestamp(when), "2023-11-15 03:43:20.007");
-    if (oldTz)
-        setenv("TZ", saved.c_str(), 1);
-    else
-        unsetenv("TZ");
+    // +05:30 is spelled out so no zone database is needed.
+    for (const auto& [zone, text] :
+         {std::pair{"UTC", "2023-11-14 22:13:20.007"}, {"IST-5:30", "2023-11-15 03:43:20.007"}}) {
+        const test::ScopedEnv tz("TZ", zone);
+        tzset();
+        EXPECT_EQ(Log::timestamp(when), text);
+    }
     tzset();
 }
 

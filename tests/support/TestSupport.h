@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -45,5 +46,20 @@ private:
 };
 
 std::string readText(const std::filesystem::path& path);
+void writeText(const std::filesystem::path& path, const std::string& bytes);
+std::vector<std::string> lines(const std::string& text);
+
+// Sets (or, given nullopt, unsets) an environment variable for the object's lifetime.
+class ScopedEnv {
+public:
+    ScopedEnv(const char* name, std::optional<std::string> value);
+    ~ScopedEnv();
+    ScopedEnv(const ScopedEnv&) = delete;
+    ScopedEnv& operator=(const ScopedEnv&) = delete;
+
+private:
+    const char* name_;
+    std::optional<std::string> saved_;
+};
 
 }  // namespace velquin::test
