@@ -2,8 +2,6 @@
 // real server is covered by the e2e test (tests/e2e).
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -23,25 +21,6 @@ struct Delivery {
             pointers.push_back(samples);
         };
     }
-};
-
-// Points the PulseAudio client at a socket that does not exist for the lifetime of the object.
-class NoServer {
-public:
-    NoServer() {
-        if (const char* old = std::getenv("PULSE_SERVER")) previous_ = old;
-        setenv("PULSE_SERVER", ("unix:" + (dir_ / "no-such-socket").string()).c_str(), 1);
-    }
-    ~NoServer() {
-        if (previous_)
-            setenv("PULSE_SERVER", previous_->c_str(), 1);
-        else
-            unsetenv("PULSE_SERVER");
-    }
-
-private:
-    test::TempDir dir_;
-    std::optional<std::string> previous_;
 };
 
 TEST(PulseMix, SystemAudioAveragesInterleavedFramesAndDropsPartialOnes) {
@@ -113,56 +92,40 @@ TEST(PulseMix, MixBufferGrowsForLargerBlocksAndDeliversOnlyTheBlock) {
     }
 }
 
-TEST(PulseSources, StartWithoutServerFailsCleanlyWithTheUsersText) {
-    NoServer noServer;
-
-    SystemAudioSource system;
+// The description of the error start() throws.
+std::string startError(AudioSource& source) {
     try {
-        system.start();
-        FAIL() << "start() succeeded without a server";
+        source.start();
     } catch (const AudioSourceError& error) {
         EXPECT_EQ(error.errorCase(), AudioSourceError::Case::serverUnreachable);
         EXPECT_EQ(error.status(), PA_ERR_CONNECTIONREFUSED);
-        EXPECT_EQ(error.description(),
-                  "Could not tap system audio (error 6). Check that PulseAudio, or PipeWire's PulseAudio service, "
-                  "is running (pactl info) and that the default output has a monitor (pactl list short sources), "
-                  "then restart Velquin.");
+        return error.description();
     }
+    ADD_FAILURE() << "start() succeeded without a server";
+    return {};
+}
+
+TEST(PulseSources, StartWithoutServerFailsCleanlyWithTheUsersText) {
+    const test::ScopedEnv noServer("PULSE_SERVER", "unix:/nonexistent/velquin-no-such-socket");
+    SystemAudioSource system;
+    MicrophoneSource mic;
+    system.stop();  // before a start: harmless
+    mic.stop();
+    EXPECT_EQ(startError(system),
+              "Could not tap system audio (error 6). Check that PulseAudio, or PipeWire's PulseAudio "
+              "service, is running (pactl info) and that the default output has a monitor (pactl list "
+              "short sources), then restart Velquin.");
     EXPECT_EQ(system.sampleRate(), 48000);
     system.stop();
     system.stop();
     // Nothing is left half-built: a second attempt fails the same way.
     EXPECT_THROW(system.start(), AudioSourceError);
 
-    MicrophoneSource mic;
-    try {
-        mic.start();
-        FAIL() << "start() succeeded without a server";
-    } catch (const AudioSourceError& error) {
-        EXPECT_EQ(error.errorCase(), AudioSourceError::Case::serverUnreachable);
-        EXPECT_EQ(error.status(), PA_ERR_CONNECTIONREFUSED);
-        EXPECT_EQ(error.description(),
-                  "Could not reach the sound server for the microphone (error 6). Check that PulseAudio, or "
-                  "PipeWire's PulseAudio service, is running (pactl info), then restart Velquin.");
-    }
+    EXPECT_EQ(startError(mic),
+              "Could not reach the sound server for the microphone (error 6). Check that PulseAudio, or "
+              "PipeWire's PulseAudio service, is running (pactl info), then restart Velquin.");
     mic.stop();
     mic.stop();
-}
-
-TEST(PulseSources, StopBeforeStartIsHarmless) {
-    SystemAudioSource system;
-    MicrophoneSource mic;
-    system.stop();
-    mic.stop();
-    EXPECT_EQ(system.sampleRate(), 48000);
-    EXPECT_EQ(mic.sampleRate(), 48000);
-}
-
-TEST(PulseMix, RatesPrintAsShortestDecimalsWithAFraction) {
-    EXPECT_EQ(pulse::rateText(48000), "48000.0");
-    EXPECT_EQ(pulse::rateText(-1.0), "-1.0");
-    EXPECT_EQ(pulse::rateText(44100.25), "44100.25");
-    EXPECT_EQ(pulse::rateText(0.1), "0.1");
 }
 
 }  // namespace

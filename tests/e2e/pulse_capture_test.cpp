@@ -79,11 +79,9 @@ public:
         };
     }
 
-    int losses() {
-        std::lock_guard lock(mutex_);
-        return losses_;
-    }
-
+    int losses() { return locked(losses_); }
+    int restarts() { return locked(restarts_); }
+    int rateChanges() { return locked(rateChanges_); }
     size_t frames() {
         std::lock_guard lock(mutex_);
         return samples_.size();
@@ -100,16 +98,13 @@ public:
         std::unique_lock lock(mutex_);
         return changed_.wait_for(lock, timeout, [&] { return restarts_ >= count; });
     }
-    int restarts() {
-        std::lock_guard lock(mutex_);
-        return restarts_;
-    }
-    int rateChanges() {
-        std::lock_guard lock(mutex_);
-        return rateChanges_;
-    }
 
 private:
+    int locked(const int& counter) {
+        std::lock_guard lock(mutex_);
+        return counter;
+    }
+
     std::mutex mutex_;
     std::condition_variable changed_;
     std::vector<float> samples_;
