@@ -20,11 +20,13 @@
 #include "DisplaySettings.h"
 #include "DropCoordinator.h"
 #include "LogSink.h"
+#include "ProgressWindow.h"
 #include "Reading.h"
 #include "TempoService.h"
 #include "TrayIcon.h"
 
 class QAction;
+class QScreen;
 
 namespace velquin {
 
@@ -62,6 +64,7 @@ class DesktopApp : public QObject {
     void toggleNotes();
     void toggleDecimals();
     void toggleCompact();
+    void toggleFloatBar();
     void copyBoth();
     void analyzeFile();
     void resetAll();
@@ -70,6 +73,9 @@ class DesktopApp : public QObject {
     void render(const TempoEstimate& tempo, const KeyEstimate& key);
     void start(AudioSourceKind kind);
     void show(const QString& error);
+
+    // Opens the menu under the bar, or at the pointer when the bar is hidden.
+    void showMenu();
 
     // Every new reading, after the bar and the tray have it.
     void subscribe(std::function<void(const Reading&)> display);
@@ -94,6 +100,7 @@ class DesktopApp : public QObject {
     bool fileInBar() const { return fileInBar_; }
     bool paused() const { return paused_; }
     QSystemTrayIcon* trayIcon() { return tray_.icon(); }
+    ProgressWindow* progressWindow() { return progress_.get(); }
 
     // The help page shipped beside the program, or installed with it.
     static QString helpPagePath();
@@ -108,7 +115,10 @@ class DesktopApp : public QObject {
     void publish();
     QString statusText(const TempoEstimate& tempo, const KeyEstimate& key) const;
     void placeBar();
-    void openMenuUnderBar();
+    void moveBar(const QPoint& topLeft);
+    void rememberBarPosition();
+    void watchScreens();
+    QScreen* barScreen() const;
     void droppedResult(const QString& name, const std::optional<FileAnalysisResult>& result);
 
     LogSink log_;
@@ -126,6 +136,9 @@ class DesktopApp : public QObject {
     std::unique_ptr<QAction> shelfQuitAction_;
     Reading reading_;
     std::vector<std::function<void(const Reading&)>> displays_;
+
+    std::unique_ptr<ProgressWindow> progress_;
+    std::shared_ptr<std::stop_source> menuJob_;
 
     std::optional<FileResult> fileResult_;
     bool fileInBar_ = false;
