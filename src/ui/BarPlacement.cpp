@@ -1,5 +1,11 @@
 #include "BarPlacement.h"
 
+#include "DisplaySettings.h"
+
+#include <QGuiApplication>
+#include <QScreen>
+#include <QTimer>
+#include <QWidget>
 #include <algorithm>
 #include <cmath>
 
@@ -53,3 +59,45 @@ QPoint fromRelative(const QPointF& fraction, const QSize& bar, const QRect& area
 }
 
 }  // namespace velquin::barPlacement
+
+namespace velquin {
+
+BarPosition::BarPosition(QWidget& bar, QSettings& settings) : bar_(bar), settings_(settings) {}
+
+QScreen* BarPosition::screen() const {
+    QScreen* screen = QGuiApplication::screenAt(bar_.geometry().center());
+    return screen ? screen : QGuiApplication::primaryScreen();
+}
+
+void BarPosition::place() {
+    QScreen* s = screen();
+    if (!s) return;
+    const QRect area = s->availableGeometry();
+    const std::optional<QPointF> stored = storedBarPosition(settings_, s->name());
+    bar_.move(stored ? barPlacement::fromRelative(*stored, bar_.size(), area)
+                     : barPlacement::first(area, bar_.size()));
+}
+
+void BarPosition::remember() {
+    QScreen* s = screen();
+    if (!s) return;
+    const QRect area = s->availableGeometry();
+    bar_.move(barPlacement::snapped(bar_.pos(), bar_.size(), area));
+    storeBarPosition(settings_, s->name(), barPlacement::relative(bar_.pos(), bar_.size(), area));
+}
+
+void BarPosition::watchScreens() {
+    const auto watch = [this](QScreen* s) {
+        connect(s, &QScreen::availableGeometryChanged, this, &BarPosition::place);
+    };
+    for (QScreen* s : QGuiApplication::screens()) watch(s);
+    connect(qGuiApp, &QGuiApplication::screenAdded, this, [this, watch](QScreen* s) {
+        watch(s);
+        place();
+    });
+    // Qt still lists the screen while it announces its removal.
+    connect(qGuiApp, &QGuiApplication::screenRemoved, this,
+            [this] { QTimer::singleShot(0, this, &BarPosition::place); });
+}
+
+}  // namespace velquin

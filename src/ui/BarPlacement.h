@@ -4,6 +4,7 @@
 // the same relative place when the screen changes size. Pure functions; rectangles are global,
 // logical pixels.
 
+#include <QObject>
 #include <QPoint>
 #include <QPointF>
 #include <QRect>
@@ -28,3 +29,32 @@ QPointF relative(const QPoint& topLeft, const QSize& bar, const QRect& area);
 QPoint fromRelative(const QPointF& fraction, const QSize& bar, const QRect& area);
 
 }  // namespace velquin::barPlacement
+
+class QScreen;
+class QSettings;
+class QWidget;
+
+namespace velquin {
+
+// Keeps the bar window in its remembered place on the screen it is on, also when screens come, go or
+// change size. Main thread only.
+class BarPosition : public QObject {
+    Q_OBJECT
+
+  public:
+    BarPosition(QWidget& bar, QSettings& settings);
+
+    // To the remembered place, or the first one.
+    void place();
+    // After a drag: snaps to the edges near the bar and remembers the place.
+    void remember();
+    void watchScreens();
+
+  private:
+    QScreen* screen() const;
+
+    QWidget& bar_;
+    QSettings& settings_;
+};
+
+}  // namespace velquin

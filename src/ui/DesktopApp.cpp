@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <cmath>
 
-#include "BarPlacement.h"
 #include "ReadingText.h"
 
 #ifndef VELQUIN_INSTALLED_HELP
@@ -31,6 +30,7 @@ DesktopApp::DesktopApp(Options options)
       service_(std::move(options.sourceFactory)),
       showShelfAtLaunch_(options.showShelfAtLaunch),
       bar_(std::make_unique<BarWindow>()),
+      barPosition_(*bar_, *store_),
       tray_(menu_.menu()),
       drops_(log_) {
     fileTimer_.setSingleShot(true);
@@ -96,8 +96,8 @@ void DesktopApp::launch() {
     StatusBarView& view = bar_->view();
     view.onClick = [this] { showMenu(); };
     view.onLocate = [this](const QRect& r) { drops_.locate(r); };
-    view.onMove = [this](const QPoint& topLeft) { moveBar(topLeft); };
-    view.onMoveEnd = [this] { rememberBarPosition(); };
+    view.onMove = [this](const QPoint& topLeft) { bar_->move(topLeft); };
+    view.onMoveEnd = [this] { barPosition_.remember(); };
     drops_.barFrame = [this] { return bar_->frameGeometry(); };
     drops_.range = [this] { return service_.range(); };
     drops_.onWorking = [this](const QString&) { rerender(); };
@@ -119,8 +119,8 @@ void DesktopApp::launch() {
 
     menu_.build(settings_);
     applyFixedWidth();
-    placeBar();
-    watchScreens();
+    barPosition_.place();
+    barPosition_.watchScreens();
     bar_->setVisible(settings_.floatBar);
     tray_.onTrigger = [this] { menu_.menu().popup(QCursor::pos()); };
     tray_.show();
@@ -155,46 +155,6 @@ void DesktopApp::launch() {
 
 void DesktopApp::shutDown() {
     service_.stop();
-}
-
-QScreen* DesktopApp::barScreen() const {
-    QScreen* screen = QGuiApplication::screenAt(bar_->geometry().center());
-    return screen ? screen : QGuiApplication::primaryScreen();
-}
-
-void DesktopApp::placeBar() {
-    QScreen* screen = barScreen();
-    if (!screen) return;
-    const QRect area = screen->availableGeometry();
-    const std::optional<QPointF> stored = storedBarPosition(*store_, screen->name());
-    bar_->move(stored ? barPlacement::fromRelative(*stored, bar_->size(), area)
-                      : barPlacement::first(area, bar_->size()));
-}
-
-void DesktopApp::moveBar(const QPoint& topLeft) {
-    bar_->move(topLeft);
-}
-
-void DesktopApp::rememberBarPosition() {
-    QScreen* screen = barScreen();
-    if (!screen) return;
-    const QRect area = screen->availableGeometry();
-    bar_->move(barPlacement::snapped(bar_->pos(), bar_->size(), area));
-    storeBarPosition(*store_, screen->name(), barPlacement::relative(bar_->pos(), bar_->size(), area));
-}
-
-void DesktopApp::watchScreens() {
-    // Screens come, go and change size; the bar returns to its remembered place on the one it is on.
-    const auto watch = [this](QScreen* screen) {
-        connect(screen, &QScreen::availableGeometryChanged, this, &DesktopApp::placeBar);
-    };
-    for (QScreen* screen : QGuiApplication::screens()) watch(screen);
-    connect(qGuiApp, &QGuiApplication::screenAdded, this, [this, watch](QScreen* screen) {
-        watch(screen);
-        placeBar();
-    });
-    connect(qGuiApp, &QGuiApplication::screenRemoved, this,
-            [this] { QTimer::singleShot(0, this, &DesktopApp::placeBar); });
 }
 
 void DesktopApp::showMenu() {
@@ -408,33 +368,14 @@ void DesktopApp::analyzeFile() {
     const std::optional<QString> path = dialogs.chooseAudioFile ? dialogs.chooseAudioFile() : std::nullopt;
     if (!path) return;
     const QString name = QFileInfo(*path).fileName();
-    if (menuJob_) menuJob_->request_stop();  // one file from the menu at a time
-    progress_ = std::make_unique<ProgressWindow>(name);
-    FileJobCallbacks callbacks;
-    callbacks.progress = [this](double done, double total) {
-        if (progress_) progress_->setProgress(done, total);
-    };
-    callbacks.done = [this, name](FileJobOutcome outcome) {
-        menuJob_.reset();
-        if (progress_) progress_->onCancel = nullptr;
-        progress_.reset();
+    menuAnalysis_.start(*path, service_.range(), drops_.analyzer, [this, name](FileJobOutcome outcome) {
         if (!outcome.result) {
             if (dialogs.showFileError) dialogs.showFileError(name, outcome.error);
         } else if (dialogs.showFileAlert) {
             dialogs.showFileAlert(name,
                                   text::alertText(outcome.result->tempo, outcome.result->key, settings_));
         }
-    };
-    menuJob_ = startFileJob(this, *path, service_.range(), drops_.analyzer, std::move(callbacks));
-    progress_->onCancel = [this, job = menuJob_] {
-        job->request_stop();
-        if (menuJob_ == job) menuJob_.reset();
-        // Not from inside the window's own close event.
-        QTimer::singleShot(0, this, [this, window = progress_.get()] {
-            if (progress_.get() == window) progress_.reset();
-        });
-    };
-    progress_->show();
+    });
 }
 
 void DesktopApp::droppedResult(const QString& name, const std::optional<FileAnalysisResult>& result) {

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "AppMenu.h"
+#include "BarPlacement.h"
 #include "BarWindow.h"
 #include "Dialogs.h"
 #include "DisplaySettings.h"
@@ -100,7 +101,7 @@ class DesktopApp : public QObject {
     bool fileInBar() const { return fileInBar_; }
     bool paused() const { return paused_; }
     QSystemTrayIcon* trayIcon() { return tray_.icon(); }
-    ProgressWindow* progressWindow() { return progress_.get(); }
+    ProgressWindow* progressWindow() { return menuAnalysis_.window(); }
 
     // The help page shipped beside the program, or installed with it.
     static QString helpPagePath();
@@ -114,11 +115,6 @@ class DesktopApp : public QObject {
     void rerender();
     void publish();
     QString statusText(const TempoEstimate& tempo, const KeyEstimate& key) const;
-    void placeBar();
-    void moveBar(const QPoint& topLeft);
-    void rememberBarPosition();
-    void watchScreens();
-    QScreen* barScreen() const;
     void droppedResult(const QString& name, const std::optional<FileAnalysisResult>& result);
 
     LogSink log_;
@@ -129,6 +125,7 @@ class DesktopApp : public QObject {
     bool showShelfAtLaunch_ = false;
 
     std::unique_ptr<BarWindow> bar_;
+    BarPosition barPosition_;
     AppMenu menu_;
     TrayIcon tray_;
     DropCoordinator drops_;
@@ -137,8 +134,7 @@ class DesktopApp : public QObject {
     Reading reading_;
     std::vector<std::function<void(const Reading&)>> displays_;
 
-    std::unique_ptr<ProgressWindow> progress_;
-    std::shared_ptr<std::stop_source> menuJob_;
+    MenuAnalysis menuAnalysis_;
 
     std::optional<FileResult> fileResult_;
     bool fileInBar_ = false;

@@ -2,9 +2,11 @@
 
 #include <QCloseEvent>
 #include <QDialogButtonBox>
+#include <QFileInfo>
 #include <QLabel>
 #include <QProgressBar>
 #include <QPushButton>
+#include <QTimer>
 #include <QVBoxLayout>
 #include <algorithm>
 #include <cmath>
@@ -51,6 +53,32 @@ void ProgressWindow::closeEvent(QCloseEvent* event) {
     // Closing the window is cancelling; the owner drops the window afterwards.
     event->accept();
     if (auto cancel = std::exchange(onCancel, nullptr)) cancel();
+}
+
+void MenuAnalysis::start(const QString& path, TempoRange range, FileAnalyzer analyzer,
+                         std::function<void(FileJobOutcome)> done) {
+    if (job_) job_->request_stop();
+    window_ = std::make_unique<ProgressWindow>(QFileInfo(path).fileName());
+    FileJobCallbacks callbacks;
+    callbacks.progress = [this](double doneSeconds, double totalSeconds) {
+        if (window_) window_->setProgress(doneSeconds, totalSeconds);
+    };
+    callbacks.done = [this, done = std::move(done)](FileJobOutcome outcome) {
+        job_.reset();
+        if (window_) window_->onCancel = nullptr;
+        window_.reset();
+        done(std::move(outcome));
+    };
+    job_ = startFileJob(this, path, range, std::move(analyzer), std::move(callbacks));
+    window_->onCancel = [this, job = job_] {
+        job->request_stop();
+        if (job_ == job) job_.reset();
+        // Not from inside the window's own close event.
+        QTimer::singleShot(0, this, [this, window = window_.get()] {
+            if (window_.get() == window) window_.reset();
+        });
+    };
+    window_->show();
 }
 
 }  // namespace velquin

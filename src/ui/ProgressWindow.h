@@ -4,6 +4,10 @@
 
 #include <QWidget>
 #include <functional>
+#include <memory>
+#include <stop_token>
+
+#include "FileJob.h"
 
 class QLabel;
 class QProgressBar;
@@ -28,6 +32,22 @@ class ProgressWindow : public QWidget {
   private:
     QLabel* detail_;
     QProgressBar* bar_;
+};
+
+// One analysis of a file picked from the menu at a time, shown in a ProgressWindow; closing the
+// window cancels it. A new one replaces (and cancels) the one under way.
+class MenuAnalysis : public QObject {
+    Q_OBJECT
+
+  public:
+    // `done` runs on the main thread unless the analysis was cancelled.
+    void start(const QString& path, TempoRange range, FileAnalyzer analyzer,
+               std::function<void(FileJobOutcome)> done);
+    ProgressWindow* window() { return window_.get(); }
+
+  private:
+    std::unique_ptr<ProgressWindow> window_;
+    std::shared_ptr<std::stop_source> job_;
 };
 
 }  // namespace velquin
