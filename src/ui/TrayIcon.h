@@ -23,7 +23,7 @@ class TrayIcon : public QObject {
     // A left click on the icon.
     std::function<void()> onTrigger;
 
-    // Shows the icon when a tray is there.
+    // Shows the icon now, or when a tray appears.
     void show();
     void update(const Reading& reading);
     QSystemTrayIcon* icon() { return tray_.get(); }
