@@ -54,9 +54,13 @@ class MenuAdaptor : public QDBusAbstractAdaptor {
         }
         return errors;
     }
-    // Every item is always up to date: nothing needs refreshing before the menu opens.
-    bool AboutToShow(int) { return false; }
-    QList<int> AboutToShowGroup(const QList<int>&, QList<int>& idErrors) {
+    // Items are kept up to date through ItemsPropertiesUpdated, so the panel never needs to refetch.
+    bool AboutToShow(int id) {
+        exporter_->aboutToShow(id);
+        return false;
+    }
+    QList<int> AboutToShowGroup(const QList<int>& ids, QList<int>& idErrors) {
+        for (int id : ids) exporter_->aboutToShow(id);
         idErrors.clear();
         return {};
     }
@@ -243,7 +247,12 @@ QVariant MenuExporter::property(int id, const QString& name) {
     return properties(id).value(name);
 }
 
+void MenuExporter::aboutToShow(int id) {
+    if (id == 0 && onAboutToShow) onAboutToShow();
+}
+
 bool MenuExporter::event(int id, const QString& eventId) {
+    if (eventId == QLatin1String("opened")) aboutToShow(id);
     if (id == 0) return true;
     const QPointer<QAction> action = actions_.value(id);
     if (!action) return false;

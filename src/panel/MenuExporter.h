@@ -13,6 +13,7 @@
 #include <QPointer>
 #include <QSet>
 #include <QTimer>
+#include <functional>
 
 #include "DBusTypes.h"
 
@@ -38,6 +39,11 @@ class MenuExporter : public QObject, protected QDBusContext {
     QVariant property(int id, const QString& name);
     // False when there is no such item.
     bool event(int id, const QString& eventId);
+    // The panel is about to open the menu (or a submenu).
+    void aboutToShow(int id);
+
+    // Called before the panel opens the top of the menu, to bring items read from elsewhere up to date.
+    std::function<void()> onAboutToShow;
 
     // The item's id, or -1 when the action is not (yet) in the exported menu.
     int idOf(const QAction* action) const { return ids_.value(action, -1); }

@@ -9,6 +9,7 @@
 #include <QTest>
 
 #include "PanelHost.h"
+#include "MenuExporter.h"
 #include "StatusNotifierItem.h"
 
 namespace velquin {
@@ -146,6 +147,12 @@ TEST(StatusNotifierItem, PanelReadsItemAndMenuAndDrivesIt) {
     ASSERT_EQ(updated.size(), 1);
     EXPECT_EQ(updated[0].id, camelot->id);
     EXPECT_EQ(updated[0].properties, (QVariantMap{{"toggle-state", 1}}));
+
+    // Opening the menu in the panel lets the owner refresh what it reads from elsewhere.
+    bool refreshed = false;
+    item.menuExporter().onAboutToShow = [&] { refreshed = true; };
+    host.call(service, "/MenuBar", "com.canonical.dbusmenu", "AboutToShow", {0});
+    EXPECT_TRUE(refreshed);
 
     // A new item changes the layout.
     m.menu.addAction(QStringLiteral("Start at Login"));
