@@ -6,7 +6,9 @@
 #include <QDBusAbstractAdaptor>
 #include <QGuiApplication>
 #include <QKeySequence>
+#include <QLabel>
 #include <QMenu>
+#include <QTextDocumentFragment>
 #include <QWidgetAction>
 
 namespace velquin::panel {
@@ -118,6 +120,16 @@ QString MenuExporter::label(const QString& actionText) {
     return out;
 }
 
+QString MenuExporter::labelOf(const QAction* action) {
+    const auto* line = qobject_cast<const QWidgetAction*>(action);
+    const auto* text = line ? qobject_cast<const QLabel*>(line->defaultWidget()) : nullptr;
+    if (!text) return label(action->text());
+    QString plain = Qt::mightBeRichText(text->text())
+                        ? QTextDocumentFragment::fromHtml(text->text()).toPlainText()
+                        : text->text();
+    return plain.replace(QLatin1Char('_'), QStringLiteral("__"));
+}
+
 MenuShortcut MenuExporter::shortcut(const QKeySequence& keys) {
     MenuShortcut result;
     for (int i = 0; i < keys.count(); ++i) {
@@ -189,11 +201,11 @@ QVariantMap MenuExporter::properties(int id) const {
         p.insert(QStringLiteral("type"), QStringLiteral("separator"));
         return p;
     }
-    p.insert(QStringLiteral("label"), label(a->text()));
+    const QString text = labelOf(a);
+    p.insert(QStringLiteral("label"), text);
     p.insert(QStringLiteral("enabled"), a->isEnabled());
-    // A widget line without a text of its own has nothing a panel could draw.
-    if (qobject_cast<const QWidgetAction*>(a) && a->text().isEmpty())
-        p.insert(QStringLiteral("visible"), false);
+    // A widget line without a text has nothing a panel could draw.
+    if (text.isEmpty() && qobject_cast<const QWidgetAction*>(a)) p.insert(QStringLiteral("visible"), false);
     if (a->isCheckable()) {
         const bool radio = a->actionGroup() && a->actionGroup()->isExclusive();
         p.insert(QStringLiteral("toggle-type"),
@@ -249,6 +261,16 @@ QVariant MenuExporter::property(int id, const QString& name) {
 
 void MenuExporter::aboutToShow(int id) {
     if (id == 0 && onAboutToShow) onAboutToShow();
+    // Sent before the reply, so the panel opens the menu with the current lines.
+    refresh();
+    flush();
+}
+
+void MenuExporter::refresh() {
+    for (auto it = actions_.cbegin(); it != actions_.cend(); ++it) {
+        if (qobject_cast<const QWidgetAction*>(it.value().data())) dirty_.insert(it.key());
+    }
+    if (!dirty_.isEmpty()) flushTimer_.start();
 }
 
 bool MenuExporter::event(int id, const QString& eventId) {

@@ -4,7 +4,9 @@
 // with a menu a submenu, a separator a separator. Changes to the actions are sent as
 // ItemsPropertiesUpdated, added or removed actions as LayoutUpdated, both gathered into one message per
 // turn of the event loop. A "clicked" event triggers the action on the next turn of the loop, so that
-// what it opens never holds up the panel's call. Main thread only; the menu must outlive the exporter.
+// what it opens never holds up the panel's call. A QWidgetAction showing a QLabel is exported as a
+// disabled-looking line with the label's plain text (see refresh()). Main thread only; the menu must outlive
+// the exporter.
 
 #include <QDBusConnection>
 #include <QDBusContext>
@@ -39,8 +41,11 @@ class MenuExporter : public QObject, protected QDBusContext {
     QVariant property(int id, const QString& name);
     // False when there is no such item.
     bool event(int id, const QString& eventId);
-    // The panel is about to open the menu (or a submenu).
+    // The panel is about to open the menu (or a submenu): lines are brought up to date first.
     void aboutToShow(int id);
+    // Sends the texts of the information lines (QWidgetActions showing a QLabel) that changed; their
+    // labels tell nobody when they do.
+    void refresh();
 
     // Called before the panel opens the top of the menu, to bring items read from elsewhere up to date.
     std::function<void()> onAboutToShow;
@@ -49,6 +54,8 @@ class MenuExporter : public QObject, protected QDBusContext {
     int idOf(const QAction* action) const { return ids_.value(action, -1); }
     // The label text in the protocol's form: "_" marks the mnemonic, "__" is a plain underscore.
     static QString label(const QString& actionText);
+    // What the panel shows for the action: its text, or a widget line's plain label text.
+    static QString labelOf(const QAction* action);
     static MenuShortcut shortcut(const QKeySequence& keys);
 
   signals:

@@ -5,11 +5,13 @@
 #include <QActionGroup>
 #include <QDBusArgument>
 #include <QDBusObjectPath>
+#include <QLabel>
 #include <QMenu>
 #include <QTest>
+#include <QWidgetAction>
 
-#include "PanelHost.h"
 #include "MenuExporter.h"
+#include "PanelHost.h"
 #include "StatusNotifierItem.h"
 
 namespace velquin {
@@ -42,8 +44,12 @@ struct Menu {
     QAction* camelot = menu.addAction(QStringLiteral("Camelot Names (8A)"));
     QAction* hidden = menu.addAction(QStringLiteral("Last file"));
     QAction* quit = nullptr;
+    QWidgetAction line{nullptr};
+    QLabel* lineLabel = new QLabel(QStringLiteral("<b>A minor</b> 90%"));
 
     Menu() {
+        line.setDefaultWidget(lineLabel);
+        menu.addAction(&line);
         status->setEnabled(false);
         camelot->setCheckable(true);
         camelot->setShortcut(QKeySequence(QStringLiteral("Ctrl+K")));
@@ -120,7 +126,8 @@ TEST(StatusNotifierItem, PanelReadsItemAndMenuAndDrivesIt) {
 
     // The menu: labels, toggles, shortcut, separator, submenu, hidden item, mnemonic.
     const MenuLayout root = host.layout(service);
-    ASSERT_EQ(root.children.size(), 6);
+    ASSERT_EQ(root.children.size(), 7);
+    EXPECT_TRUE(find(root, "A minor 90%"));
     const MenuLayout* camelot = find(root, "Camelot Names (8A)");
     ASSERT_TRUE(camelot);
     EXPECT_EQ(camelot->properties.value("toggle-type").toString(), "checkmark");
@@ -129,11 +136,11 @@ TEST(StatusNotifierItem, PanelReadsItemAndMenuAndDrivesIt) {
               (panel::MenuShortcut{{"Control", "K"}}));
     EXPECT_FALSE(find(root, QStringLiteral("Listening\u2026"))->properties.value("enabled").toBool());
     EXPECT_FALSE(find(root, "Last file")->properties.value("visible").toBool());
-    EXPECT_EQ(root.children[3].properties.value("type").toString(), "separator");
-    EXPECT_EQ(root.children[4].properties.value("children-display").toString(), "submenu");
-    ASSERT_EQ(root.children[4].children.size(), 2);
-    EXPECT_EQ(root.children[4].children[0].properties.value("toggle-type").toString(), "radio");
-    EXPECT_EQ(root.children[4].children[0].properties.value("toggle-state").toInt(), 1);
+    EXPECT_EQ(root.children[4].properties.value("type").toString(), "separator");
+    EXPECT_EQ(root.children[5].properties.value("children-display").toString(), "submenu");
+    ASSERT_EQ(root.children[5].children.size(), 2);
+    EXPECT_EQ(root.children[5].children[0].properties.value("toggle-type").toString(), "radio");
+    EXPECT_EQ(root.children[5].children[0].properties.value("toggle-state").toInt(), 1);
     EXPECT_TRUE(find(root, "_Quit my__app"));
 
     // A click through the panel triggers the action, and the new state is sent back.
@@ -148,16 +155,23 @@ TEST(StatusNotifierItem, PanelReadsItemAndMenuAndDrivesIt) {
     EXPECT_EQ(updated[0].id, camelot->id);
     EXPECT_EQ(updated[0].properties, (QVariantMap{{"toggle-state", 1}}));
 
-    // Opening the menu in the panel lets the owner refresh what it reads from elsewhere.
+    // Opening the menu in the panel lets the owner refresh what it reads from elsewhere, and sends the
+    // information lines that changed before it answers.
     bool refreshed = false;
     item.menuExporter().onAboutToShow = [&] { refreshed = true; };
+    m.lineLabel->setText(QStringLiteral("C major 80%"));
     host.call(service, "/MenuBar", "com.canonical.dbusmenu", "AboutToShow", {0});
     EXPECT_TRUE(refreshed);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return host.received("ItemsPropertiesUpdated").size() == 2; }, 3000));
+    const auto lines =
+        qdbus_cast<panel::MenuItemList>(host.received("ItemsPropertiesUpdated")[1].arguments()[0]);
+    ASSERT_EQ(lines.size(), 1);
+    EXPECT_EQ(lines[0].properties, (QVariantMap{{"label", "C major 80%"}}));
 
     // A new item changes the layout.
     m.menu.addAction(QStringLiteral("Start at Login"));
     ASSERT_TRUE(QTest::qWaitFor([&] { return !host.received("LayoutUpdated").isEmpty(); }, 3000));
-    EXPECT_EQ(host.layout(service).children.size(), 7);
+    EXPECT_EQ(host.layout(service).children.size(), 8);
 
     // A panel that restarts finds the item again; while it is gone the item says so.
     host.stopWatcher();
