@@ -20,6 +20,7 @@
 #include "DisplaySettings.h"
 #include "DropCoordinator.h"
 #include "LogSink.h"
+#include "PanelPresence.h"
 #include "Reading.h"
 #include "TempoService.h"
 #include "TrayIcon.h"
@@ -94,6 +95,7 @@ class DesktopApp : public QObject {
     bool fileInBar() const { return fileInBar_; }
     bool paused() const { return paused_; }
     QSystemTrayIcon* trayIcon() { return tray_.icon(); }
+    PanelPresence& panel() { return panel_; }
 
     // The help page shipped beside the program, or installed with it.
     static QString helpPagePath();
@@ -121,6 +123,7 @@ class DesktopApp : public QObject {
     std::unique_ptr<BarWindow> bar_;
     AppMenu menu_;
     TrayIcon tray_;
+    PanelPresence panel_;
     DropCoordinator drops_;
     std::unique_ptr<QAction> barQuitAction_;
     std::unique_ptr<QAction> shelfQuitAction_;

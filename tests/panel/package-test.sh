@@ -15,7 +15,7 @@ trap 'rm -rf "$tmp"' EXIT
 deb=$(ls "$tmp"/out/velquin_*.deb)
 depends=$(dpkg-deb -f "$deb" Depends)
 echo "Depends: $depends"
-for library in libqt6core6 libfftw3-single3 libpulse0 libsndfile1; do
+for library in libqt6dbus6 libfftw3-single3 libpulse0 libsndfile1; do
     grep -q "$library" <<<"$depends" || { echo "FAIL: $library is not among the dependencies"; exit 1; }
 done
 
