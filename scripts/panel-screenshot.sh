@@ -5,7 +5,7 @@
 #
 #   scripts/panel-screenshot.sh OUT.png
 #
-# OUT.png is the top right of the screen: the panel item (ring and "Am 120") with its menu open. Checks
+# OUT.png is the right end of the top bar: the panel item (ring and "Am 120") with its menu open. Checks
 # (exit 1): the item registered with the panel's watcher and its label reads "Am 120". Needs
 # gnome-shell and gnome-shell-extension-appindicator (not part of scripts/setup.sh); exit 77 without
 # them. Environment: VELQUIN_BIN (default build/velquin).
@@ -43,7 +43,7 @@ mkdir -p "$HOME"
 unset WAYLAND_DISPLAY QT_QPA_PLATFORM
 
 exec {dfd}<> <(:)
-Xvfb -displayfd "$dfd" -screen 0 1024x600x24 +extension GLX -nolisten tcp >"$WORK/xvfb.log" 2>&1 &
+Xvfb -displayfd "$dfd" -screen 0 1024x860x24 +extension GLX -nolisten tcp >"$WORK/xvfb.log" 2>&1 &
 pids+=($!)
 read -r -t 10 -u "$dfd" dnum
 export DISPLAY=:$dnum
@@ -106,6 +106,6 @@ sleep 2
 xdotool mousemove 930 14 click 1
 sleep 1.5
 import -window root "$WORK/screen.png"
-convert "$WORK/screen.png" -crop 560x420+464+0 +repage "$OUT"
+convert "$WORK/screen.png" -crop 446x760+578+0 +repage "$OUT"
 echo "panel-screenshot: $OUT"
 exit $status
