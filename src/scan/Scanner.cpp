@@ -41,7 +41,7 @@ class Scan {
     }
 
     // Prints the finished rows that follow the printed ones; with `all`, every finished row.
-    void printReady(std::FILE* out, bool all) {
+    void printReady(std::FILE* out, std::FILE* err, bool all) {
         std::unique_lock lock(mutex_);
         for (; printed_ < rows_.size(); ++printed_) {
             if (!done_[printed_] && !all) break;
@@ -50,7 +50,13 @@ class Scan {
         std::vector<size_t> ready;
         ready.swap(pending_);
         lock.unlock();
-        for (size_t i : ready) putLine(out, rowLine(options_.format, rows_[i]));
+        for (size_t i : ready) {
+            const ScanRow& row = rows_[i];
+            putLine(out, rowLine(options_.format, row));
+            // The table has no column for a file analysed but left untagged.
+            if (options_.format == OutputFormat::table && row.result && !row.error.empty())
+                putLine(err, "velquin-scan: " + row.path + ": " + row.error);
+        }
         if (!ready.empty()) std::fflush(out);
     }
 
@@ -193,14 +199,14 @@ int runScan(const ScanOptions& options, std::FILE* out, std::FILE* err,
     while (!complete && !interrupted.load()) {
         complete = scan.wait(std::chrono::milliseconds(100));
         progress.clear();
-        scan.printReady(out, false);
+        scan.printReady(out, err, false);
         if (!complete) progress.update(scan.finished(), scan.total(), scan.current());
     }
     progress.clear();
 
     if (!complete) {
         const bool stopped = scan.stop(std::chrono::milliseconds(700));
-        scan.printReady(out, true);
+        scan.printReady(out, err, true);
         std::fflush(out);
         putLine(err, format("Interrupted: %zu of %zu files done", scan.finished(), scan.total()));
         if (!stopped) {
