@@ -61,6 +61,41 @@ void setMp4(TagLib::MP4::Tag& tag, const TagValues& values) {
     if (values.bpm) tag.setItem("tmpo", TagLib::MP4::Item(*values.bpm));
 }
 
+std::string firstText(const TagLib::StringList& list) {
+    return list.isEmpty() ? "" : list.front().to8Bit(true);
+}
+
+bool id3v2Holds(TagLib::ID3v2::Tag& tag, const TagValues& values) {
+    const auto frameText = [&](const char* id) {
+        const auto& frames = tag.frameListMap()[id];
+        return frames.isEmpty() ? std::string() : frames.front()->toString().to8Bit(true);
+    };
+    if (values.bpm && frameText("TBPM") != std::to_string(*values.bpm)) return false;
+    if (!values.key) return true;
+    const auto* other = TagLib::ID3v2::UserTextIdentificationFrame::find(&tag, text(values.otherField));
+    return frameText("TKEY") == *values.key && other && other->fieldList().size() == 2 &&
+           other->fieldList()[1].to8Bit(true) == *values.otherKey;
+}
+
+bool xiphHolds(TagLib::Ogg::XiphComment& comment, const TagValues& values) {
+    const auto& fields = comment.fieldListMap();
+    const auto field = [&](const std::string& name) {
+        const auto found = fields.find(text(name));
+        return found == fields.end() ? std::string() : firstText(found->second);
+    };
+    if (values.bpm && field("BPM") != std::to_string(*values.bpm)) return false;
+    return !values.key ||
+           (field("INITIALKEY") == *values.key && field(values.otherField) == *values.otherKey);
+}
+
+bool mp4Holds(TagLib::MP4::Tag& tag, const TagValues& values) {
+    if (values.bpm && (!tag.contains("tmpo") || tag.item("tmpo").toInt() != *values.bpm)) return false;
+    const auto item = [&](const std::string& name) {
+        return firstText(tag.item("----:com.apple.iTunes:" + name).toStringList());
+    };
+    return !values.key || (item("initialkey") == *values.key && item(values.otherField) == *values.otherKey);
+}
+
 // Saving in the version the file already has keeps TagLib from converting its other frames.
 TagLib::ID3v2::Version versionOf(const TagLib::ID3v2::Tag* tag, bool present) {
     return present && tag->header()->majorVersion() == 3 ? TagLib::ID3v2::v3 : TagLib::ID3v2::v4;
@@ -114,6 +149,24 @@ std::optional<TagFormat> tagFormatOf(const std::string& path) {
         return TagFormat::xiph;
     if (extension == "m4a" || extension == "mp4") return TagFormat::mp4;
     return std::nullopt;
+}
+
+bool tagsAlreadyHold(const std::string& path, const TagValues& values) {
+    using namespace TagLib;
+    FileRef ref(path.c_str(), false);
+    if (ref.isNull() || !ref.file()->isValid()) return false;
+    File* file = ref.file();
+    if (auto* mpeg = dynamic_cast<MPEG::File*>(file))
+        return mpeg->hasID3v2Tag() && id3v2Holds(*mpeg->ID3v2Tag(), values);
+    if (auto* wav = dynamic_cast<RIFF::WAV::File*>(file))
+        return wav->hasID3v2Tag() && id3v2Holds(*wav->ID3v2Tag(), values);
+    if (auto* aiff = dynamic_cast<RIFF::AIFF::File*>(file))
+        return aiff->hasID3v2Tag() && id3v2Holds(*aiff->tag(), values);
+    if (auto* flac = dynamic_cast<FLAC::File*>(file))
+        return flac->hasXiphComment() && xiphHolds(*flac->xiphComment(), values);
+    if (auto* comment = dynamic_cast<Ogg::XiphComment*>(file->tag())) return xiphHolds(*comment, values);
+    if (auto* mp4 = dynamic_cast<MP4::File*>(file)) return mp4Holds(*mp4->tag(), values);
+    return false;
 }
 
 std::optional<std::string> applyTagValues(const std::string& path, const TagValues& values) {

@@ -18,6 +18,9 @@ struct TagValues {
 // The tag family for a file name's extension; empty for containers left alone.
 std::optional<TagFormat> tagFormatOf(const std::string& path);
 
+// True when the file's tags hold these values already (so there is nothing to write).
+bool tagsAlreadyHold(const std::string& path, const TagValues& values);
+
 // Sets the key and BPM fields (replacing earlier values of the same fields) and saves the file,
 // leaving every other tag, frame and picture as it was. Returns why it could not, or nothing.
 std::optional<std::string> applyTagValues(const std::string& path, const TagValues& values);

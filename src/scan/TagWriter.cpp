@@ -125,6 +125,8 @@ std::optional<std::string> writeTags(const std::string& path, const TempoEstimat
     struct stat original {};
     if (error || ::stat(target.c_str(), &original) != 0) return "not tagged: " + errnoText();
     if (!tagFormatOf(target.string())) return std::string("not tagged: unsupported container");
+    // A library scanned again is not copied file by file for nothing.
+    if (tagsAlreadyHold(target.string(), values)) return std::nullopt;
     // Renaming over a read-only file would succeed in a writable folder; its mode is the owner's "no".
     if ((original.st_mode & S_IWUSR) == 0 || ::access(target.c_str(), W_OK) != 0)
         return std::string("not tagged: read-only file");
