@@ -205,7 +205,7 @@ int runScan(const ScanOptions& options, std::FILE* out, std::FILE* err,
     progress.clear();
 
     if (!complete) {
-        const bool stopped = scan.stop(std::chrono::milliseconds(600));
+        const bool stopped = scan.stop(std::chrono::milliseconds(500));
         scan.printReady(out, err, true);
         std::fflush(out);
         putLine(err, format("Interrupted: %zu of %zu files done", scan.finished(), scan.total()));

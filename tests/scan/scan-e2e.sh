@@ -116,8 +116,13 @@ summary --force lib | grep -q "(0 from the cache)" || fail "--force used the cac
 mkdir long
 tone long/t1.flac 60 0
 for i in $(seq 2 16); do cp long/t1.flac long/t$i.flac; done
+entries() {
+    python3 -c "import sqlite3,sys; print(sqlite3.connect(sys.argv[1]).execute('select count(*) from analyses').fetchone()[0])" \
+        "$XDG_CACHE_HOME/Velquin/scan.sqlite" 2>/dev/null || echo 0
+}
+before=$(entries)
 "$SCAN" --write-tags --jobs 2 --force long >/dev/null 2>&1 &
-sleep 1
+for _ in $(seq 600); do [ "$(entries)" -gt "$before" ] && break; sleep 0.1; done  # a file or two done
 kill -KILL $!
 wait $! 2>/dev/null || true
 python3 -c "import sqlite3,sys; c=sqlite3.connect(sys.argv[1]); assert c.execute('pragma integrity_check').fetchone()[0]=='ok'" \
@@ -134,7 +139,7 @@ elapsed=$((($(date +%s%N) - start) / 1000000))
 [ $status -eq 130 ] || fail "Ctrl-C: exit $status"
 [ $elapsed -lt 1000 ] || fail "Ctrl-C took $elapsed ms"
 grep -q "Interrupted: [0-9]* of 16 files done" int-err.txt || fail "$(cat int-err.txt)"
-summary long | grep -Eq "\(([1-9]) from the cache\)" || fail "nothing cached before the kill"
+summary long | grep -Eq "\(([1-9][0-9]*) from the cache\)" || fail "nothing cached before the kill"
 leftovers=$(find "$WORK" -name '*.velquin-*')
 [ -z "$leftovers" ] || fail "copies left behind: $leftovers"
 
