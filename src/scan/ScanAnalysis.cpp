@@ -1,16 +1,18 @@
 #include "ScanAnalysis.h"
 
-#include "TempoService.h"
+#include "FileAnalysis.h"
 
 namespace velquin::scan {
 
 int analysisVersion() {
-    return 1;
+    return FileAnalysis::kAnalysisVersion;
 }
 
-AnalysisCache::Entry analyzeFile(const std::string& path, TempoRange range, std::stop_token /*stop*/) {
-    const auto result = TempoService::analyzeFile(path, range);
-    return {result.tempo, result.key, 0};
+AnalysisCache::Entry analyzeFile(const std::string& path, TempoRange range, std::stop_token stop) {
+    FileAnalysis::FileAnalysisOptions options;
+    options.stop = std::move(stop);
+    const auto result = FileAnalysis::analyzeFile(path, range, options);
+    return {result.tempo, result.key, result.durationSeconds};
 }
 
 }  // namespace velquin::scan

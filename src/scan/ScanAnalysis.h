@@ -13,7 +13,7 @@ namespace velquin::scan {
 int analysisVersion();
 
 // The same analysis as `velquin --analyze`. Throws what it throws (what() is the text to show);
-// a requested stop may end it early with an exception.
+// a requested stop ends it early with FileAnalysis::AnalysisCancelled.
 AnalysisCache::Entry analyzeFile(const std::string& path, TempoRange range, std::stop_token stop);
 
 }  // namespace velquin::scan

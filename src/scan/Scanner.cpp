@@ -221,8 +221,8 @@ int runScan(const ScanOptions& options, std::FILE* out, std::FILE* err,
     }
 
     const double seconds = std::chrono::duration<double>(Clock::now() - started).count();
-    putLine(err, format("velquin-scan: %zu files in %.1f s (%zu from the cache)", scan.total(), seconds,
-                        scan.fromCache()));
+    putLine(err, format("velquin-scan: %zu %@ in %.1f s (%zu from the cache)", scan.total(),
+                        scan.total() == 1 ? "file" : "files", seconds, scan.fromCache()));
     if (const size_t failed = scan.failures(); failed > 0) {
         putLine(err, format("%zu %@ failed", failed, failed == 1 ? "file" : "files"));
         return 1;

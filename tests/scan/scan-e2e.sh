@@ -70,6 +70,7 @@ broken = next(r for r in rows if r["path"].endswith("broken.mp3"))
 assert broken["bpm"] is None and broken["error"], broken
 good = next(r for r in rows if r["path"].endswith("two.flac"))
 assert isinstance(good["bpm"], float) and good["error"] is None and good["camelot"], good
+assert abs(good["duration_s"] - 6) < 0.1, good
 PY
 
 # Tags: written where players look, and nothing else in the file changes.
