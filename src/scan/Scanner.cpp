@@ -40,16 +40,19 @@ class Scan {
             workers_.emplace_back([this](std::stop_token stop) { work(stop); });
     }
 
-    // Prints the finished rows that follow the printed ones; with `all`, every finished row.
-    void printReady(std::FILE* out, std::FILE* err, bool all) {
-        std::unique_lock lock(mutex_);
+    // The finished rows that follow the ones already taken; with `all`, every finished row.
+    std::vector<size_t> takeReady(bool all) {
+        std::lock_guard lock(mutex_);
         for (; printed_ < rows_.size(); ++printed_) {
             if (!done_[printed_] && !all) break;
             if (done_[printed_]) pending_.push_back(printed_);
         }
         std::vector<size_t> ready;
         ready.swap(pending_);
-        lock.unlock();
+        return ready;
+    }
+
+    void print(const std::vector<size_t>& ready, std::FILE* out, std::FILE* err) const {
         for (size_t i : ready) {
             const ScanRow& row = rows_[i];
             putLine(out, rowLine(options_.format, row));
@@ -57,7 +60,7 @@ class Scan {
             if (options_.format == OutputFormat::table && row.result && !row.error.empty())
                 putLine(err, "velquin-scan: " + row.path + ": " + row.error);
         }
-        if (!ready.empty()) std::fflush(out);
+        std::fflush(out);
     }
 
     // Waits up to `timeout` for a row to finish; true when all have.
@@ -198,16 +201,17 @@ int runScan(const ScanOptions& options, std::FILE* out, std::FILE* err,
     bool complete = scan.total() == 0;
     while (!complete && !interrupted.load()) {
         complete = scan.wait(std::chrono::milliseconds(100));
-        progress.clear();
-        scan.printReady(out, err, false);
+        if (const auto ready = scan.takeReady(false); !ready.empty()) {
+            progress.clear();
+            scan.print(ready, out, err);
+        }
         if (!complete) progress.update(scan.finished(), scan.total(), scan.current());
     }
     progress.clear();
 
     if (!complete) {
         const bool stopped = scan.stop(std::chrono::milliseconds(500));
-        scan.printReady(out, err, true);
-        std::fflush(out);
+        scan.print(scan.takeReady(true), out, err);
         putLine(err, format("Interrupted: %zu of %zu files done", scan.finished(), scan.total()));
         if (!stopped) {
             // A worker is deep in one file; its result would come too late to print, and nothing it
