@@ -307,36 +307,21 @@ TEST_F(AudioFileReaderTest, NonFiniteSamplesComeOutAsSilence) {
 }
 
 TEST_F(AudioFileReaderTest, MultichannelAndHighRatePcmKeepEveryChannel) {
+    // Each channel at its own level, written as 24-bit PCM.
     Channels six;
     for (int k = 0; k < 6; ++k) six.push_back(test::sine(1000, 96000, 0.5, 0.1 * (k + 1)));
     test::writeWav(*dir / "six.wav", six, 96000);
     ASSERT_TRUE(run("-i " + q(*dir / "six.wav") + " -c:a pcm_s24le " + q(*dir / "six24.wav")));
-    for (const char* name : {"six.wav", "six24.wav"}) {
-        SCOPED_TRACE(name);
-        AudioFileReader reader((*dir / name).string());
-        EXPECT_EQ(reader.sampleRate(), 96000);
-        ASSERT_EQ(reader.channelCount(), 6);
-        const Channels ch = decodeAll(reader);
-        for (int k = 0; k < 6; ++k) {
-            ASSERT_EQ(ch[size_t(k)].size(), 48000u);
-            float peak = 0;
-            for (float v : ch[size_t(k)]) peak = std::max(peak, std::abs(v));
-            EXPECT_NEAR(peak, 0.1f * (k + 1), 1e-3) << "channel " << k;
-        }
+    AudioFileReader reader((*dir / "six24.wav").string());
+    EXPECT_EQ(reader.sampleRate(), 96000);
+    ASSERT_EQ(reader.channelCount(), 6);
+    const Channels ch = decodeAll(reader);
+    for (int k = 0; k < 6; ++k) {
+        ASSERT_EQ(ch[size_t(k)].size(), 48000u);
+        float peak = 0;
+        for (float v : ch[size_t(k)]) peak = std::max(peak, std::abs(v));
+        EXPECT_NEAR(peak, 0.1f * (k + 1), 1e-3) << "channel " << k;
     }
-}
-
-TEST_F(AudioFileReaderTest, BytesInMemoryDecodeLikeTheFile) {
-    ASSERT_TRUE(run("-i " + q(*dir / "tone.wav") + " -c:a flac " + q(*dir / "mem.flac")));
-    const std::string bytes = test::readText(*dir / "mem.flac");
-    auto reader =
-        AudioFileReader::fromMemory({reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()});
-    EXPECT_EQ(reader.sampleRate(), rate);
-    EXPECT_EQ(decodeAll(reader), decodeFile(*dir / "mem.flac"));
-
-    const std::string empty;
-    EXPECT_THROW(AudioFileReader::fromMemory({reinterpret_cast<const std::uint8_t*>(empty.data()), 0}),
-                 AudioFileError);
 }
 
 }  // namespace

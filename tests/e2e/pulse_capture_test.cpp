@@ -64,19 +64,9 @@ public:
             samples_.insert(samples_.end(), data, data + std::min<size_t>(room, size_t(count)));
             changed_.notify_all();
         };
-        source.onNeedsRestart = [this] {
-            std::lock_guard lock(mutex_);
-            ++restarts_;
-            changed_.notify_all();
-        };
-        source.onSampleRateChange = [this](double) {
-            std::lock_guard lock(mutex_);
-            ++rateChanges_;
-        };
-        source.onServerLost = [this] {
-            std::lock_guard lock(mutex_);
-            ++losses_;
-        };
+        source.onNeedsRestart = [this] { bump(restarts_); };
+        source.onSampleRateChange = [this](double) { bump(rateChanges_); };
+        source.onServerLost = [this] { bump(losses_); };
     }
 
     int losses() { return locked(losses_); }
@@ -103,6 +93,11 @@ private:
     int locked(const int& counter) {
         std::lock_guard lock(mutex_);
         return counter;
+    }
+    void bump(int& counter) {
+        std::lock_guard lock(mutex_);
+        ++counter;
+        changed_.notify_all();
     }
 
     std::mutex mutex_;

@@ -51,13 +51,13 @@ std::vector<std::string> lines(const std::string& text);
 
 // Sets (or, given nullopt, unsets) an environment variable for the object's lifetime.
 class ScopedEnv {
-public:
+  public:
     ScopedEnv(const char* name, std::optional<std::string> value);
     ~ScopedEnv();
     ScopedEnv(const ScopedEnv&) = delete;
     ScopedEnv& operator=(const ScopedEnv&) = delete;
 
-private:
+  private:
     const char* name_;
     std::optional<std::string> saved_;
 };

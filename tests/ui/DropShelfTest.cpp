@@ -64,8 +64,6 @@ TEST_F(DropShelfTest, ShowsIdleUnderTheRectAndKeepsAVisibleShelfAsItIs) {
               std::vector<std::string>{"shelf: ordered front at QRect(" + std::to_string(frame.x()) + "," +
                                        std::to_string(frame.y()) + " 300x150), panel visible=true"});
     EXPECT_FALSE(shelf.zone().showingResult);
-    EXPECT_EQ(shelf.zone().title, "Drop an audio file here");
-    EXPECT_EQ(shelf.zone().detail, "Key and BPM in a few seconds");
 
     // Visible: a result stays readable and the panel stays put.
     shelf.showResult({"C minor", "5A  \u00b7  128 BPM", "song.flac"});
