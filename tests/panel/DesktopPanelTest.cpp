@@ -42,10 +42,12 @@ TEST(DesktopPanel, ShowsTheReadingAndAnswersTheMenuFromThePanel) {
         .log = [&](std::string_view line) { log.emplace_back(line); },
         .settings = std::make_unique<QSettings>(dir.filePath("Velquin.conf"), QSettings::IniFormat),
         .sourceFactory = [](AudioSourceKind) { return std::make_unique<QuietSource>(); },
-        .dialogs = Dialogs{.askUseMicrophone = [](const QString&) { return false; },
+        .dialogs = Dialogs{.askOtherSource = [](const QString&, AudioSourceKind) { return false; },
                            .showFileAlert = [](const QString&, const QString&) {},
+                           .showFileError = [](const QString&, const QString&) {},
                            .chooseAudioFile = [] { return std::optional<QString>(); },
-                           .openUrl = [](const QUrl&) {},
+                           .openUrl = [](const QUrl&) { return true; },
+                           .showHelpPath = [](const QString&) {},
                            .beep = [] {}},
     });
     app.launch();
