@@ -23,8 +23,8 @@ void onMainThread(const QPointer<QObject>& owner, F f) {
 
 }  // namespace
 
-FileAnalysisResult analyzeAudioFile(const std::string& path, TempoRange range, const FileJobControl&) {
-    return TempoService::analyzeFile(path, range);
+FileAnalysisResult analyzeAudioFile(const std::string& path, TempoRange range, const FileJobControl& control) {
+    return FileAnalysis::analyzeFile(path, range, control);
 }
 
 std::shared_ptr<std::stop_source> startFileJob(QObject* context, const QString& path, TempoRange range,

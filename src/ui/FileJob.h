@@ -12,18 +12,14 @@
 #include <stop_token>
 #include <string>
 
+#include "FileAnalysis.h"
 #include "TempoRange.h"
-#include "TempoService.h"
 
 namespace velquin {
 
-using FileAnalysisResult = TempoService::FileResult;
-
-// What a running analysis reports to and hears from its job; called on the pool thread.
-struct FileJobControl {
-    std::function<void(double doneSeconds, double totalSeconds)> onProgress;  // total 0 = unknown
-    std::stop_token stop;
-};
+using FileAnalysisResult = FileAnalysis::FileResult;
+// What a running analysis reports to (on the pool thread) and hears from its job.
+using FileJobControl = FileAnalysis::FileAnalysisOptions;
 
 // Runs on a pool thread; throws with the text to show.
 using FileAnalyzer = std::function<FileAnalysisResult(const std::string& path, TempoRange range,
