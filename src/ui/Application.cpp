@@ -56,7 +56,7 @@ int runDesktopApp(int argc, char** argv, LogSink log, bool showShelfAtLaunch) {
     QCoreApplication::setOrganizationName(QStringLiteral("Velquin"));
     QCoreApplication::setApplicationName(QStringLiteral("Velquin"));
     QGuiApplication::setApplicationDisplayName(QStringLiteral("Velquin"));
-    QGuiApplication::setDesktopFileName(QStringLiteral("velquin"));
+    QGuiApplication::setDesktopFileName(QStringLiteral("org.orvane.Velquin"));
     // Alerts and the file picker are the only ordinary windows; closing them must not end the program.
     QApplication::setQuitOnLastWindowClosed(false);
     if (throughXWayland && log) log("platform: xcb through XWayland");

@@ -14,6 +14,9 @@
 #ifndef VELQUIN_INSTALLED_HELP
 #define VELQUIN_INSTALLED_HELP ""
 #endif
+#ifndef VELQUIN_HELP_FROM_BIN
+#define VELQUIN_HELP_FROM_BIN "../share/doc/velquin/install.html"
+#endif
 
 namespace velquin {
 namespace {
@@ -32,6 +35,7 @@ DesktopApp::DesktopApp(Options options)
       bar_(std::make_unique<BarWindow>()),
       barPosition_(*bar_, *store_),
       tray_(menu_.menu()),
+      panel_(menu_.menu(), tray_, log_),
       drops_(log_) {
     fileTimer_.setSingleShot(true);
     connect(&fileTimer_, &QTimer::timeout, this, [this] {
@@ -123,7 +127,9 @@ void DesktopApp::launch() {
     barPosition_.watchScreens();
     bar_->setVisible(settings_.floatBar);
     tray_.onTrigger = [this] { menu_.menu().popup(QCursor::pos()); };
-    tray_.show();
+    menu_.menu().insertAction(menu_.items().helpItem, panel_.loginItem());
+    subscribe([this](const Reading& reading) { panel_.update(reading, settings_); });
+    panel_.start();
 
     if (showShelfAtLaunch_) {
         QTimer::singleShot(shelfAtLaunchDelayMs, this, [this] {
@@ -353,6 +359,8 @@ void DesktopApp::resetAll() {
 QString DesktopApp::helpPagePath() {
     const QString beside = QCoreApplication::applicationDirPath() + QStringLiteral("/docs/install.html");
     if (QFileInfo::exists(beside)) return beside;
+    const QString relative = QCoreApplication::applicationDirPath() + QStringLiteral("/" VELQUIN_HELP_FROM_BIN);
+    if (QFileInfo::exists(relative)) return QFileInfo(relative).canonicalFilePath();
     const QString installed = QStringLiteral(VELQUIN_INSTALLED_HELP);
     if (!installed.isEmpty() && QFileInfo::exists(installed)) return installed;
     return beside;

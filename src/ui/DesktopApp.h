@@ -22,6 +22,7 @@
 #include "DropCoordinator.h"
 #include "LogSink.h"
 #include "ProgressWindow.h"
+#include "PanelPresence.h"
 #include "Reading.h"
 #include "TempoService.h"
 #include "TrayIcon.h"
@@ -102,6 +103,7 @@ class DesktopApp : public QObject {
     bool paused() const { return paused_; }
     QSystemTrayIcon* trayIcon() { return tray_.icon(); }
     ProgressWindow* progressWindow() { return menuAnalysis_.window(); }
+    PanelPresence& panel() { return panel_; }
 
     // The help page shipped beside the program, or installed with it.
     static QString helpPagePath();
@@ -128,6 +130,7 @@ class DesktopApp : public QObject {
     BarPosition barPosition_;
     AppMenu menu_;
     TrayIcon tray_;
+    PanelPresence panel_;
     DropCoordinator drops_;
     std::unique_ptr<QAction> barQuitAction_;
     std::unique_ptr<QAction> shelfQuitAction_;

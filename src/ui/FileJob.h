@@ -18,7 +18,8 @@
 namespace velquin {
 
 using FileAnalysisResult = FileAnalysis::FileResult;
-// What a running analysis reports to (on the pool thread) and hears from its job.
+
+// What a running analysis reports to and hears from its job; called on the pool thread.
 using FileJobControl = FileAnalysis::FileAnalysisOptions;
 
 // Runs on a pool thread; throws with the text to show.

@@ -29,6 +29,10 @@ void TrayIcon::show() {
     tray_->show();
 }
 
+void TrayIcon::hide() {
+    tray_.reset();
+}
+
 void TrayIcon::update(const Reading& reading) {
     last_ = reading;
     if (!tray_) return;

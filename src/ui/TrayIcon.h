@@ -25,6 +25,8 @@ class TrayIcon : public QObject {
 
     // Shows the icon now, or when a tray appears.
     void show();
+    // Takes the icon away (a panel shows the reading instead).
+    void hide();
     void update(const Reading& reading);
     QSystemTrayIcon* icon() { return tray_.get(); }
 
