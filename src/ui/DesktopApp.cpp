@@ -187,6 +187,7 @@ void DesktopApp::publish() {
     const QString windowTitle = reading_.status + QStringLiteral(" \u2014 Velquin");
     if (bar_->windowTitle() != windowTitle) bar_->setWindowTitle(windowTitle);
     tray_.update(reading_);
+    menu_.keepOnScreen();
     for (const auto& display : displays_) display(reading_);
 }
 
