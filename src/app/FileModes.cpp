@@ -7,10 +7,10 @@
 #include <filesystem>
 #include <stdexcept>
 
+#include "FileAnalysis.h"
 #include "Format.h"
 #include "OutputFile.h"
 #include "TempoRange.h"
-#include "TempoService.h"
 
 namespace velquin::FileModes {
 
@@ -74,7 +74,7 @@ int analyze(const std::vector<std::string>& arguments, std::FILE* out, std::FILE
         const std::string& path = arguments.at(0);
         TempoRange range = TempoRange::Auto;
         if (arguments.size() > 1) range = tempoRangeFromRaw(arguments[1]).value_or(TempoRange::Auto);
-        const auto result = TempoService::analyzeFile(path, range);
+        const auto result = FileAnalysis::analyzeFile(path, range);
         putResult(out, resultLine(result.tempo, result.key) + "  " + lastPathComponent(path) + "\n");
     });
 }
@@ -82,7 +82,7 @@ int analyze(const std::vector<std::string>& arguments, std::FILE* out, std::FILE
 int timeline(const std::vector<std::string>& arguments, std::FILE* out, std::FILE* err) {
     return guarded(err, [&] {
         const std::string& path = arguments.at(0);
-        const auto result = TempoService::keyTimeline(path, 1.0);
+        const auto result = FileAnalysis::keyTimeline(path, 1.0);
         // Built whole before printing, so that a failure leaves standard output empty.
         std::string text;
         for (const auto& tick : result.ticks) {
@@ -107,7 +107,7 @@ int chroma(const std::vector<std::string>& arguments, std::FILE* /*out*/, std::F
         const std::string& output = arguments.at(1);
         if (OutputFile::sameFile(input, output))
             throw OutputFileError(output, "it is the audio file being analysed");
-        TempoService::dumpChroma(input, output);
+        FileAnalysis::dumpChroma(input, output);
     });
 }
 
