@@ -5,6 +5,8 @@
 #include <QFontMetricsF>
 #include <QKeyEvent>
 #include <QLabel>
+#include <QScreen>
+#include <algorithm>
 #include <QWidgetAction>
 
 #include "ReadingText.h"
@@ -223,6 +225,18 @@ void AppMenu::setTuning(const std::optional<QString>& text) {
 void AppMenu::setFileLine(const std::optional<QString>& text) {
     if (text) labelOf(items_.fileLine)->setText(*text);
     setLineVisible(items_.fileLine, text.has_value());
+}
+
+void AppMenu::keepOnScreen() {
+    QMenu& m = *menu_;
+    if (!m.isVisible()) return;
+    const QSize wanted = m.sizeHint();
+    if (wanted != m.size()) m.resize(wanted);
+    QScreen* screen = m.screen();
+    if (!screen) return;
+    const QRect area = screen->availableGeometry();
+    const int x = std::max(area.left(), std::min(m.x(), area.right() + 1 - m.width()));
+    if (x != m.x()) m.move(x, m.y());
 }
 
 void AppMenu::checkSource(AudioSourceKind kind) {

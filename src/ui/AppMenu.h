@@ -70,6 +70,9 @@ class AppMenu {
     void setTuning(const std::optional<QString>& text);
     void setFileLine(const std::optional<QString>& text);
 
+    // An open menu whose lines grew wider is moved back inside its screen.
+    void keepOnScreen();
+
     void checkSource(AudioSourceKind kind);
     void checkRange(TempoRange range);
     void checkRelative(RelativePreference preference);

@@ -187,6 +187,7 @@ void DesktopApp::publish() {
     const QString windowTitle = reading_.status + QStringLiteral(" \u2014 Velquin");
     if (bar_->windowTitle() != windowTitle) bar_->setWindowTitle(windowTitle);
     tray_.update(reading_);
+    menu_.keepOnScreen();
     for (const auto& display : displays_) display(reading_);
 }
 
@@ -358,7 +359,8 @@ void DesktopApp::resetAll() {
 QString DesktopApp::helpPagePath() {
     const QString beside = QCoreApplication::applicationDirPath() + QStringLiteral("/docs/install.html");
     if (QFileInfo::exists(beside)) return beside;
-    const QString relative = QCoreApplication::applicationDirPath() + QStringLiteral("/" VELQUIN_HELP_FROM_BIN);
+    const QString relative =
+        QCoreApplication::applicationDirPath() + QStringLiteral("/" VELQUIN_HELP_FROM_BIN);
     if (QFileInfo::exists(relative)) return QFileInfo(relative).canonicalFilePath();
     const QString installed = QStringLiteral(VELQUIN_INSTALLED_HELP);
     if (!installed.isEmpty() && QFileInfo::exists(installed)) return installed;

@@ -12,8 +12,8 @@
 #include <stop_token>
 #include <string>
 
-#include "TempoRange.h"
 #include "FileAnalysis.h"
+#include "TempoRange.h"
 
 namespace velquin {
 

@@ -11,6 +11,8 @@ done
 tmp=$(mktemp -d)
 trap 'rm -rf "$tmp"' EXIT
 
+# cpack installs what is built and builds nothing itself; a no-op after the suite's own build.
+cmake --build "$build" >"$tmp/build.log" 2>&1 || { tail -20 "$tmp/build.log"; exit 1; }
 (cd "$build" && cpack -G DEB -B "$tmp/out" >"$tmp/cpack.log" 2>&1) || { cat "$tmp/cpack.log"; exit 1; }
 deb=$(ls "$tmp"/out/velquin_*.deb)
 depends=$(dpkg-deb -f "$deb" Depends)
