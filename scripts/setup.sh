@@ -12,7 +12,7 @@ VELQUIN_PACKAGES=(
     libsndfile1-dev libpulse-dev libxcb1-dev libxcb-xfixes0-dev
     libgtest-dev libgmock-dev libbenchmark-dev
     pulseaudio pulseaudio-utils xvfb xauth x11-utils ffmpeg clang libclang-rt-14-dev locales time
-    trayer xdotool imagemagick
+    trayer xdotool imagemagick dbus-daemon
 )
 
 velquin_install_packages() {

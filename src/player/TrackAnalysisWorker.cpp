@@ -1,0 +1,82 @@
+#include "TrackAnalysisWorker.h"
+
+#include <exception>
+
+#include "TempoService.h"
+#include "TrackInfo.h"
+
+namespace velquin {
+
+std::optional<TrackResult> analyzeTrackFile(const std::string& path, TempoRange range, std::stop_token stop) {
+    // This analysis cannot be interrupted; a stale result is dropped by the caller (and still cached).
+    (void)stop;
+    return TempoService::analyzeFile(path, range);
+}
+
+TrackAnalysisWorker::TrackAnalysisWorker(std::shared_ptr<AnalysisCache> cache, Done onDone, Analyze analyze)
+    : cache_(std::move(cache)),
+      onDone_(std::move(onDone)),
+      analyze_(std::move(analyze)),
+      thread_([this](std::stop_token stop) { run(stop); }) {}
+
+TrackAnalysisWorker::~TrackAnalysisWorker() {
+    cancel();
+    thread_.request_stop();
+    // The jthread joins here, before the members it uses go away.
+}
+
+void TrackAnalysisWorker::request(Job job) {
+    std::lock_guard lock(mutex_);
+    current_.request_stop();
+    current_ = std::stop_source();
+    pending_ = std::move(job);
+    wake_.notify_one();
+}
+
+void TrackAnalysisWorker::cancel() {
+    std::lock_guard lock(mutex_);
+    current_.request_stop();
+    pending_.reset();
+}
+
+void TrackAnalysisWorker::run(std::stop_token threadStop) {
+    while (!threadStop.stop_requested()) {
+        Job job;
+        std::stop_token jobStop;
+        {
+            std::unique_lock lock(mutex_);
+            if (!wake_.wait(lock, threadStop, [this] { return pending_.has_value(); })) return;
+            job = std::move(*pending_);
+            pending_.reset();
+            jobStop = current_.get_token();
+        }
+        Outcome outcome = process(job, jobStop);
+        if (outcome.id != 0 && onDone_) onDone_(std::move(outcome));
+    }
+}
+
+// An outcome with id 0 is not reported: the analysis stopped early on request.
+TrackAnalysisWorker::Outcome TrackAnalysisWorker::process(const Job& job, std::stop_token stop) {
+    Outcome outcome;
+    outcome.id = job.id;
+    TrackCacheKey key{job.path, 0, 0, job.range};
+    outcome.error = checkPlayableFile(job.path, &key.size, &key.modifiedNanos);
+    if (!outcome.error.empty()) return outcome;
+    if (cache_) {
+        if ((outcome.result = cache_->find(key))) {
+            outcome.fromCache = true;
+            return outcome;
+        }
+    }
+    try {
+        outcome.result = analyze_(job.path, job.range, stop);
+        if (!outcome.result) return Outcome{};
+    } catch (const std::exception& e) {
+        outcome.error = e.what();
+        return outcome;
+    }
+    if (cache_) cache_->store(key, *outcome.result);
+    return outcome;
+}
+
+}  // namespace velquin
