@@ -1,0 +1,68 @@
+// Time from a player's PropertiesChanged to the follower's new reading, over a private session bus.
+//   player_bench FILE…   (each file once uncached, then each again from the cache; medians in ms)
+#include <QCoreApplication>
+#include <QDBusConnection>
+#include <QElapsedTimer>
+#include <QUrl>
+#include <algorithm>
+#include <cstdio>
+#include <vector>
+
+#include "PlayerFollower.h"
+#include "ScriptedPlayer.h"
+
+using namespace velquin;
+
+namespace {
+
+double median(std::vector<double> v) {
+    std::sort(v.begin(), v.end());
+    const size_t n = v.size();
+    return n % 2 ? v[n / 2] : (v[n / 2 - 1] + v[n / 2]) / 2;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    QCoreApplication app(argc, argv);
+    if (argc < 2) {
+        std::fprintf(stderr, "usage: %s FILE…\n", argv[0]);
+        return 2;
+    }
+    const QString address = test::privateBusAddress();
+    test::ScriptedPlayer player(address, "bench");
+    PlayerFollower follower(QDBusConnection::connectToBus(address, "follower"),
+                            std::make_shared<MemoryAnalysisCache>());
+    QElapsedTimer clock;
+    qint64 sentAt = 0;
+    double took = -1;
+    std::string waitingFor;
+    follower.onReading = [&](const std::optional<PlayerReading>& reading) {
+        if (reading && reading->path == waitingFor) took = (clock.nsecsElapsed() - sentAt) / 1e6;
+    };
+    follower.start();
+    clock.start();
+    while (follower.watcher().players().empty()) QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
+
+    for (const char* pass : {"uncached", "cached"}) {
+        std::vector<double> times;
+        for (int i = 1; i < argc; ++i) {
+            waitingFor = argv[i];
+            took = -1;
+            sentAt = clock.nsecsElapsed();
+            player.play(QUrl::fromLocalFile(QString::fromLocal8Bit(argv[i])).toString(QUrl::FullyEncoded));
+            while (took < 0 && clock.nsecsElapsed() - sentAt < 30'000'000'000) {
+                QCoreApplication::processEvents(QEventLoop::AllEvents, 1);
+            }
+            if (took < 0) {
+                std::fprintf(stderr, "no reading for %s\n", argv[i]);
+                return 1;
+            }
+            times.push_back(took);
+        }
+        std::printf("%s: median %.1f ms over %zu track changes (min %.1f, max %.1f)\n", pass, median(times),
+                    times.size(), *std::min_element(times.begin(), times.end()),
+                    *std::max_element(times.begin(), times.end()));
+    }
+    return 0;
+}
