@@ -116,10 +116,19 @@ void MprisWatcher::propertiesChanged(const QDBusMessage& message) {
     const QString sender = message.service();
     const QVariantMap properties = asPropertyMap(args[1]);
     const QStringList invalidated = args.size() > 2 ? args[2].toStringList() : QStringList();
+    bool known = false;
     for (auto& [name, player] : players_) {
         if (player.owner != sender) continue;
+        known = true;
         apply(player, properties);
         if (!invalidated.isEmpty()) fetch(name);
+    }
+    // A player found by listing names is known by owner only once its first answer is in; a change it
+    // announces before that may be newer than the answer, so ask again.
+    if (!known) {
+        for (const auto& [name, player] : players_) {
+            if (player.owner.isEmpty()) fetch(name);
+        }
     }
 }
 

@@ -25,9 +25,12 @@ PlayerFollower::PlayerFollower(QDBusConnection bus, std::shared_ptr<AnalysisCach
     // The worker reports on its own thread; the result is handled here, or dropped with this object.
     worker_ = std::make_unique<TrackAnalysisWorker>(
         std::move(cache),
-        [this](TrackAnalysisWorker::Outcome outcome) {
+        [this] {
             QMetaObject::invokeMethod(
-                this, [this, outcome = std::move(outcome)]() mutable { finished(std::move(outcome)); },
+                this,
+                [this] {
+                    if (auto outcome = worker_->takeOutcome()) finished(std::move(*outcome));
+                },
                 Qt::QueuedConnection);
         },
         std::move(analyze));

@@ -1,6 +1,7 @@
 #include "TrackAnalysisWorker.h"
 
 #include <exception>
+#include <utility>
 
 #include "TempoService.h"
 #include "TrackInfo.h"
@@ -27,31 +28,42 @@ TrackAnalysisWorker::~TrackAnalysisWorker() {
 
 void TrackAnalysisWorker::request(Job job) {
     std::lock_guard lock(mutex_);
-    current_.request_stop();
-    current_ = std::stop_source();
+    if (running_) running_->request_stop();
     pending_ = std::move(job);
     wake_.notify_one();
 }
 
 void TrackAnalysisWorker::cancel() {
     std::lock_guard lock(mutex_);
-    current_.request_stop();
+    if (running_) running_->request_stop();
     pending_.reset();
+}
+
+std::optional<TrackAnalysisWorker::Outcome> TrackAnalysisWorker::takeOutcome() {
+    std::lock_guard lock(mutex_);
+    return std::exchange(ready_, std::nullopt);
 }
 
 void TrackAnalysisWorker::run(std::stop_token threadStop) {
     while (!threadStop.stop_requested()) {
         Job job;
-        std::stop_token jobStop;
+        // Made and destroyed on this thread; others only ask it to stop, under the lock.
+        std::stop_source jobStop;
         {
             std::unique_lock lock(mutex_);
             if (!wake_.wait(lock, threadStop, [this] { return pending_.has_value(); })) return;
             job = std::move(*pending_);
             pending_.reset();
-            jobStop = current_.get_token();
+            running_ = &jobStop;
         }
-        Outcome outcome = process(job, jobStop);
-        if (outcome.id != 0 && onDone_) onDone_(std::move(outcome));
+        Outcome outcome = process(job, jobStop.get_token());
+        {
+            std::lock_guard lock(mutex_);
+            running_ = nullptr;
+            if (outcome.id == 0) continue;
+            ready_ = std::move(outcome);
+        }
+        if (onDone_) onDone_();
     }
 }
 

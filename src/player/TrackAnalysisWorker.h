@@ -36,8 +36,9 @@ class TrackAnalysisWorker {
     };
     using Analyze =
         std::function<std::optional<TrackResult>(const std::string&, TempoRange, std::stop_token)>;
-    // Runs on the worker thread; never for a cancelled job whose analysis stopped early.
-    using Done = std::function<void(Outcome)>;
+    // Runs on the worker thread when takeOutcome() has something; never for a job whose analysis
+    // stopped early on request.
+    using Done = std::function<void()>;
 
     // `cache` may be null (every request is analysed).
     TrackAnalysisWorker(std::shared_ptr<AnalysisCache> cache, Done onDone,
@@ -49,6 +50,9 @@ class TrackAnalysisWorker {
     // Any thread. Replaces a request not yet started and asks the running one to stop.
     void request(Job job);
     void cancel();
+    // Any thread: the latest finished job's outcome, once. Handing it over under the worker's lock
+    // (rather than inside the notification) keeps the hand-over visible to the race detector.
+    std::optional<Outcome> takeOutcome();
 
   private:
     void run(std::stop_token threadStop);
@@ -60,8 +64,9 @@ class TrackAnalysisWorker {
     std::mutex mutex_;
     std::condition_variable_any wake_;
     std::optional<Job> pending_;
-    std::stop_source current_;  // of the running or next job
-    std::jthread thread_;       // last: starts after everything above exists
+    std::optional<Outcome> ready_;
+    std::stop_source* running_ = nullptr;  // of the job being processed
+    std::jthread thread_;                  // last: starts after everything above exists
 };
 
 }  // namespace velquin
