@@ -19,5 +19,5 @@ int main(int argc, char** argv) {
         case Dispatch::Mode::live: return LiveMode::run(argc, argv, dispatch.arguments);
         case Dispatch::Mode::menuBar: break;
     }
-    return runMenuBarApp(argc, argv, [](std::string_view line) { Log::write(line); });
+    return runDesktopApp(argc, argv, [](std::string_view line) { Log::write(line); });
 }
