@@ -32,7 +32,9 @@ DesktopApp::DesktopApp(Options options)
       showShelfAtLaunch_(options.showShelfAtLaunch),
       bar_(std::make_unique<BarWindow>()),
       tray_(menu_.menu()),
-      drops_(log_) {
+      drops_(log_),
+      follower_(options.playerBus ? *options.playerBus : QDBusConnection::sessionBus(),
+                std::make_shared<MemoryAnalysisCache>()) {
     fileTimer_.setSingleShot(true);
     connect(&fileTimer_, &QTimer::timeout, this, [this] {
         fileInBar_ = false;
@@ -46,6 +48,8 @@ DesktopApp::~DesktopApp() {
     service_.onUpdate = nullptr;
     service_.onError = nullptr;
     service_.stop();
+    follower_.onReading = nullptr;
+    follower_.onLog = nullptr;
 }
 
 void DesktopApp::connectItems() {
@@ -63,6 +67,7 @@ void DesktopApp::connectItems() {
     on(items.copyItem, &DesktopApp::copyBoth);
     on(items.analyzeItem, &DesktopApp::analyzeFile);
     on(items.resetItem, &DesktopApp::resetAll);
+    on(items.followItem, &DesktopApp::toggleFollow);
     on(items.helpItem, &DesktopApp::openHelp);
     connect(items.quitItem, &QAction::triggered, qApp, &QCoreApplication::quit, Qt::QueuedConnection);
     for (const auto& [range, item] : items.rangeItems) {
@@ -142,6 +147,13 @@ void DesktopApp::launch() {
 
     applyRange(storedRange(*store_));
     start(storedSource(*store_));
+
+    follower_.onReading = [this](const std::optional<PlayerReading>& playing) { showPlaying(playing); };
+    follower_.onLog = [this](const QString& line) {
+        if (log_) log_(line.toStdString());
+    };
+    follower_.setEnabled(settings_.followPlayer);
+    follower_.start();
 }
 
 void DesktopApp::shutDown() {
@@ -189,18 +201,32 @@ QString DesktopApp::statusText(const TempoEstimate& tempo, const KeyEstimate& ke
 }
 
 void DesktopApp::render(const TempoEstimate& liveTempo, const KeyEstimate& liveKey) {
-    const bool showingFile = fileInBar_ && fileResult_;
-    const TempoEstimate& tempo = showingFile ? fileResult_->tempo : liveTempo;
-    const KeyEstimate& key = showingFile ? fileResult_->key : liveKey;
+    // A file just dropped wins for its few seconds; then the playing file's reading; then the live one.
+    const bool showingDrop = fileInBar_ && fileResult_;
+    const bool showingPlayer = !showingDrop && playing_;
+    const bool showingFile = showingDrop || showingPlayer;
+    const TempoEstimate& tempo = showingDrop     ? fileResult_->tempo
+                                 : showingPlayer ? playing_->tempo
+                                                 : liveTempo;
+    const KeyEstimate& key = showingDrop ? fileResult_->key : showingPlayer ? playing_->key : liveKey;
 
-    menu_.setFileLine(fileResult_ ? std::optional(text::fileLine(fileResult_->name, fileResult_->tempo,
-                                                                 fileResult_->key, settings_))
-                                  : std::nullopt);
+    if (playing_) {
+        menu_.setFileLine(playing_->line);
+    } else {
+        menu_.setFileLine(fileResult_ ? std::optional(text::fileLine(fileResult_->name, fileResult_->tempo,
+                                                                     fileResult_->key, settings_))
+                                      : std::nullopt);
+    }
     reading_.keyText = text::barKey(key, settings_);
     reading_.bpmText = text::barBpm(tempo, settings_);
     reading_.confidence = text::ringConfidence(tempo, key);
     reading_.showingFile = showingFile;
     reading_.status = statusText(tempo, key);
+    if (showingPlayer) {
+        const auto line = text::estimateLine(tempo, key, settings_);
+        reading_.status = line ? *line + QStringLiteral("  \u00b7  from the playing file")
+                               : QStringLiteral("From the playing file");
+    }
     menu_.setStatus(reading_.status);
     menu_.setNotes(key.key && settings_.showNotes
                        ? std::optional(text::noteLineHtml(key, menu_.menu().palette()))
@@ -230,6 +256,7 @@ void DesktopApp::applyRange(TempoRange range) {
     store(*store_, range);
     menu_.checkRange(range);
     service_.setRange(range);
+    follower_.setRange(range);
 }
 
 void DesktopApp::start(AudioSourceKind kind) {
@@ -316,6 +343,16 @@ void DesktopApp::copyBoth() {
     QClipboard* clipboard = QGuiApplication::clipboard();
     clipboard->clear();
     clipboard->setText(*text);
+}
+
+void DesktopApp::showPlaying(const std::optional<PlayerReading>& playing) {
+    playing_ = playing;
+    rerender();
+}
+
+void DesktopApp::toggleFollow() {
+    toggle(settings_.followPlayer, menu_.items().followItem, settingsKey::followPlayer, false);
+    follower_.setEnabled(settings_.followPlayer);
 }
 
 void DesktopApp::resetAll() {

@@ -5,6 +5,7 @@
 // Everything here runs on the main thread; file analyses run on the global thread pool and come back
 // to the main thread before touching anything.
 
+#include <QDBusConnection>
 #include <QObject>
 #include <QSettings>
 #include <QString>
@@ -20,6 +21,7 @@
 #include "DisplaySettings.h"
 #include "DropCoordinator.h"
 #include "LogSink.h"
+#include "PlayerFollower.h"
 #include "Reading.h"
 #include "TempoService.h"
 #include "TrayIcon.h"
@@ -42,6 +44,8 @@ class DesktopApp : public QObject {
         std::optional<Dialogs> dialogs = {};
         // Opens the drop shelf a second after launch and hides it 6 s later, to check where it lands.
         bool showShelfAtLaunch = false;
+        // Where media players are watched; the session bus when empty.
+        std::optional<QDBusConnection> playerBus = {};
     };
 
     explicit DesktopApp(Options options);
@@ -65,11 +69,14 @@ class DesktopApp : public QObject {
     void copyBoth();
     void analyzeFile();
     void resetAll();
+    void toggleFollow();
     void openHelp();
 
     void render(const TempoEstimate& tempo, const KeyEstimate& key);
     void start(AudioSourceKind kind);
     void show(const QString& error);
+    // The followed player's file reading, or none for the live one (the follower's onReading).
+    void showPlaying(const std::optional<PlayerReading>& playing);
 
     // Every new reading, after the bar and the tray have it.
     void subscribe(std::function<void(const Reading&)> display);
@@ -93,6 +100,7 @@ class DesktopApp : public QObject {
     const std::optional<FileResult>& fileResult() const { return fileResult_; }
     bool fileInBar() const { return fileInBar_; }
     bool paused() const { return paused_; }
+    PlayerFollower& follower() { return follower_; }
     QSystemTrayIcon* trayIcon() { return tray_.icon(); }
 
     // The help page shipped beside the program, or installed with it.
@@ -126,6 +134,9 @@ class DesktopApp : public QObject {
     std::unique_ptr<QAction> shelfQuitAction_;
     Reading reading_;
     std::vector<std::function<void(const Reading&)>> displays_;
+
+    PlayerFollower follower_;
+    std::optional<PlayerReading> playing_;
 
     std::optional<FileResult> fileResult_;
     bool fileInBar_ = false;

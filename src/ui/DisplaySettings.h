@@ -21,6 +21,7 @@ inline constexpr const char* showNotes = "showNotes";
 inline constexpr const char* relativePreference = "relativePreference";
 inline constexpr const char* showDecimals = "showDecimals";
 inline constexpr const char* compactBar = "compactBar";
+inline constexpr const char* followPlayer = "followPlayer";
 }  // namespace settingsKey
 
 struct DisplaySettings {
@@ -29,6 +30,7 @@ struct DisplaySettings {
     KeyEstimate::RelativePreference relativePreference = KeyEstimate::RelativePreference::both;
     bool showDecimals = false;  // BPM with one decimal
     bool compact = false;       // two-line bar
+    bool followPlayer = true;   // the playing file's reading stands in for the live one
 
     static DisplaySettings read(const QSettings& settings);
 };
