@@ -4,9 +4,9 @@
 #include <exception>
 #include <filesystem>
 
+#include "FileAnalysis.h"
 #include "Format.h"
 #include "TempoRange.h"
-#include "TempoService.h"
 
 namespace velquin::FileModes {
 
@@ -60,7 +60,7 @@ int analyze(const std::vector<std::string>& arguments, std::FILE* out, std::FILE
         const std::string& path = arguments.at(0);
         TempoRange range = TempoRange::Auto;
         if (arguments.size() > 1) range = tempoRangeFromRaw(arguments[1]).value_or(TempoRange::Auto);
-        const auto result = TempoService::analyzeFile(path, range);
+        const auto result = FileAnalysis::analyzeFile(path, range);
         put(out, resultLine(result.tempo, result.key) + "  " + lastPathComponent(path));
     });
 }
@@ -68,7 +68,7 @@ int analyze(const std::vector<std::string>& arguments, std::FILE* out, std::FILE
 int timeline(const std::vector<std::string>& arguments, std::FILE* out, std::FILE* err) {
     return guarded(err, [&] {
         const std::string& path = arguments.at(0);
-        const auto result = TempoService::keyTimeline(path, 1.0);
+        const auto result = FileAnalysis::keyTimeline(path, 1.0);
         // Built whole before printing, so that a failure leaves standard output empty.
         std::string text;
         for (const auto& tick : result.ticks) {
@@ -88,7 +88,7 @@ int timeline(const std::vector<std::string>& arguments, std::FILE* out, std::FIL
 }
 
 int chroma(const std::vector<std::string>& arguments, std::FILE* /*out*/, std::FILE* err) {
-    return guarded(err, [&] { TempoService::dumpChroma(arguments.at(0), arguments.at(1)); });
+    return guarded(err, [&] { FileAnalysis::dumpChroma(arguments.at(0), arguments.at(1)); });
 }
 
 }  // namespace velquin::FileModes

@@ -427,6 +427,12 @@ int AudioFileReader::channelCount() const {
     return state_->channels;
 }
 
+double AudioFileReader::durationSeconds() const {
+    const AVFormatContext* f = state_->format.get();
+    if (f->duration == AV_NOPTS_VALUE || f->duration <= 0) return 0;
+    return static_cast<double>(f->duration) / AV_TIME_BASE;
+}
+
 int64_t AudioFileReader::read(int64_t maxFrames) {
     State& s = *state_;
     const int want = static_cast<int>(std::clamp<int64_t>(maxFrames, 0, chunkFrames));

@@ -33,6 +33,8 @@ class AudioFileReader {
 
     double sampleRate() const;
     int channelCount() const;
+    // The container's idea of the audio's length; 0 when it has none.
+    double durationSeconds() const;
 
     // Decodes up to `maxFrames` (≤ chunkFrames) frames into the reader's own channel buffers and
     // returns how many it got; 0 means the end of the stream. Throws AudioFileError on a hard

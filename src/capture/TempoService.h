@@ -1,7 +1,7 @@
 #pragma once
 // The live engine behind the display: one capture source, the sample ring, a live tempo/key analyzer
-// pair fed every 0.12 s on the analysis thread, and the latest published pair. Also hosts the
-// whole-file operations, which use no instance.
+// pair fed every 0.12 s on the analysis thread, and the latest published pair. Whole files are
+// FileAnalysis's.
 //
 // start/stop/setRange/reset and every read of the published values belong to the main thread;
 // onUpdate is delivered there through the Qt event loop.
@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "AudioSource.h"
+#include "FileAnalysis.h"
 #include "MusicalKey.h"
 #include "TempoEstimate.h"
 #include "TempoRange.h"
@@ -27,27 +28,8 @@ class TempoService : public QObject {
     Q_OBJECT
 
 public:
-    struct TimelineTick {
-        double seconds = 0;
-        KeyEstimate key;
-        TempoEstimate tempo;
-    };
-    struct Timeline {
-        std::vector<TimelineTick> ticks;
-        KeyEstimate final = KeyEstimate::unknown;
-        TempoEstimate finalTempo;
-        int64_t restarts = 0;
-    };
-    struct FileResult {
-        TempoEstimate tempo;
-        KeyEstimate key;
-    };
-
-    // Whole-file operations: they run on the calling thread and throw AudioFileError or
-    // AudioSourceError (std::runtime_error; what() is the text to show).
-    static FileResult analyzeFile(const std::string& path, TempoRange range);
-    static Timeline keyTimeline(const std::string& path, double everySeconds);
-    static void dumpChroma(const std::string& inputPath, const std::string& outputPath);
+    // The desktop's file analyzer hook still names the result through the service.
+    using FileResult = FileAnalysis::FileResult;
 
     // Makes the capture source for a kind; tests substitute scripted sources.
     using SourceFactory = std::function<std::unique_ptr<AudioSource>(AudioSourceKind)>;

@@ -7,7 +7,7 @@
 namespace velquin {
 
 FileAnalysisResult analyzeAudioFile(const std::string& path, TempoRange range) {
-    return TempoService::analyzeFile(path, range);
+    return FileAnalysis::analyzeFile(path, range);
 }
 
 void startFileJob(QObject* context, const QString& path, TempoRange range, FileAnalyzer analyzer,

@@ -10,11 +10,11 @@
 #include <string>
 
 #include "TempoRange.h"
-#include "TempoService.h"
+#include "FileAnalysis.h"
 
 namespace velquin {
 
-using FileAnalysisResult = TempoService::FileResult;
+using FileAnalysisResult = FileAnalysis::FileResult;
 // Runs on a pool thread; throws with the text to show.
 using FileAnalyzer = std::function<FileAnalysisResult(const std::string& path, TempoRange range)>;
 

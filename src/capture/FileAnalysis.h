@@ -1,0 +1,70 @@
+#pragma once
+// Whole-file analysis: a file decoded chunk by chunk, mixed to mono and fed to an offline tempo and key
+// analyzer pair (and, for timelines, a live pair read at fixed intervals of file time). Shares nothing
+// with a running TempoService; every call owns its analyzers.
+//
+// The operations run on the calling thread (with helper threads of their own) and throw AudioFileError
+// or AudioSourceError (std::runtime_error; what() is the text to show), or AnalysisCancelled.
+
+#include <cstdint>
+#include <exception>
+#include <functional>
+#include <limits>
+#include <span>
+#include <stop_token>
+#include <string>
+#include <vector>
+
+#include "MusicalKey.h"
+#include "TempoEstimate.h"
+#include "TempoRange.h"
+
+namespace velquin {
+
+class AudioFileReader;
+
+namespace FileAnalysis {
+
+struct FileResult {
+    TempoEstimate tempo;
+    KeyEstimate key;
+    double durationSeconds = 0;  // of the audio decoded
+};
+
+struct FileAnalysisOptions {
+    std::function<void(double doneSeconds, double totalSeconds)>
+        onProgress;        // analysis thread; total 0 = unknown
+    std::stop_token stop;  // requested -> AnalysisCancelled
+};
+
+struct AnalysisCancelled : std::exception {
+    const char* what() const noexcept override { return "analysis cancelled"; }
+};
+
+// Bump when results may change; cache keys include it.
+inline constexpr int kAnalysisVersion = 1;
+
+struct TimelineTick {
+    double seconds = 0;
+    KeyEstimate key;
+    TempoEstimate tempo;
+};
+struct Timeline {
+    std::vector<TimelineTick> ticks;
+    KeyEstimate final = KeyEstimate::unknown;
+    TempoEstimate finalTempo;
+    int64_t restarts = 0;
+};
+
+FileResult analyzeFile(const std::string& path, TempoRange range, const FileAnalysisOptions& options = {});
+// The same on a reader already open, reading at most `maximumSeconds` of it (the fuzz target's bound).
+FileResult analyzeReader(AudioFileReader& reader, TempoRange range, const FileAnalysisOptions& options = {},
+                         double maximumSeconds = std::numeric_limits<double>::infinity());
+// The live pair's readings at the first chunk boundary at or after every `everySeconds` of file time.
+Timeline keyTimeline(const std::string& path, double everySeconds, const FileAnalysisOptions& options = {});
+// The offline key analyzer's frames as CSV, written atomically to `outputPath`.
+void dumpChroma(const std::string& inputPath, const std::string& outputPath,
+                const FileAnalysisOptions& options = {});
+
+}  // namespace FileAnalysis
+}  // namespace velquin
