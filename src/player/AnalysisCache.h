@@ -9,19 +9,19 @@
 #include <string>
 #include <unordered_map>
 
+#include "FileAnalysis.h"
 #include "TempoRange.h"
-#include "TempoService.h"
 
 namespace velquin {
 
-using TrackResult = TempoService::FileResult;
+using TrackResult = FileAnalysis::FileResult;
 
 struct TrackCacheKey {
     std::string path;
     int64_t size = 0;
     int64_t modifiedNanos = 0;
     TempoRange range = TempoRange::Auto;  // a range narrows the tempo search, so it is part of the result
-    int version = 1;
+    int version = FileAnalysis::kAnalysisVersion;
 
     friend bool operator==(const TrackCacheKey&, const TrackCacheKey&) = default;
 };

@@ -3,15 +3,17 @@
 #include <exception>
 #include <utility>
 
-#include "TempoService.h"
+#include "FileAnalysis.h"
 #include "TrackInfo.h"
 
 namespace velquin {
 
 std::optional<TrackResult> analyzeTrackFile(const std::string& path, TempoRange range, std::stop_token stop) {
-    // This analysis cannot be interrupted; a stale result is dropped by the caller (and still cached).
-    (void)stop;
-    return TempoService::analyzeFile(path, range);
+    try {
+        return FileAnalysis::analyzeFile(path, range, {.onProgress = {}, .stop = std::move(stop)});
+    } catch (const FileAnalysis::AnalysisCancelled&) {
+        return std::nullopt;
+    }
 }
 
 TrackAnalysisWorker::TrackAnalysisWorker(std::shared_ptr<AnalysisCache> cache, Done onDone, Analyze analyze)

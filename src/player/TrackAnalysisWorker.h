@@ -17,7 +17,7 @@
 
 namespace velquin {
 
-// The whole-file analysis, cancellable through `stop` where the engine allows it; none when cancelled.
+// The whole-file analysis; none when `stop` was requested before it finished.
 // Throws the decoder's errors (std::exception; what() is the text for the log).
 std::optional<TrackResult> analyzeTrackFile(const std::string& path, TempoRange range, std::stop_token stop);
 
