@@ -1,12 +1,16 @@
 // Time from a player's PropertiesChanged to the follower's new reading, over a private session bus.
 //   player_bench FILE…   (each file once uncached, then each again from the cache; medians in ms)
+//   player_bench --serve URL SECONDS   (a player on the session bus playing URL, nothing measured)
 #include <QCoreApplication>
 #include <QDBusConnection>
 #include <QElapsedTimer>
+#include <QTimer>
 #include <QUrl>
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
+#include <string>
 #include <vector>
 
 #include "PlayerFollower.h"
@@ -33,6 +37,13 @@ double median(std::vector<double> v) {
 
 int main(int argc, char** argv) {
     QCoreApplication app(argc, argv);
+    // --serve URL SECONDS: a player on the session bus that plays URL, for driving the desktop by hand.
+    if (argc == 4 && std::string(argv[1]) == "--serve") {
+        test::ScriptedPlayer player(qEnvironmentVariable("DBUS_SESSION_BUS_ADDRESS"), "scripted");
+        player.play(QString::fromLocal8Bit(argv[2]), "Song A", "Scripted Artist");
+        QTimer::singleShot(std::atoi(argv[3]) * 1000, &app, &QCoreApplication::quit);
+        return app.exec();
+    }
     if (argc < 2) {
         std::fprintf(stderr, "usage: %s FILE…\n", argv[0]);
         return 2;
