@@ -18,7 +18,7 @@ bool sameReading(const std::optional<PlayerReading>& a, const std::optional<Play
 
 }  // namespace
 
-PlayerFollower::PlayerFollower(QDBusConnection bus, std::shared_ptr<AnalysisCache> cache,
+PlayerFollower::PlayerFollower(QDBusConnection bus, std::shared_ptr<TrackCache> cache,
                                TrackAnalysisWorker::Analyze analyze, QObject* parent)
     : QObject(parent), watcher_(std::move(bus)) {
     watcher_.onChange = [this] { update(); };

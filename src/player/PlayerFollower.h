@@ -14,9 +14,9 @@
 #include <optional>
 #include <string>
 
-#include "AnalysisCache.h"
 #include "MprisWatcher.h"
 #include "TrackAnalysisWorker.h"
+#include "TrackCache.h"
 
 namespace velquin {
 
@@ -33,7 +33,7 @@ class PlayerFollower : public QObject {
 
   public:
     // `cache` may be null. `analyze` is the whole-file analysis (tests count calls through it).
-    PlayerFollower(QDBusConnection bus, std::shared_ptr<AnalysisCache> cache,
+    PlayerFollower(QDBusConnection bus, std::shared_ptr<TrackCache> cache,
                    TrackAnalysisWorker::Analyze analyze = analyzeTrackFile, QObject* parent = nullptr);
     ~PlayerFollower() override;  // stops the worker thread
 

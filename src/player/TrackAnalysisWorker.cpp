@@ -16,7 +16,7 @@ std::optional<TrackResult> analyzeTrackFile(const std::string& path, TempoRange 
     }
 }
 
-TrackAnalysisWorker::TrackAnalysisWorker(std::shared_ptr<AnalysisCache> cache, Done onDone, Analyze analyze)
+TrackAnalysisWorker::TrackAnalysisWorker(std::shared_ptr<TrackCache> cache, Done onDone, Analyze analyze)
     : cache_(std::move(cache)),
       onDone_(std::move(onDone)),
       analyze_(std::move(analyze)),

@@ -13,7 +13,7 @@
 #include <string>
 #include <thread>
 
-#include "AnalysisCache.h"
+#include "TrackCache.h"
 
 namespace velquin {
 
@@ -41,8 +41,7 @@ class TrackAnalysisWorker {
     using Done = std::function<void()>;
 
     // `cache` may be null (every request is analysed).
-    TrackAnalysisWorker(std::shared_ptr<AnalysisCache> cache, Done onDone,
-                        Analyze analyze = analyzeTrackFile);
+    TrackAnalysisWorker(std::shared_ptr<TrackCache> cache, Done onDone, Analyze analyze = analyzeTrackFile);
     ~TrackAnalysisWorker();  // cancels what runs and waits for the thread
     TrackAnalysisWorker(const TrackAnalysisWorker&) = delete;
     TrackAnalysisWorker& operator=(const TrackAnalysisWorker&) = delete;
@@ -58,7 +57,7 @@ class TrackAnalysisWorker {
     void run(std::stop_token threadStop);
     Outcome process(const Job& job, std::stop_token stop);
 
-    std::shared_ptr<AnalysisCache> cache_;
+    std::shared_ptr<TrackCache> cache_;
     Done onDone_;
     Analyze analyze_;
     std::mutex mutex_;

@@ -34,7 +34,7 @@ DesktopApp::DesktopApp(Options options)
       tray_(menu_.menu()),
       drops_(log_),
       follower_(options.playerBus ? *options.playerBus : QDBusConnection::sessionBus(),
-                std::make_shared<MemoryAnalysisCache>()) {
+                std::make_shared<MemoryTrackCache>()) {
     fileTimer_.setSingleShot(true);
     connect(&fileTimer_, &QTimer::timeout, this, [this] {
         fileInBar_ = false;

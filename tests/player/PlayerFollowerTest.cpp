@@ -63,7 +63,7 @@ struct Rig {
     QStringList log;
     std::unique_ptr<PlayerFollower> follower;
 
-    explicit Rig(std::shared_ptr<AnalysisCache> cache = std::make_shared<MemoryAnalysisCache>()) {
+    explicit Rig(std::shared_ptr<TrackCache> cache = std::make_shared<MemoryTrackCache>()) {
         static int serial = 0;
         auto bus =
             QDBusConnection::connectToBus(test::privateBusAddress(), QString("follower-%1").arg(++serial));
@@ -99,7 +99,7 @@ struct Rig {
 }  // namespace
 
 TEST(PlayerFollow, ShowsThePlayingFileUntilThePlayerStops) {
-    const auto cache = std::make_shared<MemoryAnalysisCache>();
+    const auto cache = std::make_shared<MemoryTrackCache>();
     ScriptedPlayer player(test::privateBusAddress(), "one");
     Rig rig(cache);
     ASSERT_TRUE(rig.sees(1));

@@ -1,5 +1,6 @@
 #include "ScriptedPlayer.h"
 
+#include <sys/prctl.h>
 #include <QDBusMessage>
 #include <QDBusObjectPath>
 #include <QDBusVariant>
@@ -7,7 +8,6 @@
 #include <QStringList>
 #include <csignal>
 #include <stdexcept>
-#include <sys/prctl.h>
 
 namespace velquin::test {
 

@@ -51,7 +51,7 @@ int main(int argc, char** argv) {
     const QString address = test::privateBusAddress();
     test::ScriptedPlayer player(address, "bench");
     PlayerFollower follower(QDBusConnection::connectToBus(address, "follower"),
-                            std::make_shared<MemoryAnalysisCache>());
+                            std::make_shared<MemoryTrackCache>());
     QElapsedTimer clock;
     qint64 sentAt = 0;
     double took = -1, cpuAtSend = 0, cpu = 0;

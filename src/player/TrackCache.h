@@ -28,15 +28,15 @@ struct TrackCacheKey {
 
 // Called from the analysis worker thread only; implementations need not be thread-safe beyond that,
 // but may be shared with other users, so they lock for themselves.
-class AnalysisCache {
+class TrackCache {
   public:
-    virtual ~AnalysisCache() = default;
+    virtual ~TrackCache() = default;
     virtual std::optional<TrackResult> find(const TrackCacheKey& key) = 0;
     virtual void store(const TrackCacheKey& key, const TrackResult& result) = 0;
 };
 
 // Kept for the life of the process: what the follower uses without a cache on disk.
-class MemoryAnalysisCache : public AnalysisCache {
+class MemoryTrackCache : public TrackCache {
   public:
     std::optional<TrackResult> find(const TrackCacheKey& key) override;
     void store(const TrackCacheKey& key, const TrackResult& result) override;
