@@ -32,13 +32,13 @@ export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
 velquin_build "$VELQUIN_ROOT/build-asan" -DCMAKE_BUILD_TYPE=Debug -DVELQUIN_SANITIZE=ON
 run_ctest "$VELQUIN_ROOT/build-asan"
 
-echo "== ThreadSanitizer build (sample ring, service, capture sources, player follower)"
+echo "== ThreadSanitizer build (sample ring, service, capture sources)"
 export TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1:suppressions=$VELQUIN_ROOT/tests/sanitizers/tsan.supp}
 tsan="$VELQUIN_ROOT/build-tsan"
 [ -f "$tsan/build.ninja" ] ||
     cmake -S "$VELQUIN_ROOT" -B "$tsan" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DVELQUIN_TSAN=ON >/dev/null
-cmake --build "$tsan" -j "$jobs" --target capture_tests player_tests
-run_ctest "$tsan" -R '^(SampleRing|TempoService|PulseSource|PlayerFollow)\.'
+cmake --build "$tsan" -j "$jobs" --target capture_tests
+run_ctest "$tsan" -R '^(SampleRing|TempoService|PulseSource)\.'
 
 echo "== decoder fuzzing (one minute)"
 "$VELQUIN_ROOT/scripts/fuzz.sh" 60 || status=1

@@ -20,12 +20,17 @@ TrackAnalysisWorker::TrackAnalysisWorker(std::shared_ptr<TrackCache> cache, Done
     : cache_(std::move(cache)),
       onDone_(std::move(onDone)),
       analyze_(std::move(analyze)),
-      thread_([this](std::stop_token stop) { run(stop); }) {}
+      thread_([this] { run(); }) {}
 
 TrackAnalysisWorker::~TrackAnalysisWorker() {
-    cancel();
-    thread_.request_stop();
-    // The jthread joins here, before the members it uses go away.
+    {
+        std::lock_guard lock(mutex_);
+        quitting_ = true;
+        if (running_) running_->request_stop();
+        pending_.reset();
+        wake_.notify_one();
+    }
+    thread_.join();
 }
 
 void TrackAnalysisWorker::request(Job job) {
@@ -46,26 +51,29 @@ std::optional<TrackAnalysisWorker::Outcome> TrackAnalysisWorker::takeOutcome() {
     return std::exchange(ready_, std::nullopt);
 }
 
-void TrackAnalysisWorker::run(std::stop_token threadStop) {
-    while (!threadStop.stop_requested()) {
-        Job job;
+std::optional<TrackAnalysisWorker::Job> TrackAnalysisWorker::takeJob(std::stop_source* stop) {
+    std::unique_lock lock(mutex_);
+    wake_.wait(lock, [this] { return quitting_ || pending_.has_value(); });
+    if (quitting_) return std::nullopt;
+    running_ = stop;
+    return std::exchange(pending_, std::nullopt);
+}
+
+bool TrackAnalysisWorker::finishJob(Outcome&& outcome) {
+    std::lock_guard lock(mutex_);
+    running_ = nullptr;
+    if (outcome.id == 0) return false;
+    ready_ = std::move(outcome);
+    return true;
+}
+
+void TrackAnalysisWorker::run() {
+    for (;;) {
         // Made and destroyed on this thread; others only ask it to stop, under the lock.
         std::stop_source jobStop;
-        {
-            std::unique_lock lock(mutex_);
-            if (!wake_.wait(lock, threadStop, [this] { return pending_.has_value(); })) return;
-            job = std::move(*pending_);
-            pending_.reset();
-            running_ = &jobStop;
-        }
-        Outcome outcome = process(job, jobStop.get_token());
-        {
-            std::lock_guard lock(mutex_);
-            running_ = nullptr;
-            if (outcome.id == 0) continue;
-            ready_ = std::move(outcome);
-        }
-        if (onDone_) onDone_();
+        const std::optional<Job> job = takeJob(&jobStop);
+        if (!job) return;
+        if (finishJob(process(*job, jobStop.get_token())) && onDone_) onDone_();
     }
 }
 

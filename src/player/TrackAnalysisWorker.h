@@ -54,18 +54,22 @@ class TrackAnalysisWorker {
     std::optional<Outcome> takeOutcome();
 
   private:
-    void run(std::stop_token threadStop);
+    void run();
+    // The hand-over with the other threads, under the lock: the next job (none: quit), then its outcome.
+    std::optional<Job> takeJob(std::stop_source* stop);
+    bool finishJob(Outcome&& outcome);
     Outcome process(const Job& job, std::stop_token stop);
 
     std::shared_ptr<TrackCache> cache_;
     Done onDone_;
     Analyze analyze_;
     std::mutex mutex_;
-    std::condition_variable_any wake_;
+    std::condition_variable wake_;
+    bool quitting_ = false;
     std::optional<Job> pending_;
     std::optional<Outcome> ready_;
     std::stop_source* running_ = nullptr;  // of the job being processed
-    std::jthread thread_;                  // last: starts after everything above exists
+    std::thread thread_;                   // last: starts after everything above exists
 };
 
 }  // namespace velquin

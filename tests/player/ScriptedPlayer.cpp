@@ -1,12 +1,11 @@
 #include "ScriptedPlayer.h"
 
-#include <sys/prctl.h>
 #include <QDBusMessage>
 #include <QDBusObjectPath>
 #include <QDBusVariant>
 #include <QProcess>
 #include <QStringList>
-#include <csignal>
+#include <cstdlib>
 #include <stdexcept>
 
 namespace velquin::test {
@@ -20,8 +19,13 @@ QString privateBusAddress() {
     static QProcess* daemon = nullptr;
     static QString address;
     if (!daemon) {
-        daemon = new QProcess;  // lives as long as the process, and dies with it
-        daemon->setChildProcessModifier([] { ::prctl(PR_SET_PDEATHSIG, SIGTERM); });
+        // No child-process hook: the child may share this address space until it execs, and
+        // instrumented code run there confuses the race detector.
+        daemon = new QProcess;
+        std::atexit([] {
+            daemon->kill();
+            daemon->waitForFinished(2000);
+        });
         daemon->start(QStringLiteral("dbus-daemon"), {"--session", "--nofork", "--print-address"});
         if (!daemon->waitForReadyRead(10000)) throw std::runtime_error("dbus-daemon did not start");
         address = QString::fromUtf8(daemon->readLine()).trimmed();
