@@ -16,17 +16,21 @@
 #include <vector>
 
 #include "AppMenu.h"
+#include "BarPlacement.h"
 #include "BarWindow.h"
 #include "Dialogs.h"
 #include "DisplaySettings.h"
 #include "DropCoordinator.h"
 #include "LogSink.h"
+#include "ProgressWindow.h"
+#include "PanelPresence.h"
 #include "PlayerFollower.h"
 #include "Reading.h"
 #include "TempoService.h"
 #include "TrayIcon.h"
 
 class QAction;
+class QScreen;
 
 namespace velquin {
 
@@ -66,6 +70,7 @@ class DesktopApp : public QObject {
     void toggleNotes();
     void toggleDecimals();
     void toggleCompact();
+    void toggleFloatBar();
     void copyBoth();
     void analyzeFile();
     void resetAll();
@@ -77,6 +82,9 @@ class DesktopApp : public QObject {
     void show(const QString& error);
     // The followed player's file reading, or none for the live one (the follower's onReading).
     void showPlaying(const std::optional<PlayerReading>& playing);
+
+    // Opens the menu under the bar, or at the pointer when the bar is hidden.
+    void showMenu();
 
     // Every new reading, after the bar and the tray have it.
     void subscribe(std::function<void(const Reading&)> display);
@@ -102,6 +110,8 @@ class DesktopApp : public QObject {
     bool paused() const { return paused_; }
     PlayerFollower& follower() { return follower_; }
     QSystemTrayIcon* trayIcon() { return tray_.icon(); }
+    ProgressWindow* progressWindow() { return menuAnalysis_.window(); }
+    PanelPresence& panel() { return panel_; }
 
     // The help page shipped beside the program, or installed with it.
     static QString helpPagePath();
@@ -115,8 +125,6 @@ class DesktopApp : public QObject {
     void rerender();
     void publish();
     QString statusText(const TempoEstimate& tempo, const KeyEstimate& key) const;
-    void placeBar();
-    void openMenuUnderBar();
     void droppedResult(const QString& name, const std::optional<FileAnalysisResult>& result);
 
     LogSink log_;
@@ -127,14 +135,17 @@ class DesktopApp : public QObject {
     bool showShelfAtLaunch_ = false;
 
     std::unique_ptr<BarWindow> bar_;
+    BarPosition barPosition_;
     AppMenu menu_;
     TrayIcon tray_;
+    PanelPresence panel_;
     DropCoordinator drops_;
     std::unique_ptr<QAction> barQuitAction_;
     std::unique_ptr<QAction> shelfQuitAction_;
     Reading reading_;
     std::vector<std::function<void(const Reading&)>> displays_;
 
+    MenuAnalysis menuAnalysis_;
     PlayerFollower follower_;
     std::optional<PlayerReading> playing_;
 

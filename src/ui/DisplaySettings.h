@@ -3,6 +3,7 @@
 // application's QSettings file; a missing or unreadable value falls back to its default silently.
 // Main thread only.
 
+#include <QPointF>
 #include <QSettings>
 #include <QString>
 #include <optional>
@@ -22,6 +23,8 @@ inline constexpr const char* relativePreference = "relativePreference";
 inline constexpr const char* showDecimals = "showDecimals";
 inline constexpr const char* compactBar = "compactBar";
 inline constexpr const char* followPlayer = "followPlayer";
+inline constexpr const char* floatBar = "floatBar";
+inline constexpr const char* barPositionGroup = "barPosition";
 }  // namespace settingsKey
 
 struct DisplaySettings {
@@ -31,6 +34,7 @@ struct DisplaySettings {
     bool showDecimals = false;  // BPM with one decimal
     bool compact = false;       // two-line bar
     bool followPlayer = true;   // the playing file's reading stands in for the live one
+    bool floatBar = true;       // the bar is shown (else only the tray carries the reading)
 
     static DisplaySettings read(const QSettings& settings);
 };
@@ -43,6 +47,10 @@ void store(QSettings& settings, const char* key, bool value);
 void store(QSettings& settings, AudioSourceKind kind);
 void store(QSettings& settings, TempoRange range);
 void store(QSettings& settings, KeyEstimate::RelativePreference preference);
+
+// The bar's remembered place on the screen named `screen`, as fractions of the room it has there.
+std::optional<QPointF> storedBarPosition(const QSettings& settings, const QString& screen);
+void storeBarPosition(QSettings& settings, const QString& screen, const QPointF& fraction);
 
 // A bool stored by this program or edited by hand: real bools, numbers and the usual words.
 std::optional<bool> boolValue(const QVariant& value);
