@@ -244,7 +244,7 @@ TEST_F(DesktopAppTest, ThePlayingFilesReadingStandsInForTheLiveOneWhileFollowed)
     EXPECT_EQ(view().bpmText, "134");
     EXPECT_TRUE(view().showingFile);
     EXPECT_TRUE(items().fileLine->isVisible());
-    EXPECT_EQ(items().fileLine->text(), "Playing: Artist \u2014 Song");
+    EXPECT_EQ(line(items().fileLine), "Playing: Artist \u2014 Song");
     EXPECT_TRUE(statusLine().endsWith("  \u00b7  from the playing file")) << statusLine().toStdString();
     app->showPlaying(std::nullopt);  // paused, stopped, gone: the live (here silent) reading at once
     EXPECT_EQ(view().keyText, "-");
