@@ -38,7 +38,7 @@ DesktopApp::DesktopApp(Options options)
       panel_(menu_.menu(), tray_, log_),
       drops_(log_),
       follower_(options.playerBus ? *options.playerBus : QDBusConnection::sessionBus(),
-                std::make_shared<MemoryTrackCache>()) {
+                std::make_shared<LibraryTrackCache>()) {
     fileTimer_.setSingleShot(true);
     connect(&fileTimer_, &QTimer::timeout, this, [this] {
         fileInBar_ = false;

@@ -24,6 +24,7 @@
 #include "LogSink.h"
 #include "ProgressWindow.h"
 #include "PanelPresence.h"
+#include "LibraryTrackCache.h"
 #include "PlayerFollower.h"
 #include "Reading.h"
 #include "TempoService.h"
