@@ -12,7 +12,7 @@
 #include <mutex>
 #include <string_view>
 
-#include "Exp.h"
+#include "Environment.h"
 #include "Format.h"
 #include "TempoService.h"
 
@@ -80,7 +80,7 @@ int run(int argc, char** argv, const std::vector<std::string>& arguments) {
         !arguments.empty() && arguments[0] == "mic" ? AudioSourceKind::microphone : AudioSourceKind::systemAudio;
     double duration = 15.0;
     if (arguments.size() > 1) {
-        if (auto parsed = Exp::parseNumber(arguments[1].c_str())) duration = *parsed;
+        if (auto parsed = Environment::parseNumber(arguments[1].c_str())) duration = *parsed;
     }
     // Printed as an integer and added to a clock: anything else cannot be honoured.
     if (!std::isfinite(duration) || std::fabs(duration) >= 9.2e18) {

@@ -4,12 +4,15 @@
 
 #include "Application.h"
 #include "Dispatch.h"
+#include "EngineSettings.h"
+#include "Environment.h"
 #include "FileModes.h"
 #include "LiveMode.h"
 #include "Log.h"
 
 int main(int argc, char** argv) {
     using namespace velquin;
+    EngineSettings::install(Environment::read().parameters);
     const std::vector<std::string> arguments(argv, argv + argc);
     const Dispatch dispatch = Dispatch::from(arguments);
     switch (dispatch.mode) {

@@ -15,14 +15,14 @@
 #include <vector>
 
 #include "AudioSource.h"
+#include "EngineSettings.h"
 #include "FileAnalysis.h"
+#include "LiveAnalysis.h"
 #include "MusicalKey.h"
 #include "TempoEstimate.h"
 #include "TempoRange.h"
 
 namespace velquin {
-
-class KeyAnalyzer;
 
 class TempoService : public QObject {
     Q_OBJECT
@@ -34,7 +34,8 @@ public:
     // Makes the capture source for a kind; tests substitute scripted sources.
     using SourceFactory = std::function<std::unique_ptr<AudioSource>(AudioSourceKind)>;
 
-    explicit TempoService(SourceFactory sourceFactory = {});
+    explicit TempoService(SourceFactory sourceFactory = {},
+                          AnalyzerParameters parameters = EngineSettings::parameters());
     ~TempoService() override;  // stops a running service
 
     void start(AudioSourceKind kind);
@@ -71,6 +72,7 @@ private:
     void publish(const TempoEstimate& tempo, const KeyEstimate& key);
 
     SourceFactory sourceFactory_;
+    AnalyzerParameters parameters_;
     AudioSourceKind kind_ = AudioSourceKind::systemAudio;
     TempoEstimate estimate_;
     KeyEstimate keyEstimate_ = KeyEstimate::unknown;
