@@ -8,7 +8,7 @@
 namespace velquin {
 
 struct Dispatch {
-    enum class Mode { menuBar, analyze, timeline, chroma, live };
+    enum class Mode { menuBar, help, analyze, timeline, chroma, live };
 
     Mode mode = Mode::menuBar;
     // The mode's own arguments, after the switch (file paths, range word, source word, …).
@@ -16,6 +16,9 @@ struct Dispatch {
 
     // `arguments[0]` is the program path. A switch with too few arguments falls through.
     static Dispatch from(const std::vector<std::string>& arguments);
+
+    // The usage of every mode, for --help and -h.
+    static const char* const usage;
 };
 
 }  // namespace velquin

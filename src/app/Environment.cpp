@@ -124,7 +124,6 @@ std::optional<double> parseNumber(const char* text) {
 Switches read() {
     Switches switches;
     switches.debug = lookup("DEBUG") != nullptr;
-    switches.debugShelf = lookup("DEBUG_SHELF") != nullptr;
     overrideTempo(switches.parameters.tempo);
     overrideKey(switches.parameters.key);
     switches.parameters.key.profile = profile();

@@ -2,7 +2,6 @@
 // The environment switches, read once at start:
 //   VELQUIN_DEBUG          analysis diagnostics (periodicity tables, key and chord lines) on standard error
 //   VELQUIN_PROFILE        "krumhansl", "temperley" or "shaath" key profiles; otherwise the blend
-//   VELQUIN_DEBUG_SHELF    show the drop shelf a second after launch, to check its placement
 //   VELQUIN_EXP_<NAME>     numeric overrides of the analyzers' parameters (names in Environment.cpp)
 // Each is also accepted under its older TESSARO_ spelling; the VELQUIN_ one wins when both are set.
 
@@ -15,7 +14,6 @@ namespace velquin::Environment {
 
 struct Switches {
     bool debug = false;
-    bool debugShelf = false;
     AnalyzerParameters parameters;  // overrides applied, diagnostics routed to standard error
 };
 

@@ -1,11 +1,15 @@
 #include "FileModes.h"
 
+#include <cerrno>
 #include <cmath>
+#include <cstring>
 #include <exception>
 #include <filesystem>
+#include <stdexcept>
 
 #include "FileAnalysis.h"
 #include "Format.h"
+#include "OutputFile.h"
 #include "TempoRange.h"
 
 namespace velquin::FileModes {
@@ -23,6 +27,16 @@ std::string lastPathComponent(const std::string& path) {
 void put(std::FILE* stream, const std::string& line) {
     std::fwrite(line.data(), 1, line.size(), stream);
     std::fputc('\n', stream);
+}
+
+// The result is the whole point of the run: a full disk or a closed stream must not pass for success.
+void putResult(std::FILE* stream, const std::string& text) {
+    errno = 0;
+    const bool written = std::fwrite(text.data(), 1, text.size(), stream) == text.size();
+    if (std::fflush(stream) == 0 && written) return;
+    const int error = errno != 0 ? errno : EIO;
+    std::clearerr(stream);
+    throw std::runtime_error(std::string("could not write the result: ") + std::strerror(error));
 }
 
 // Runs one mode; a failure becomes the "Error:" line and exit code 1, with nothing on `out`.
@@ -61,7 +75,7 @@ int analyze(const std::vector<std::string>& arguments, std::FILE* out, std::FILE
         TempoRange range = TempoRange::Auto;
         if (arguments.size() > 1) range = tempoRangeFromRaw(arguments[1]).value_or(TempoRange::Auto);
         const auto result = FileAnalysis::analyzeFile(path, range);
-        put(out, resultLine(result.tempo, result.key) + "  " + lastPathComponent(path));
+        putResult(out, resultLine(result.tempo, result.key) + "  " + lastPathComponent(path) + "\n");
     });
 }
 
@@ -83,12 +97,18 @@ int timeline(const std::vector<std::string>& arguments, std::FILE* out, std::FIL
         text += "FINAL " + shortKeyText(result.final) + " " + std::to_string(static_cast<long long>(confidence)) +
                 "%  bpm:" + format("%.1f", result.finalTempo.bpm) + "  restarts:" + std::to_string(result.restarts) +
                 "  " + lastPathComponent(path) + "\n";
-        std::fwrite(text.data(), 1, text.size(), out);
+        putResult(out, text);
     });
 }
 
 int chroma(const std::vector<std::string>& arguments, std::FILE* /*out*/, std::FILE* err) {
-    return guarded(err, [&] { FileAnalysis::dumpChroma(arguments.at(0), arguments.at(1)); });
+    return guarded(err, [&] {
+        const std::string& input = arguments.at(0);
+        const std::string& output = arguments.at(1);
+        if (OutputFile::sameFile(input, output))
+            throw OutputFileError(output, "it is the audio file being analysed");
+        FileAnalysis::dumpChroma(input, output);
+    });
 }
 
 }  // namespace velquin::FileModes

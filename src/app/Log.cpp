@@ -10,6 +10,8 @@
 #include <ctime>
 #include <utility>
 
+#include "XdgPaths.h"
+
 namespace velquin {
 
 namespace {
@@ -52,7 +54,7 @@ void makeFolders(const std::filesystem::path& folder) {
 
 LogWriter& processLog() {
     static LogWriter writer([] {
-        const std::filesystem::path folder = Log::folderFor(std::getenv("XDG_STATE_HOME"), std::getenv("HOME"));
+        const std::filesystem::path folder = Log::folder();
         if (folder.empty()) return std::filesystem::path();
         makeFolders(folder);
         return folder / "Velquin.log";
@@ -117,15 +119,9 @@ void flush() { processLog().flush(); }
 
 std::filesystem::path file() { return processLog().file(); }
 
-std::filesystem::path folderFor(const char* xdgStateHome, const char* home) {
-    std::filesystem::path base;
-    if (xdgStateHome && std::filesystem::path(xdgStateHome).is_absolute())
-        base = xdgStateHome;
-    else if (home && std::filesystem::path(home).is_absolute())
-        base = std::filesystem::path(home) / ".local" / "state";
-    else
-        return {};
-    return base / "Velquin";
+std::filesystem::path folder() {
+    const std::filesystem::path state = xdg::stateHome();
+    return state.empty() ? state : state / "Velquin";
 }
 
 std::string timestamp(std::chrono::system_clock::time_point when) {

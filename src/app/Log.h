@@ -55,9 +55,9 @@ void flush();
 // The log file; empty when there is no folder to put it in (the log is then off).
 std::filesystem::path file();
 
-// The log folder for these environment values: `xdgStateHome` if absolute (a relative one is
-// ignored), else `home`/.local/state; then "Velquin". Empty when neither gives an absolute path.
-std::filesystem::path folderFor(const char* xdgStateHome, const char* home);
+// "Velquin" in the user's XDG state folder (with the passwd entry's home when HOME is unset); empty
+// when no home is known at all.
+std::filesystem::path folder();
 // "yyyy-MM-dd HH:mm:ss.SSS" in local time.
 std::string timestamp(std::chrono::system_clock::time_point when);
 

@@ -7,7 +7,10 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <cstdio>
+#include <filesystem>
 #include <mutex>
+#include <optional>
 #include <utility>
 
 extern "C" {
@@ -31,19 +34,34 @@ constexpr int maximumChannels = 64;
 // decoder that keeps answering "try again".
 constexpr int maximumStalls = 1000;
 
-// Demuxer reads in a row that fail with "invalid data" before the rest of the file counts as unreadable.
-constexpr int maximumBadReads = 32;
+// Failed demuxer reads or decoder calls in a row, with no audio between them, that make a stretch of damage
+// rather than an isolated bad packet (which is skipped, as players do). A file cut short fails once or twice.
+constexpr int maximumFailuresInARow = 16;
+// Audio the timestamps say is missing, in seconds, before the gap counts as damage: a parser that resyncs
+// past garbage silently drops what was there.
+constexpr double maximumMissingSeconds = 1.0;
 
 constexpr int ioBufferSize = 64 * 1024;
 
+// What went wrong, in words; FFmpeg's own text where there is nothing better to say.
 std::string errorText(int code) {
+    if (code == AVERROR(ENOENT)) return "no such file";
+    if (code == AVERROR(EACCES) || code == AVERROR(EPERM)) return "permission denied";
+    if (code == AVERROR(EISDIR)) return "is a folder, not a file";
+    if (code == AVERROR_INVALIDDATA) return "not an audio file FFmpeg can read";
+    if (code == AVERROR_STREAM_NOT_FOUND) return "the file has no audio track";
+    if (code == AVERROR(ENOMEM)) return "out of memory";
     char text[AV_ERROR_MAX_STRING_SIZE] = {};
     if (av_strerror(code, text, sizeof text) < 0) return "decoder error " + std::to_string(code);
     return text;
 }
 
-[[noreturn]] void fail(int code) {
-    throw AudioFileError(errorText(code));
+// "0:42", "61:05": where in the audio, as a player shows it.
+std::string clockText(double seconds) {
+    const auto whole = static_cast<long long>(std::max(0.0, seconds));
+    char text[32];
+    std::snprintf(text, sizeof text, "%lld:%02lld", whole / 60, whole % 60);
+    return text;
 }
 
 // Failures that mean the decoder itself is broken or out of memory, as opposed to bad input data.
@@ -138,6 +156,8 @@ void quietLibrary() {
 }  // namespace
 
 struct AudioFileReader::State {
+    std::string name;  // starts every message; empty for bytes in memory
+
     // Declared in this order so the format context closes before the I/O it reads from goes away.
     MemorySource memory;
     std::unique_ptr<AVIOContext, IOFreer> io;
@@ -161,6 +181,23 @@ struct AudioFileReader::State {
     bool flushed = false;
     bool finished = false;
     int64_t skipped = 0;  // packets or frames dropped as undecodable
+    int failuresInARow = 0;
+    int64_t framesQueued = 0;
+    std::optional<double> timestampOffset;  // first frame's timestamp minus its position, seconds
+
+    [[noreturn]] void fail(int code) const { fail(errorText(code)); }
+    [[noreturn]] void fail(const std::string& reason) const {
+        throw AudioFileError(name.empty() ? reason : name + ": " + reason);
+    }
+
+    // One more bad packet or frame; a stretch of them is damage, not noise.
+    void skip() {
+        ++skipped;
+        if (++failuresInARow >= maximumFailuresInARow) failDamaged();
+    }
+    [[noreturn]] void failDamaged() const {
+        fail("damaged audio data at " + clockText(double(framesQueued) / (rate > 0 ? rate : 1)));
+    }
 
     std::vector<float> scratch;  // converter output, planar
     std::vector<uint8_t*> scratchPlanes;
@@ -168,12 +205,14 @@ struct AudioFileReader::State {
     std::vector<void*> outputPlanes;
 
     void openPath(const std::string& path) {
+        const std::string last = std::filesystem::path(path).filename().string();
+        name = last.empty() ? path : last;
         struct stat info {};
-        if (::stat(path.c_str(), &info) == 0) {
-            if (S_ISDIR(info.st_mode)) fail(AVERROR(EISDIR));
-            // A pipe or a device could block forever or never end.
-            if (!S_ISREG(info.st_mode)) throw AudioFileError("not a regular file");
-        }
+        if (::stat(path.c_str(), &info) != 0) fail(AVERROR(errno));
+        if (S_ISDIR(info.st_mode)) fail(AVERROR(EISDIR));
+        // A pipe or a device could block forever or never end.
+        if (!S_ISREG(info.st_mode)) fail("not a regular file");
+        if (info.st_size == 0) fail("the file is empty");
         AVDictionary* options = nullptr;
         av_dict_set(&options, "protocol_whitelist", "file", 0);
         AVFormatContext* raw = nullptr;
@@ -219,8 +258,8 @@ struct AudioFileReader::State {
             codec = avcodec_find_decoder(par->codec_id);
             if (codec != nullptr) streamIndex = static_cast<int>(i);
         }
-        if (!sawAudio) throw AudioFileError("no audio stream in the file");
-        if (streamIndex < 0) throw AudioFileError("no decoder for the file's audio");
+        if (!sawAudio) fail(AVERROR_STREAM_NOT_FOUND);
+        if (streamIndex < 0) fail("FFmpeg has no decoder for the file's audio");
         for (unsigned i = 0; i < format->nb_streams; ++i)
             if (static_cast<int>(i) != streamIndex) format->streams[i]->discard = AVDISCARD_ALL;
 
@@ -251,12 +290,12 @@ struct AudioFileReader::State {
     }
 
     void configure(int sampleRate, int channelCount) {
-        if (sampleRate <= 0) throw AudioFileError("the file has no valid sample rate");
+        if (sampleRate <= 0) fail("the file has no valid sample rate");
         if (sampleRate > maximumSampleRate)
-            throw AudioFileError("unsupported sample rate (" + std::to_string(sampleRate) + " Hz)");
-        if (channelCount <= 0) throw AudioFileError("the file has no audio channels");
+            fail("unsupported sample rate (" + std::to_string(sampleRate) + " Hz)");
+        if (channelCount <= 0) fail("the file has no audio channels");
         if (channelCount > maximumChannels)
-            throw AudioFileError("unsupported channel count (" + std::to_string(channelCount) + ")");
+            fail("unsupported channel count (" + std::to_string(channelCount) + ")");
         rate = sampleRate;
         channels = channelCount;
         configured = true;
@@ -272,7 +311,7 @@ struct AudioFileReader::State {
     bool pump() {
         int stalls = 0;
         while (!finished) {
-            if (++stalls > maximumStalls) throw AudioFileError("the decoder stopped making progress");
+            if (++stalls > maximumStalls) fail("the decoder stopped making progress");
             int r = avcodec_receive_frame(decoder.get(), frame.get());
             if (r == 0) {
                 const bool queued = queue();
@@ -288,7 +327,7 @@ struct AudioFileReader::State {
             if (r != AVERROR(EAGAIN)) {
                 // A frame that would not decode is skipped, as players do.
                 if (isHardFailure(r)) fail(r);
-                ++skipped;
+                skip();
             }
             if (flushed) {
                 // Drained after the flush but no end reported: nothing more can come.
@@ -308,7 +347,7 @@ struct AudioFileReader::State {
             stalls = 0;
             if (r < 0) {
                 if (isHardFailure(r)) fail(r);
-                ++skipped;
+                skip();
             }
         }
         return false;
@@ -316,17 +355,14 @@ struct AudioFileReader::State {
 
     // Reads the next packet of our stream into `packet`; false at the end of the input.
     bool readPacket() {
-        int badReads = 0;
         for (;;) {
             const int r = av_read_frame(format.get(), packet.get());
             if (r == AVERROR_EOF) return false;
             if (r == AVERROR_INVALIDDATA || r == AVERROR(EAGAIN)) {
-                // Damage the demuxer could not resync past: the rest is unreadable, keep what came before.
-                if (++badReads > maximumBadReads) return false;
-                ++skipped;
+                skip();
                 continue;
             }
-            if (r < 0) fail(r);
+            if (r < 0) fail("could not read the file (" + errorText(r) + ")");
             if (packet->stream_index == streamIndex) {
                 havePacket = true;
                 return true;
@@ -361,9 +397,21 @@ struct AudioFileReader::State {
             if (frames <= 0) return false;
             planes = reinterpret_cast<void* const*>(scratchPlanes.data());
         }
+        checkTimestamp(*f);
         if (av_audio_fifo_write(fifo.get(), const_cast<void**>(planes), frames) < frames)
             fail(AVERROR(ENOMEM));
+        framesQueued += frames;
+        failuresInARow = 0;
         return true;
+    }
+
+    // Audio after a jump in the timestamps: the stretch before it was lost to damage.
+    void checkTimestamp(const AVFrame& f) {
+        if (f.best_effort_timestamp == AV_NOPTS_VALUE) return;
+        const double at = double(f.best_effort_timestamp) * av_q2d(format->streams[streamIndex]->time_base);
+        const double offset = at - double(framesQueued) / rate;
+        if (!timestampOffset) timestampOffset = offset;
+        if (offset - *timestampOffset > maximumMissingSeconds) failDamaged();
     }
 
     int convert(const AVFrame& f) {
@@ -448,7 +496,7 @@ int64_t AudioFileReader::read(int64_t maxFrames) {
     const int n = std::min(want, av_audio_fifo_size(s.fifo.get()));
     if (n <= 0) return 0;
     if (av_audio_fifo_read(s.fifo.get(), s.outputPlanes.data(), n) != n)
-        throw AudioFileError("could not read decoded audio");
+        s.fail("could not read decoded audio");
     // A broken float file can hold NaN or infinities; the analyzers would carry them forever, so they
     // leave here as silence.
     for (int k = 0; k < s.channels; ++k) {

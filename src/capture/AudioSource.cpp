@@ -21,25 +21,38 @@ std::string_view displayName(AudioSourceKind kind) {
 AudioSourceError::AudioSourceError(Case c, int32_t status, std::string text, const std::string& description)
     : std::runtime_error(description), case_(c), status_(status), text_(std::move(text)) {}
 
-AudioSourceError AudioSourceError::createTapFailed(int32_t status) {
-    return {Case::createTapFailed, status, {},
-            "Could not tap system audio (error " + std::to_string(status) +
-                "). Grant access in System Settings > Privacy & Security > Audio Recording, then restart Tessaro."};
+namespace {
+
+std::string withAdvice(const std::string& failure, bool needsMonitor = true) {
+    return failure + " Check that PulseAudio, or PipeWire's PulseAudio service, is running (pactl info)" +
+           (needsMonitor ? " and that the default output has a monitor (pactl list short sources)" : "") +
+           ", then restart Velquin.";
 }
 
-AudioSourceError AudioSourceError::aggregateDeviceFailed(int32_t status) {
-    return {Case::aggregateDeviceFailed, status, {},
-            "Could not create the capture device (error " + std::to_string(status) + ")."};
+std::string errorCode(int32_t status) { return "(error " + std::to_string(status) + ")."; }
+
+}  // namespace
+
+AudioSourceError AudioSourceError::serverUnreachable(int32_t status, AudioSourceKind kind) {
+    const bool microphone = kind == AudioSourceKind::microphone;
+    const std::string what =
+        microphone ? "Could not reach the sound server for the microphone " : "Could not tap system audio ";
+    return {Case::serverUnreachable, status, {}, withAdvice(what + errorCode(status), !microphone)};
 }
 
-AudioSourceError AudioSourceError::tapFormatUnavailable(int32_t status) {
-    return {Case::tapFormatUnavailable, status, {},
-            "Could not read the tap's audio format (error " + std::to_string(status) + ")."};
+AudioSourceError AudioSourceError::streamCreationFailed(int32_t status) {
+    return {Case::streamCreationFailed, status, {},
+            withAdvice("Could not create the capture device " + errorCode(status))};
 }
 
-AudioSourceError AudioSourceError::ioProcFailed(int32_t status) {
-    return {Case::ioProcFailed, status, {},
-            "Could not start the capture callback (error " + std::to_string(status) + ")."};
+AudioSourceError AudioSourceError::monitorFormatUnavailable(int32_t status) {
+    return {Case::monitorFormatUnavailable, status, {},
+            "Could not read the tap's audio format " + errorCode(status)};
+}
+
+AudioSourceError AudioSourceError::recordingFailed(int32_t status) {
+    return {Case::recordingFailed, status, {},
+            withAdvice("Could not start the capture callback " + errorCode(status))};
 }
 
 AudioSourceError AudioSourceError::engineFailed(std::string text) {

@@ -19,13 +19,18 @@ std::string_view displayName(AudioSourceKind kind);                     // "Syst
 // A capture failure; `what()` is the exact text the user sees.
 class AudioSourceError : public std::runtime_error {
 public:
-    enum class Case { createTapFailed, aggregateDeviceFailed, tapFormatUnavailable, ioProcFailed, engineFailed,
-                      noOutputDevice };
+    // The status cases carry a PulseAudio error code (pa_strerror).
+    enum class Case { serverUnreachable, streamCreationFailed, monitorFormatUnavailable, recordingFailed,
+                      engineFailed, noOutputDevice };
 
-    static AudioSourceError createTapFailed(int32_t status);
-    static AudioSourceError aggregateDeviceFailed(int32_t status);
-    static AudioSourceError tapFormatUnavailable(int32_t status);
-    static AudioSourceError ioProcFailed(int32_t status);
+    // No sound server answered. Both sources say so the same way; `kind` names what could not be heard.
+    static AudioSourceError serverUnreachable(int32_t status, AudioSourceKind kind = AudioSourceKind::systemAudio);
+    // The record stream could not be made.
+    static AudioSourceError streamCreationFailed(int32_t status);
+    // The server, the default output or its monitor could not be described.
+    static AudioSourceError monitorFormatUnavailable(int32_t status);
+    // The record stream could not be connected and started.
+    static AudioSourceError recordingFailed(int32_t status);
     static AudioSourceError engineFailed(std::string text);
     static AudioSourceError noOutputDevice();
 
@@ -54,6 +59,8 @@ public:
     std::function<void(const float* samples, int64_t count)> onSamples;
     std::function<void(double sampleRate)> onSampleRateChange;
     std::function<void()> onNeedsRestart;
+    // The sound server went away: nothing arrives until onNeedsRestart says it is back.
+    std::function<void()> onServerLost;
 
     // Throws AudioSourceError, after releasing whatever it had set up.
     virtual void start() = 0;

@@ -24,6 +24,7 @@
 #include "ChunkQueue.h"
 #include "EngineSettings.h"
 #include "Format.h"
+#include "OutputFile.h"
 #include "KeyAnalyzer.h"
 #include "LiveAnalysis.h"
 #include "TempoAnalyzer.h"
@@ -202,42 +203,6 @@ Streamed streamFile(AudioFileReader& reader, const Stream& stream, const FileAna
     return result;
 }
 
-[[noreturn]] void throwSystemError(const std::string& what) {
-    throw std::system_error(errno, std::generic_category(), what);
-}
-
-// Written beside the target and renamed over it, so a reader never sees half a file.
-void writeAtomically(const std::string& path, const std::string& text) {
-    namespace fs = std::filesystem;
-    const fs::path target = fs::absolute(path);
-    std::string pattern = (target.parent_path() / ("." + target.filename().string() + ".XXXXXX")).string();
-    const int fd = ::mkstemp(pattern.data());
-    if (fd < 0) throwSystemError("could not write " + path);
-    size_t written = 0;
-    while (written < text.size()) {
-        const ssize_t n = ::write(fd, text.data() + written, text.size() - written);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            const int saved = errno;
-            ::close(fd);
-            ::unlink(pattern.c_str());
-            errno = saved;
-            throwSystemError("could not write " + path);
-        }
-        written += static_cast<size_t>(n);
-    }
-    // mkstemp creates the file private to its owner; a CSV is an ordinary document.
-    const mode_t mask = ::umask(0);
-    ::umask(mask);
-    ::fchmod(fd, 0666 & ~mask);
-    if (::close(fd) != 0 || ::rename(pattern.c_str(), target.c_str()) != 0) {
-        const int saved = errno;
-        ::unlink(pattern.c_str());
-        errno = saved;
-        throwSystemError("could not write " + path);
-    }
-}
-
 }  // namespace
 
 FileResult analyzeReader(AudioFileReader& reader, TempoRange range, const FileAnalysisOptions& options,
@@ -290,7 +255,9 @@ void dumpChroma(const std::string& inputPath, const std::string& outputPath, con
         for (size_t i = 0; i < 12; ++i) csv += format(i == 0 ? "%.4f" : ",%.4f", row.mid[i]);
         csv += "," + std::to_string(row.bass) + "\n";
     }
-    writeAtomically(outputPath, csv);
+    OutputFile output(outputPath);
+    output.write(csv);
+    output.commit();
 }
 
 }  // namespace velquin::FileAnalysis

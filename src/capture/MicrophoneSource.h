@@ -3,10 +3,13 @@
 // count, mixed to mono. Follows no device or format changes while running.
 //
 // Threads: start() and stop() on the owner's thread (never from a callback); samples arrive on the
-// source's PulseAudio thread and must only be copied. Never calls onSampleRateChange or onNeedsRestart.
+// source's PulseAudio thread and must only be copied. Never calls onSampleRateChange. When the sound
+// server goes away it calls onServerLost, retries every second, and calls onNeedsRestart once a server
+// with a default input answers again.
 
 #include <atomic>
 #include <cstddef>
+#include <memory>
 #include <optional>
 #include <vector>
 
@@ -34,14 +37,23 @@ public:
 
 private:
     std::optional<AudioSourceError> startLocked();
+    void connectionLost();
+    void retryConnection();
     static void readCallback(pa_stream* stream, size_t bytes, void* userdata);
+    static void contextStateCallback(pa_context* context, void* userdata);
+    static void subscribeCallback(pa_context* context, pa_subscription_event_type_t event, uint32_t index,
+                                  void* userdata);
+    static void serverInfoCallback(pa_context* context, const pa_server_info* info, void* userdata);
 
     std::atomic<double> sampleRate_{48000};
     // Touched only with the loop's lock held (or after the loop has stopped).
     pulse::MainloopPtr loop_;
     pulse::ContextPtr context_;
     pulse::StreamPtr stream_;
+    std::unique_ptr<pulse::Timer> retryTimer_;  // dies before loop_
     unsigned channels_ = 0;
+    bool serverLost_ = false;
+    bool restartAsked_ = false;
     pulse::MonoMixer mixer_;
 };
 

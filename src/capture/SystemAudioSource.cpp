@@ -32,8 +32,8 @@ SystemAudioSource::~SystemAudioSource() { stop(); }
 
 void SystemAudioSource::start() {
     stop();
-    loop_ = pulse::startMainloop("velquin.systap");
-    if (!loop_) throw AudioSourceError::createTapFailed(PA_ERR_INTERNAL);
+    loop_ = pulse::startMainloop("velquin.monitor");
+    if (!loop_) throw AudioSourceError::serverUnreachable(PA_ERR_INTERNAL);
     std::optional<AudioSourceError> failure;
     {
         pulse::Lock lock(loop_.get());
@@ -48,28 +48,27 @@ void SystemAudioSource::start() {
 std::optional<AudioSourceError> SystemAudioSource::startLocked() {
     pa_threaded_mainloop* loop = loop_.get();
 
-    // Reaching the sound server is what tapping the system's output amounts to here.
     context_ = pulse::newContext(loop);
-    if (!context_) return AudioSourceError::createTapFailed(PA_ERR_INTERNAL);
-    if (const int error = pulse::connect(loop, context_.get())) return AudioSourceError::createTapFailed(error);
+    if (!context_) return AudioSourceError::serverUnreachable(PA_ERR_INTERNAL);
+    if (const int error = pulse::connect(loop, context_.get())) return AudioSourceError::serverUnreachable(error);
     pa_context* context = context_.get();
 
     pulse::ServerInfo server;
     if (const int error = pulse::queryServerInfo(loop, context, server))
-        return AudioSourceError::tapFormatUnavailable(error);
+        return AudioSourceError::monitorFormatUnavailable(error);
     if (server.defaultSinkName.empty()) return AudioSourceError::noOutputDevice();
     pulse::DeviceInfo sink;
     if (const int error = pulse::querySinkInfo(loop, context, server.defaultSinkName, sink)) {
         if (error == PA_ERR_NOENTITY) return AudioSourceError::noOutputDevice();  // removed meanwhile
-        return AudioSourceError::tapFormatUnavailable(error);
+        return AudioSourceError::monitorFormatUnavailable(error);
     }
     if (const int error = pulse::querySourceInfo(loop, context, sink.monitorSourceName, monitor_))
-        return AudioSourceError::tapFormatUnavailable(error);
-    if (monitor_.spec.rate == 0 || monitor_.spec.channels == 0) return AudioSourceError::tapFormatUnavailable(0);
+        return AudioSourceError::monitorFormatUnavailable(error);
+    if (monitor_.spec.rate == 0 || monitor_.spec.channels == 0) return AudioSourceError::monitorFormatUnavailable(0);
     sinkName_ = server.defaultSinkName;
 
     stream_ = pulse::newRecordStream(context, "System Audio", monitor_);
-    if (!stream_) return AudioSourceError::aggregateDeviceFailed(pulse::lastError(context));
+    if (!stream_) return AudioSourceError::streamCreationFailed(pulse::lastError(context));
     const pa_sample_spec& spec = *pa_stream_get_sample_spec(stream_.get());
     channels_ = spec.channels;
 
@@ -92,7 +91,7 @@ std::optional<AudioSourceError> SystemAudioSource::startLocked() {
     const uint32_t fragmentFrames = std::max<uint32_t>(1, spec.rate * kFragmentMilliseconds / 1000);
     if (const int error =
             pulse::connectRecord(loop, context, stream_.get(), monitor_.name.c_str(), fragmentFrames))
-        return AudioSourceError::ioProcFailed(error);
+        return AudioSourceError::recordingFailed(error);
     pa_stream_set_state_callback(stream_.get(), streamStateCallback, this);
     return std::nullopt;
 }
@@ -152,8 +151,10 @@ void SystemAudioSource::contextStateCallback(pa_context* context, void* userdata
 void SystemAudioSource::connectionLost() {
     // A failed context cannot be reused, and it must not be freed from inside its own callback:
     // the retry timer replaces it.
+    const bool first = !serverLost_;
     serverLost_ = true;
     if (retryTimer_) retryTimer_->arm(kRetryInterval);
+    if (first && onServerLost) onServerLost();
 }
 
 void SystemAudioSource::retryConnection() {

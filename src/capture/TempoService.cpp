@@ -143,6 +143,14 @@ void TempoService::start(AudioSourceKind kind) {
             l->ring.drainInto(l->engine.samples);
         });
     };
+    // What was heard before the server went away must not pass for a live reading: back to nothing.
+    source->onServerLost = [weak] {
+        auto live = weak.lock();
+        if (!live) return;
+        TempoService* service = live->owner;
+        QMetaObject::invokeMethod(
+            service, [service] { service->reset(); }, Qt::QueuedConnection);
+    };
     source->onNeedsRestart = [weak] {
         auto live = weak.lock();
         if (!live) return;

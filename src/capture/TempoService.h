@@ -16,7 +16,6 @@
 
 #include "AudioSource.h"
 #include "EngineSettings.h"
-#include "FileAnalysis.h"
 #include "LiveAnalysis.h"
 #include "MusicalKey.h"
 #include "TempoEstimate.h"
@@ -28,9 +27,6 @@ class TempoService : public QObject {
     Q_OBJECT
 
 public:
-    // The desktop's file analyzer hook still names the result through the service.
-    using FileResult = FileAnalysis::FileResult;
-
     // Makes the capture source for a kind; tests substitute scripted sources.
     using SourceFactory = std::function<std::unique_ptr<AudioSource>(AudioSourceKind)>;
 

@@ -1,28 +1,69 @@
 #include "Application.h"
 
-#include <QApplication>
-#include <QTimer>
+#include <unistd.h>
 
-#include "AppDelegate.h"
+#include <QApplication>
+#include <QSettings>
+#include <QTimer>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "DesktopApp.h"
 #include "PlatformChoice.h"
+#include "XdgPaths.h"
 
 namespace velquin {
 
-int runMenuBarApp(int argc, char** argv, LogSink log) {
+namespace {
+
+// Qt ends the process with abort() and a page of plugin diagnostics when no platform plugin can start
+// (no X display, no Wayland socket). While the application object is made, its messages are held back:
+// a fatal one becomes our one-line error, the others are let through once the start succeeded.
+std::vector<std::string> heldMessages;
+
+void holdPlatformMessages(QtMsgType type, const QMessageLogContext& context, const QString& message) {
+    if (type == QtFatalMsg) {
+        std::fputs("Error: no graphical display (set DISPLAY, or use --analyze, --timeline, --chroma or --live; "
+                   "see --help)\n",
+                   stderr);
+        std::fflush(stderr);
+        ::_exit(1);
+    }
+    heldMessages.push_back(qFormatLogMessage(type, context, message).toStdString());
+}
+
+// Settings go to the user's XDG config folder, found without HOME if need be; with no home at all they
+// stay in memory (nothing can be made under /dev/null) rather than land in "/.config".
+void placeSettings() {
+    const std::filesystem::path config = xdg::configHome();
+    const QString folder = config.empty() ? QStringLiteral("/dev/null") : QString::fromStdString(config.string());
+    QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, folder);
+    QSettings::setPath(QSettings::IniFormat, QSettings::UserScope, folder);
+}
+
+}  // namespace
+
+int runDesktopApp(int argc, char** argv, LogSink log, bool showShelfAtLaunch) {
     const bool throughXWayland = preferX11Platform();
+    placeSettings();
+    const QtMessageHandler previous = qInstallMessageHandler(holdPlatformMessages);
     QApplication app(argc, argv);
+    qInstallMessageHandler(previous);
+    for (const std::string& line : heldMessages) std::fprintf(stderr, "%s\n", line.c_str());
+    heldMessages.clear();
     QCoreApplication::setOrganizationName(QStringLiteral("Velquin"));
     QCoreApplication::setApplicationName(QStringLiteral("Velquin"));
     QGuiApplication::setApplicationDisplayName(QStringLiteral("Velquin"));
     QGuiApplication::setDesktopFileName(QStringLiteral("velquin"));
-    // Alerts and the open panel are the only ordinary windows; closing them must not end the program.
+    // Alerts and the file picker are the only ordinary windows; closing them must not end the program.
     QApplication::setQuitOnLastWindowClosed(false);
     if (throughXWayland && log) log("platform: xcb through XWayland");
 
-    AppDelegate delegate(std::move(log));
-    QObject::connect(&app, &QCoreApplication::aboutToQuit, &delegate, &AppDelegate::applicationWillTerminate);
+    DesktopApp desktop({.log = std::move(log), .showShelfAtLaunch = showShelfAtLaunch});
+    QObject::connect(&app, &QCoreApplication::aboutToQuit, &desktop, &DesktopApp::shutDown);
     // Launching inside the loop lets a start-up alert run its own modal loop like any later one.
-    QTimer::singleShot(0, &delegate, &AppDelegate::applicationDidFinishLaunching);
+    QTimer::singleShot(0, &desktop, &DesktopApp::launch);
     QApplication::exec();
     return 0;
 }

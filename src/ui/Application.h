@@ -1,17 +1,18 @@
 #pragma once
 // The desktop application's start, for the entry point's rows that name no terminal mode:
 //
-//     return velquin::runMenuBarApp(argc, argv, [](std::string_view line) { velquin::Log::write(line); });
+//     return velquin::runDesktopApp(argc, argv, [](std::string_view line) { velquin::Log::write(line); });
 //
 // Prefers X11 (XWayland) on a Wayland session, creates the QApplication ("Velquin" as organization
-// and application, so the settings live in ~/.config/Velquin/Velquin.conf), creates the delegate,
-// finishes launching from inside the event loop and runs it until the user quits from the menu. The
+// and application, so the settings live in ~/.config/Velquin/Velquin.conf), creates the DesktopApp,
+// launches it from inside the event loop and runs the loop until the user quits from the menu. The
 // service is stopped when the application is about to quit. Returns 0 when the loop ends.
+// `showShelfAtLaunch` opens the drop shelf briefly after launch, to check where it lands.
 
 #include "LogSink.h"
 
 namespace velquin {
 
-int runMenuBarApp(int argc, char** argv, LogSink log);
+int runDesktopApp(int argc, char** argv, LogSink log, bool showShelfAtLaunch = false);
 
 }  // namespace velquin

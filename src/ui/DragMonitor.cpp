@@ -45,10 +45,6 @@ bool DragMonitor::install() {
     return connectTo(nullptr, true);  // DISPLAY, as Qt's xcb platform uses it
 }
 
-bool DragMonitor::installOn(const QByteArray& display) { return connectTo(display.constData(), false); }
-
-bool DragMonitor::isInstalled() const { return notifier_ != nullptr; }
-
 bool DragMonitor::connectTo(const char* display, bool usedByQt) {
     notifier_.reset();
     pollTimer_.stop();

@@ -35,9 +35,6 @@ public:
 
     // Watches the display Qt itself uses; false unless Qt runs on X11 (xcb) and XFixes is there.
     bool install();
-    // Watches the X display named `display` (e.g. ":1"), whatever platform Qt uses.
-    bool installOn(const QByteArray& display);
-    bool isInstalled() const;
 
 private:
     struct Connection;

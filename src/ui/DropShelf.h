@@ -44,7 +44,6 @@ class DropShelf {
     void showResult(const QStringList& lines);
 
     bool isVisible() const { return isVisible_; }
-    bool isHidePending() const { return hideTimer_.isActive(); }
     // The delay of the pending hide, in seconds; absent when none is pending.
     std::optional<double> pendingHideSeconds() const;
     QWidget& panel();

@@ -6,7 +6,7 @@
 #include <QPainter>
 #include <QPainterPath>
 
-#include "StatusItemDropTarget.h"
+#include "BarDropTarget.h"
 
 namespace velquin {
 namespace {
@@ -50,7 +50,7 @@ DropZoneView::DropZoneView(QWidget* parent) : QWidget(parent) {
 }
 
 std::optional<QUrl> DropZoneView::audioURL(const QDropEvent* from) {
-    return StatusItemDropTarget::audioURL(from->mimeData());
+    return BarDropTarget::audioURL(from->mimeData());
 }
 
 void DropZoneView::paintEvent(QPaintEvent*) {

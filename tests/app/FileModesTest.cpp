@@ -1,6 +1,8 @@
 // The terminal file modes, run as a user runs them: the real program on generated files.
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -27,12 +29,16 @@ struct ProgramRun {
     std::string err;
 };
 
-ProgramRun runVelquin(const std::string& arguments, const test::TempDir& dir) {
+// `stdoutTo` replaces the redirection of standard output (">/dev/full", ">&-"); `environment` is for env(1).
+ProgramRun runVelquin(const std::string& arguments, const test::TempDir& dir, const std::string& stdoutTo = "",
+                      const std::string& environment = "") {
     const char* bin = std::getenv("VELQUIN_BIN");
     EXPECT_NE(bin, nullptr);
     const auto out = dir / "stdout.txt", err = dir / "stderr.txt";
-    const std::string command = "cd '" + dir.path().string() + "' && '" + std::string(bin ? bin : "velquin") + "' " +
-                                arguments + " >'" + out.string() + "' 2>'" + err.string() + "'";
+    const std::string command = "cd '" + dir.path().string() + "' && env " + environment + " '" +
+                                std::string(bin ? bin : "velquin") + "' " +
+                                arguments + (stdoutTo.empty() ? " >'" + out.string() + "'" : " " + stdoutTo) +
+                                " 2>'" + err.string() + "'";
     const int status = std::system(command.c_str());
     return {WEXITSTATUS(status), test::readText(out), test::readText(err)};
 }
@@ -58,6 +64,8 @@ TEST(Dispatch, FixedOrderOfTests) {
     EXPECT_EQ(mode({"--chroma", "a.wav"}), Dispatch::Mode::menuBar);
     EXPECT_EQ(mode({"--chroma", "a.wav", "b.csv"}), Dispatch::Mode::chroma);
     EXPECT_EQ(mode({"--live", "mic"}), Dispatch::Mode::live);
+    EXPECT_EQ(mode({"--help"}), Dispatch::Mode::help);
+    EXPECT_EQ(mode({"-h", "a.wav", "b"}), Dispatch::Mode::help);
     EXPECT_EQ(mode({"--Analyze", "a.wav"}), Dispatch::Mode::menuBar);  // switches are case-sensitive
     EXPECT_EQ(mode({"bogus", "a", "b"}), Dispatch::Mode::menuBar);
     EXPECT_EQ(Dispatch::from({"v", "--analyze", "a.wav", "slow"}).arguments,
@@ -144,32 +152,111 @@ TEST(FileModes, ChromaWritesTheCsv) {
     EXPECT_EQ(lines(test::readText(dir / "short.csv")).size(), 1u);
 }
 
-TEST(FileModes, BadInputIsOneErrorLineAndExitOne) {
+TEST(FileModes, BadInputIsOneErrorLineInWordsAndExitOne) {
     test::TempDir dir;
-    { std::ofstream(dir / "empty.wav"); }
-    std::ofstream(dir / "text.wav") << "This is not audio.\nIt is a text file named .wav.\n";
-    for (const char* name : {"missing.wav", "empty.wav", "text.wav"}) {
-        const std::string file = name;
+    { std::ofstream(dir / "empty.mp3"); }
+    std::ofstream(dir / "notes.wav") << "This is not audio.\nIt is a text file named .wav.\n";
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"missing.wav", "missing.wav: no such file"},
+        {"empty.mp3", "empty.mp3: the file is empty"},
+        {"notes.wav", "notes.wav: not an audio file FFmpeg can read"},
+    };
+    for (const auto& [file, error] : cases) {
         for (const std::string& mode : {"--analyze " + file, "--timeline " + file, "--chroma " + file + " x.csv"}) {
             const ProgramRun run = runVelquin(mode, dir);
             EXPECT_EQ(run.exitCode, 1) << mode;
             EXPECT_TRUE(run.out.empty()) << mode;
-            EXPECT_TRUE(std::regex_match(run.err, std::regex("Error: [^\n]+\n"))) << mode << ": " << run.err;
+            EXPECT_EQ(run.err, "Error: " + error + "\n") << mode;
         }
     }
     EXPECT_FALSE(std::filesystem::exists(dir / "x.csv"));
-    // A folder as the CSV target fails to write, and leaves no temporary file behind.
-    test::writeWav(dir / "tone.wav", {test::sine(440, 22050, 1.0)}, 22050);
-    std::filesystem::create_directory(dir / "folder.csv");
-    EXPECT_EQ(runVelquin("--chroma tone.wav folder.csv", dir).exitCode, 1);
-    size_t entries = 0;
-    for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator(dir.path())) ++entries;
-    EXPECT_EQ(entries, 6u);  // the three inputs, the folder and the two captured streams
 
     // Durations the live mode cannot honour are refused before any audio is touched.
-    for (const char* duration : {"inf", "nan", "1e300"}) {
+    for (const char* duration : {"inf", "nan", "1e300", "0", "-5"}) {
         const ProgramRun run = runVelquin(std::string("--live system ") + duration, dir);
         EXPECT_EQ(run.exitCode, 1) << duration;
         EXPECT_TRUE(std::regex_match(run.err, std::regex("Error: [^\n]+\n"))) << run.err;
+    }
+    // So is a recording in a container that cannot be written.
+    for (const char* name : {"take.mp3", "take", "/dev/null"}) {
+        const ProgramRun run = runVelquin(std::string("--live system 5 ") + name, dir);
+        EXPECT_EQ(run.exitCode, 1) << name;
+        EXPECT_NE(run.err.find("must end in .wav, .caf or .flac"), std::string::npos) << run.err;
+    }
+}
+
+// Files: the CSV never goes through something that is not ours to replace, and results are never lost
+// without a word.
+TEST(FileModes, OutputsReplaceOnlyOrdinaryFilesAndWritesAreChecked) {
+    namespace fs = std::filesystem;
+    test::TempDir dir;
+    test::writeWav(dir / "tone.wav", {test::sine(440, 22050, 1.0)}, 22050);
+    const std::string audio = test::readText(dir / "tone.wav");
+    fs::create_directory(dir / "folder.csv");
+    fs::create_directory(dir / "real");
+    fs::create_symlink("tone.wav", dir / "alias.wav");
+    fs::create_symlink("real/target.csv", dir / "link.csv");
+    ASSERT_EQ(::mkfifo((dir / "fifo.csv").c_str(), 0644), 0);
+    std::ofstream(dir / "locked.csv") << "keep";
+    fs::permissions(dir / "locked.csv", fs::perms::owner_read);
+
+    const std::vector<std::pair<std::string, std::string>> refused = {
+        {"tone.wav", "could not write tone.wav: it is the audio file being analysed"},
+        {"alias.wav", "could not write alias.wav: it is the audio file being analysed"},
+        {"./real/../tone.wav", "could not write ./real/../tone.wav: it is the audio file being analysed"},
+        {"folder.csv", "could not write folder.csv: Is a directory"},
+        {"fifo.csv", "could not write fifo.csv: not a regular file"},
+        {"/dev/null", "could not write /dev/null: not a regular file"},
+        {"locked.csv", "could not write locked.csv: Permission denied"},
+        {"nowhere/x.csv", "could not write nowhere/x.csv: No such file or directory"},
+    };
+    for (const auto& [target, error] : refused) {
+        const ProgramRun run = runVelquin("--chroma tone.wav " + target, dir);
+        EXPECT_EQ(run.exitCode, 1) << target;
+        EXPECT_EQ(run.err, "Error: " + error + "\n") << target;
+    }
+    EXPECT_EQ(test::readText(dir / "tone.wav"), audio);
+    EXPECT_EQ(test::readText(dir / "locked.csv"), "keep");
+    EXPECT_TRUE(fs::is_character_file("/dev/null"));
+
+    // A link is written through: the file it names gets the CSV, the link stays a link.
+    EXPECT_EQ(runVelquin("--chroma tone.wav link.csv", dir).exitCode, 0);
+    EXPECT_TRUE(fs::is_symlink(dir / "link.csv"));
+    EXPECT_EQ(test::readText(dir / "real/target.csv").substr(0, 5), "t,c0,");
+    size_t entries = 0;  // and no temporary file is left anywhere
+    for ([[maybe_unused]] const auto& entry : fs::recursive_directory_iterator(dir.path())) ++entries;
+    EXPECT_EQ(entries, 10u);  // the seven made above, the CSV and the two captured streams
+
+    // A result that cannot be written is an error, not a silent success.
+    for (const char* mode : {"--analyze tone.wav", "--timeline tone.wav"}) {
+        for (const auto& [to, reason] : {std::pair<std::string, std::string>{">/dev/full", "No space left on device"},
+                                         {">&-", "Bad file descriptor"}}) {
+            const ProgramRun run = runVelquin(mode, dir, to);
+            EXPECT_EQ(run.exitCode, 1) << mode << to;
+            EXPECT_EQ(run.err, "Error: could not write the result: " + reason + "\n") << mode << to;
+        }
+    }
+}
+
+// Start-up: a terminal without a display gets a sentence, not an abort; --help needs no display.
+TEST(FileModes, HelpAndMissingDisplay) {
+    test::TempDir dir;
+    for (const char* help : {"--help", "-h"}) {
+        const ProgramRun run = runVelquin(help, dir, "", "-u DISPLAY");
+        EXPECT_EQ(run.exitCode, 0);
+        for (const char* mode : {"--analyze", "--timeline", "--chroma", "--live"})
+            EXPECT_NE(run.out.find(mode), std::string::npos) << mode;
+    }
+    // No X display or Wayland socket, or a platform plugin that fails: the bar cannot start.
+    for (const char* environment : {"QT_QPA_PLATFORM=", "QT_QPA_PLATFORM=nonesuch"}) {
+        for (const char* arguments : {"", "--analyze", "--chroma a.wav"}) {
+            const ProgramRun run =
+                runVelquin(arguments, dir, "", std::string("-u DISPLAY -u WAYLAND_DISPLAY ") + environment);
+            EXPECT_EQ(run.exitCode, 1) << environment << arguments;
+            EXPECT_EQ(run.err,
+                      "Error: no graphical display (set DISPLAY, or use --analyze, --timeline, --chroma or --live; "
+                      "see --help)\n")
+                << environment << arguments;
+        }
     }
 }

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "Log.h"
+#include "XdgPaths.h"
 #include "TestSupport.h"
 
 namespace velquin {
@@ -33,13 +34,20 @@ std::vector<std::string> lines(const std::filesystem::path& file) {
     return out;
 }
 
-TEST(Log, FolderFollowsXdgStateHomeThenHome) {
-    EXPECT_EQ(Log::folderFor("/x/state", "/home/u"), std::filesystem::path("/x/state/Velquin"));
-    EXPECT_EQ(Log::folderFor("relative/state", "/home/u"), std::filesystem::path("/home/u/.local/state/Velquin"));
-    EXPECT_EQ(Log::folderFor("", "/home/u"), std::filesystem::path("/home/u/.local/state/Velquin"));
-    EXPECT_EQ(Log::folderFor(nullptr, "/home/u"), std::filesystem::path("/home/u/.local/state/Velquin"));
-    EXPECT_TRUE(Log::folderFor(nullptr, nullptr).empty()) << "no folder: the log is off";
-    EXPECT_TRUE(Log::folderFor("rel", "also-rel").empty());
+TEST(Log, FolderIsInTheUsersStateFolderEvenWithoutHome) {
+    const char* oldHome = std::getenv("HOME");
+    const char* oldState = std::getenv("XDG_STATE_HOME");
+    const std::string savedHome = oldHome ? oldHome : "", savedState = oldState ? oldState : "";
+    setenv("XDG_STATE_HOME", "/x/state", 1);
+    EXPECT_EQ(Log::folder(), std::filesystem::path("/x/state/Velquin"));
+    // No HOME: the passwd entry's home, never a folder under "/".
+    unsetenv("XDG_STATE_HOME");
+    unsetenv("HOME");
+    const std::filesystem::path folder = Log::folder();
+    EXPECT_EQ(folder, xdg::userHome() / ".local/state/Velquin");
+    EXPECT_NE(folder.string().rfind("/.local", 0), 0u) << folder;
+    if (oldHome) setenv("HOME", savedHome.c_str(), 1);
+    if (oldState) setenv("XDG_STATE_HOME", savedState.c_str(), 1);
 }
 
 TEST(Log, TimestampHasMillisecondsInLocalTime) {

@@ -121,9 +121,12 @@ TEST(PulseSources, StartWithoutServerFailsCleanlyWithTheUsersText) {
         system.start();
         FAIL() << "start() succeeded without a server";
     } catch (const AudioSourceError& error) {
-        EXPECT_EQ(error.errorCase(), AudioSourceError::Case::createTapFailed);
+        EXPECT_EQ(error.errorCase(), AudioSourceError::Case::serverUnreachable);
         EXPECT_EQ(error.status(), PA_ERR_CONNECTIONREFUSED);
-        EXPECT_EQ(error.description().rfind("Could not tap system audio (error ", 0), 0u) << error.what();
+        EXPECT_EQ(error.description(),
+                  "Could not tap system audio (error 6). Check that PulseAudio, or PipeWire's PulseAudio service, "
+                  "is running (pactl info) and that the default output has a monitor (pactl list short sources), "
+                  "then restart Velquin.");
     }
     EXPECT_EQ(system.sampleRate(), 48000);
     system.stop();
@@ -136,9 +139,11 @@ TEST(PulseSources, StartWithoutServerFailsCleanlyWithTheUsersText) {
         mic.start();
         FAIL() << "start() succeeded without a server";
     } catch (const AudioSourceError& error) {
-        EXPECT_EQ(error.errorCase(), AudioSourceError::Case::engineFailed);
-        EXPECT_EQ(error.text(), pa_strerror(PA_ERR_CONNECTIONREFUSED));
-        EXPECT_EQ(error.description(), std::string("Microphone capture failed: ") + error.text());
+        EXPECT_EQ(error.errorCase(), AudioSourceError::Case::serverUnreachable);
+        EXPECT_EQ(error.status(), PA_ERR_CONNECTIONREFUSED);
+        EXPECT_EQ(error.description(),
+                  "Could not reach the sound server for the microphone (error 6). Check that PulseAudio, or "
+                  "PipeWire's PulseAudio service, is running (pactl info), then restart Velquin.");
     }
     mic.stop();
     mic.stop();

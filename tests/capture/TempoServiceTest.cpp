@@ -36,7 +36,7 @@ public:
 
     double sampleRate() const override { return rate_; }
     void start() override {
-        if (fail_) throw AudioSourceError::createTapFailed(-1);
+        if (fail_) throw AudioSourceError::serverUnreachable(-1);
         running_ = true;
         ++registry_.running;
     }
@@ -91,7 +91,7 @@ TEST(TempoService, FailedStartPublishesTheErrorThenNothingYet) {
     h.fail = true;
     h.service.start(AudioSourceKind::systemAudio);
     ASSERT_EQ(h.errors.size(), 1u);
-    EXPECT_EQ(h.errors[0], AudioSourceError::createTapFailed(-1).what());
+    EXPECT_EQ(h.errors[0], AudioSourceError::serverUnreachable(-1).what());
     EXPECT_EQ(h.service.lastError(), h.errors[0]);
     ASSERT_EQ(h.updates.size(), 1u);  // onError came first: it saw no update
     EXPECT_EQ(h.updates[0].first.bpm, 0);

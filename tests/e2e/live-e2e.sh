@@ -31,7 +31,7 @@ status=$?
 [ "$status" -eq 1 ] || fail "no server: exit $status, expected 1"
 grep -q '^FAILED: Could not tap system audio (error ' "$work/none.err" || fail "no server: stderr was: $(cat "$work/none.err")"
 
-python3 "$here/make_fixture.py" "$work/fixture.wav" 60 48000 || exit 1
+python3 "$here/make_fixture.py" "$work/fixture.wav" 90 48000 || exit 1
 pulse_start || exit 1
 trap finish EXIT
 
@@ -70,6 +70,53 @@ assert tag in (3, 0xFFFE) and channels == 1 and rate == 48000 and fmt[5] == 32, 
 assert 4.0 * rate <= frames <= 5.5 * rate, frames
 PY
 
+# However the run ends, the recording is finished (sizes in its header right) and announced, in the
+# container its extension names; the exit status is the signal's, or 0 for a reader that went away.
+recording_ok() {  # FILE FORMAT: a mono FORMAT file (ffprobe's name) of at least 1.5 s
+    ffprobe -v error -show_entries format=format_name,duration:stream=channels -of default=nw=1 "$1" \
+        >"$work/probe.txt" 2>&1 && grep -qx "format_name=$2" "$work/probe.txt" &&
+        grep -qx 'channels=1' "$work/probe.txt" &&
+        awk -F= '$1 == "duration" && $2 >= 1.5 { ok = 1 } END { exit !ok }' "$work/probe.txt" || return 1
+    [ "$2" != wav ] || python3 - "$1" <<'PY'
+import struct, sys
+data = open(sys.argv[1], "rb").read()
+riff, pos = struct.unpack("<I", data[4:8])[0], data.find(b"data")
+size = struct.unpack("<I", data[pos + 4:pos + 8])[0]
+assert riff == len(data) - 8 and size == len(data) - pos - 8, (riff, size, len(data))
+PY
+}
+for case in INT:130:wav TERM:143:caf HUP:129:flac; do
+    IFS=: read -r signal expected ext <<<"$case"
+    rec=$work/take-$signal.$ext
+    timeout 40 "$velquin" --live system 30 "$rec" >"$work/sig.out" 2>"$work/sig.err" &
+    live=$!
+    sleep 3
+    kill -"$signal" "$live"
+    wait "$live"
+    status=$?
+    [ "$status" -eq "$expected" ] || fail "SIG$signal: exit $status, expected $expected: $(cat "$work/sig.err")"
+    tail -n 1 "$work/sig.out" | grep -qx "Recorded to $rec" || fail "SIG$signal: no Recorded line"
+    recording_ok "$rec" "$ext" || fail "SIG$signal: $rec is not a finished mono $ext: $(cat "$work/probe.txt")"
+done
+timeout 40 "$velquin" --live system 30 "$work/piped.wav" 2>"$work/pipe.err" | head -n 25 >/dev/null
+status=${PIPESTATUS[0]}
+[ "$status" -eq 0 ] || fail "closed pipe: exit $status: $(cat "$work/pipe.err")"
+recording_ok "$work/piped.wav" wav || fail "closed pipe: the recording is not finished: $(cat "$work/probe.txt")"
+
+# A duration of years listens (no overflow); a recording that cannot be made is one warning, at once,
+# and the run goes on without claiming it.
+timeout 20 "$velquin" --live system 1e10 "$work/no/such/folder.wav" >"$work/long.out" 2>"$work/long.err" &
+live=$!
+sleep 3
+kill -INT "$live"
+wait "$live"
+status=$?
+[ "$status" -eq 130 ] || fail "--live system 1e10: exit $status"
+[ "$(grep -c ' BPM (' "$work/long.out")" -ge 10 ] || fail "--live system 1e10 did not listen: $(cat "$work/long.out")"
+[ "$(cat "$work/long.err")" = "Warning: could not record to $work/no/such/folder.wav: No such file or directory" ] ||
+    fail "missing folder: stderr was: $(cat "$work/long.err")"
+grep -q '^Recorded to' "$work/long.out" && fail "missing folder: claims a recording"
+
 # The microphone is the default source: point it at a monitor that plays the fixture.
 pulse_set_default_source speakers.monitor
 timeout 30 "$velquin" --live mic 6 >"$work/mic.out" 2>"$work/mic.err" || fail "--live mic 6: $(cat "$work/mic.err")"
@@ -77,19 +124,30 @@ head -n 1 "$work/mic.out" | grep -q '^Listening to Microphone for 6s…$' || fai
 tail -n 3 "$work/mic.out" | awk '{ if ($NF + 0 <= 0.001) bad = 1 } END { exit bad }' ||
     fail "microphone readings carry no level: $(tail -n 2 "$work/mic.out")"
 
-# The server goes away during a run and comes back: no crash, no hang, and the readings resume.
-timeout 40 "$velquin" --live system 14 >"$work/restart.out" 2>"$work/restart.err" &
-live=$!
+# The server goes away during a run and comes back: no crash, no hang; while it is away both sources
+# read nothing (no stale values), and both resume once it is back.
+zeros='  ---- BPM (  0%)   key --       (  0%)   level 0.0000'
+for source in system mic; do
+    timeout 40 "$velquin" --live "$source" 16 >"$work/restart-$source.out" 2>"$work/restart-$source.err" &
+    eval "live_$source=\$!"
+done
 sleep 4
 pulse_kill_server KILL
-sleep 2
+sleep 0.5
+for source in system mic; do wc -l <"$work/restart-$source.out" >"$work/lost-$source.n"; done
+sleep 1.5
 pulse_restart_server
 pulse_play "$work/fixture.wav"
-wait "$live"
-status=$?
-[ "$status" -eq 0 ] || fail "server restart: exit $status (124 = hang): $(tail -n 3 "$work/restart.err")"
-tail -n 5 "$work/restart.out" | awk '{ if ($NF + 0 <= 0.001) bad = 1 } END { exit bad }' ||
-    fail "no audio after the server came back: $(tail -n 2 "$work/restart.out")"
+for source in system mic; do
+    eval "wait \$live_$source"
+    status=$?
+    out=$work/restart-$source.out
+    [ "$status" -eq 0 ] || fail "$source, server restart: exit $status (124 = hang): $(tail -n 3 "$out")"
+    sed -n "$(($(cat "$work/lost-$source.n") + 1)),+8p" "$out" | grep -vxF "$zeros" | grep -q . &&
+        fail "$source: stale readings while the server was away: $(sed -n "$(cat "$work/lost-$source.n"),+2p" "$out")"
+    tail -n 5 "$out" | awk '{ if ($NF + 0 <= 0.001) bad = 1 } END { exit bad }' ||
+        fail "$source: no audio after the server came back: $(tail -n 2 "$out")"
+done
 
 # A new default sink during a run: capture follows it. Only the new sink plays from the switch on.
 speakers_player=$PULSE_PLAY_PID

@@ -73,6 +73,15 @@ public:
             std::lock_guard lock(mutex_);
             ++rateChanges_;
         };
+        source.onServerLost = [this] {
+            std::lock_guard lock(mutex_);
+            ++losses_;
+        };
+    }
+
+    int losses() {
+        std::lock_guard lock(mutex_);
+        return losses_;
     }
 
     size_t frames() {
@@ -106,6 +115,7 @@ private:
     std::vector<float> samples_;
     int restarts_ = 0;
     int rateChanges_ = 0;
+    int losses_ = 0;
 };
 
 struct Tone {
@@ -260,38 +270,42 @@ TEST_F(PulseCapture, MicrophoneCapturesTheDefaultSource) {
 }
 
 // Last: it restarts the server.
-TEST_F(PulseCapture, SystemAudioRecoversWhenTheServerComesBack) {
-    SystemAudioSource source;
-    Recorder recorder(source);
-    source.start();
-    ASSERT_TRUE(recorder.waitForFrames(4800, 3s));
+TEST_F(PulseCapture, BothSourcesRecoverWhenTheServerComesBack) {
+    SystemAudioSource system;
+    MicrophoneSource mic;
+    for (AudioSource* source : {static_cast<AudioSource*>(&system), static_cast<AudioSource*>(&mic)}) {
+        const bool isMic = source == &mic;
+        SCOPED_TRACE(isMic ? "microphone" : "system audio");
+        Recorder recorder(*source);
+        source->start();
+        ASSERT_TRUE(recorder.waitForFrames(4800, 3s));
 
-    harness("pulse_kill_server");
-    std::this_thread::sleep_for(1500ms);  // a few retries against no server
-    EXPECT_EQ(recorder.restarts(), 0) << "nothing to restart onto while the server is away";
-    {
-        // Meanwhile a new source cannot reach the server either.
-        SystemAudioSource other;
+        harness("pulse_kill_server KILL");
+        std::this_thread::sleep_for(1500ms);  // a few retries against no server
+        EXPECT_EQ(recorder.losses(), 1) << "the loss is told once, at once";
+        EXPECT_EQ(recorder.restarts(), 0) << "nothing to restart onto while the server is away";
         try {
-            other.start();
+            // Meanwhile a new source cannot reach the server either, and both say so alike.
+            isMic ? MicrophoneSource().start() : SystemAudioSource().start();
             ADD_FAILURE() << "started without a server";
         } catch (const AudioSourceError& error) {
-            EXPECT_EQ(error.errorCase(), AudioSourceError::Case::createTapFailed) << error.what();
+            EXPECT_EQ(error.errorCase(), AudioSourceError::Case::serverUnreachable) << error.what();
+            EXPECT_NE(error.description().find("(pactl info)"), std::string::npos) << error.what();
+            EXPECT_NE(error.description().find("then restart Velquin."), std::string::npos) << error.what();
         }
+
+        harness("pulse_restart_server");
+        EXPECT_TRUE(recorder.waitForRestarts(1, 3s)) << "no restart request after the server came back";
+        std::this_thread::sleep_for(300ms);
+        EXPECT_EQ(recorder.restarts(), 1) << "one request is enough";
+
+        harness("pulse_settle");
+        source->stop();
+        source->start();
+        const size_t before = recorder.frames();
+        EXPECT_TRUE(recorder.waitForFrames(before + 4800, 3s)) << "no samples after the restart";
+        source->stop();
     }
-
-    harness("pulse_restart_server");
-    EXPECT_TRUE(recorder.waitForRestarts(1, 3s)) << "no restart request after the server came back";
-    std::this_thread::sleep_for(300ms);
-    EXPECT_EQ(recorder.restarts(), 1) << "one request is enough";
-
-    harness("pulse_settle");
-    source.stop();
-    source.start();
-    EXPECT_EQ(source.sampleRate(), 48000);
-    const size_t before = recorder.frames();
-    EXPECT_TRUE(recorder.waitForFrames(before + 4800, 3s)) << "no samples after the restart";
-    source.stop();
 }
 
 TEST_F(PulseCapture, StopWhileTheServerIsAwayDoesNotHang) {

@@ -11,8 +11,8 @@
 #include <vector>
 
 #include "DropZoneView.h"
-#include "StatusItem.h"
-#include "StatusItemDropTarget.h"
+#include "BarWindow.h"
+#include "BarDropTarget.h"
 #include "UiTestSupport.h"
 
 namespace velquin {
@@ -35,7 +35,7 @@ std::unique_ptr<QMimeData> textDrag(const QString& text) {
 }
 
 std::optional<QString> accepted(const QMimeData& data) {
-    const auto url = StatusItemDropTarget::audioURL(&data);
+    const auto url = BarDropTarget::audioURL(&data);
     if (!url) return std::nullopt;
     return url->toLocalFile();
 }
@@ -67,7 +67,7 @@ TEST(AudioURL, FirstLocalAudioOrMovieFileByExtension) {
         EXPECT_EQ(accepted(*filesDrag(c.files)), c.expected);
     }
     EXPECT_EQ(accepted(*textDrag("/music/looks-like-a-path.mp3")), std::nullopt);
-    EXPECT_EQ(StatusItemDropTarget::audioURL(nullptr), std::nullopt);
+    EXPECT_EQ(BarDropTarget::audioURL(nullptr), std::nullopt);
 }
 
 struct DragResult {
@@ -149,10 +149,10 @@ TEST(DropZoneView, AnswersEnterMoveAndDropWithCopy) {
     EXPECT_EQ(r.action, Qt::CopyAction);
 }
 
-TEST(StatusItemDropTarget, LocatesTheBarThenOpensTheShelfThenTakesTheDrop) {
+TEST(BarDropTarget, LocatesTheBarThenOpensTheShelfThenTakesTheDrop) {
     std::vector<std::string> log, calls;
-    StatusItemDropTarget target([&](std::string_view line) { log.emplace_back(line); });
-    StatusItem item;
+    BarDropTarget target([&](std::string_view line) { log.emplace_back(line); });
+    BarWindow item;
     item.setLength(90);
     target.attach(&item);
     EXPECT_TRUE(item.acceptDrops());
@@ -199,8 +199,8 @@ TEST(StatusItemDropTarget, LocatesTheBarThenOpensTheShelfThenTakesTheDrop) {
     EXPECT_EQ(calls.back(), "exited");
 }
 
-TEST(StatusItemDropTarget, ReportsAtLeastTheBarHeightAndToleratesMissingCallbacks) {
-    StatusItemDropTarget target;
+TEST(BarDropTarget, ReportsAtLeastTheBarHeightAndToleratesMissingCallbacks) {
+    BarDropTarget target;
     QWidget thin;
     thin.resize(60, 10);
     target.attach(&thin);

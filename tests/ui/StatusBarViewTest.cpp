@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "ConfidenceRing.h"
-#include "StatusItem.h"
+#include "BarWindow.h"
 #include "UiTestSupport.h"
 
 namespace velquin {
@@ -74,7 +74,7 @@ TEST(ConfidenceRing, RendersSharplyOnScaledScreens) {
 
 class StatusBarViewTest : public ::testing::Test {
 protected:
-    StatusItem item;
+    BarWindow item;
     StatusBarView& view = item.view();
     const QColor background = item.palette().color(QPalette::Window);
     const QColor label = item.palette().color(QPalette::WindowText);

@@ -15,11 +15,11 @@ class QWidget;
 
 namespace velquin {
 
-class StatusItemDropTarget : public QObject {
+class BarDropTarget : public QObject {
     Q_OBJECT
 
 public:
-    explicit StatusItemDropTarget(LogSink log = {});
+    explicit BarDropTarget(LogSink log = {});
 
     std::function<void(const QUrl& url)> onDrop;
     std::function<void()> onDragEntered;

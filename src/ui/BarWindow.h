@@ -9,13 +9,13 @@
 
 namespace velquin {
 
-class StatusItem : public QWidget {
+class BarWindow : public QWidget {
     Q_OBJECT
 
 public:
     static constexpr int barHeight = 22;
 
-    StatusItem();
+    BarWindow();
 
     StatusBarView& view() { return view_; }
     // Width in logical pixels, rounded up; the height stays 22.

@@ -1,4 +1,4 @@
-#include "StatusItemDropTarget.h"
+#include "BarDropTarget.h"
 
 #include <QCursor>
 #include <QDropEvent>
@@ -29,14 +29,14 @@ bool isAudioOrMovie(const QMimeType& type) {
 
 }  // namespace
 
-StatusItemDropTarget::StatusItemDropTarget(LogSink log) : log_(std::move(log)) {}
+BarDropTarget::BarDropTarget(LogSink log) : log_(std::move(log)) {}
 
-void StatusItemDropTarget::attach(QWidget* window) {
+void BarDropTarget::attach(QWidget* window) {
     window->setAcceptDrops(true);
     window->installEventFilter(this);
 }
 
-std::optional<QUrl> StatusItemDropTarget::audioURL(const QMimeData* from) {
+std::optional<QUrl> BarDropTarget::audioURL(const QMimeData* from) {
     if (!from || !from->hasUrls()) return std::nullopt;
     const QMimeDatabase types;
     for (const QUrl& url : from->urls()) {
@@ -46,7 +46,7 @@ std::optional<QUrl> StatusItemDropTarget::audioURL(const QMimeData* from) {
     return std::nullopt;
 }
 
-bool StatusItemDropTarget::eventFilter(QObject* watched, QEvent* event) {
+bool BarDropTarget::eventFilter(QObject* watched, QEvent* event) {
     switch (event->type()) {
         case QEvent::DragEnter: {
             auto* enter = static_cast<QDragEnterEvent*>(event);

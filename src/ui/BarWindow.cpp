@@ -1,10 +1,10 @@
-#include "StatusItem.h"
+#include "BarWindow.h"
 
 #include <cmath>
 
 namespace velquin {
 
-StatusItem::StatusItem()
+BarWindow::BarWindow()
     : QWidget(nullptr, Qt::Tool | Qt::FramelessWindowHint | Qt::WindowStaysOnTopHint |
                            Qt::WindowDoesNotAcceptFocus) {
     setAttribute(Qt::WA_ShowWithoutActivating);
@@ -14,11 +14,11 @@ StatusItem::StatusItem()
     setLength(120);
 }
 
-void StatusItem::setLength(double length) {
+void BarWindow::setLength(double length) {
     setFixedSize(static_cast<int>(std::ceil(length)), barHeight);
 }
 
-void StatusItem::resizeEvent(QResizeEvent* event) {
+void BarWindow::resizeEvent(QResizeEvent* event) {
     QWidget::resizeEvent(event);
     view_.setGeometry(rect());
 }

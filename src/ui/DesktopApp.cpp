@@ -1,0 +1,367 @@
+#include "DesktopApp.h"
+
+#include <QClipboard>
+#include <QCoreApplication>
+#include <QCursor>
+#include <QFileInfo>
+#include <QGuiApplication>
+#include <QScreen>
+#include <algorithm>
+#include <cmath>
+
+#include "ReadingText.h"
+
+#ifndef VELQUIN_INSTALLED_HELP
+#define VELQUIN_INSTALLED_HELP ""
+#endif
+
+namespace velquin {
+namespace {
+
+constexpr int barMargin = 8;  // from the right edge of the screen's available area
+constexpr int shelfAtLaunchDelayMs = 1000;
+constexpr double shelfAtLaunchSeconds = 6.0;
+
+}  // namespace
+
+DesktopApp::DesktopApp(Options options)
+    : dialogs(options.dialogs ? std::move(*options.dialogs) : Dialogs::desktop()),
+      log_(std::move(options.log)),
+      store_(options.settings ? std::move(options.settings) : std::make_unique<QSettings>()),
+      service_(std::move(options.sourceFactory)),
+      showShelfAtLaunch_(options.showShelfAtLaunch),
+      bar_(std::make_unique<BarWindow>()),
+      tray_(menu_.menu()),
+      drops_(log_) {
+    fileTimer_.setSingleShot(true);
+    connect(&fileTimer_, &QTimer::timeout, this, [this] {
+        fileInBar_ = false;
+        rerender();
+    });
+    connectItems();
+}
+
+DesktopApp::~DesktopApp() {
+    // The service's callbacks point here; it is stopped before anything they use goes.
+    service_.onUpdate = nullptr;
+    service_.onError = nullptr;
+    service_.stop();
+}
+
+void DesktopApp::connectItems() {
+    const AppMenu::Items& items = menu_.items();
+    const auto on = [this](QAction* item, void (DesktopApp::*action)()) {
+        connect(item, &QAction::triggered, this, action);
+    };
+    on(items.systemItem, &DesktopApp::chooseSystem);
+    on(items.micItem, &DesktopApp::chooseMic);
+    on(items.pauseItem, &DesktopApp::togglePause);
+    on(items.camelotItem, &DesktopApp::toggleCamelot);
+    on(items.notesItem, &DesktopApp::toggleNotes);
+    on(items.decimalsItem, &DesktopApp::toggleDecimals);
+    on(items.compactItem, &DesktopApp::toggleCompact);
+    on(items.copyItem, &DesktopApp::copyBoth);
+    on(items.analyzeItem, &DesktopApp::analyzeFile);
+    on(items.resetItem, &DesktopApp::resetAll);
+    on(items.helpItem, &DesktopApp::openHelp);
+    connect(items.quitItem, &QAction::triggered, qApp, &QCoreApplication::quit, Qt::QueuedConnection);
+    for (const auto& [range, item] : items.rangeItems) {
+        connect(item, &QAction::triggered, this, [this, a = item] { chooseRange(a); });
+    }
+    for (const auto& [preference, item] : items.relativeItems) {
+        connect(item, &QAction::triggered, this, [this, a = item] { chooseRelative(a); });
+    }
+}
+
+void DesktopApp::installQuitShortcuts() {
+    // A desktop without a global menu bar needs only a way to quit from the program's own windows.
+    const auto quitAction = [](QWidget& window) {
+        auto action = std::make_unique<QAction>(QStringLiteral("Quit Velquin"));
+        action->setShortcut(QKeySequence(QStringLiteral("Ctrl+Q")));
+        action->setShortcutContext(Qt::WindowShortcut);
+        connect(action.get(), &QAction::triggered, qApp, &QCoreApplication::quit, Qt::QueuedConnection);
+        window.addAction(action.get());
+        return action;
+    };
+    barQuitAction_ = quitAction(*bar_);
+    shelfQuitAction_ = quitAction(drops_.shelf().panel());
+}
+
+void DesktopApp::launch() {
+    installQuitShortcuts();
+    settings_ = DisplaySettings::read(*store_);
+
+    StatusBarView& view = bar_->view();
+    view.onClick = [this] { openMenuUnderBar(); };
+    view.onLocate = [this](const QRect& r) { drops_.locate(r); };
+    drops_.barFrame = [this] { return bar_->frameGeometry(); };
+    drops_.range = [this] { return service_.range(); };
+    drops_.onWorking = [this](const QString&) {
+        bar_->view().keyText = QStringLiteral("...");
+        bar_->view().bpmText = QString();
+        bar_->view().update();
+    };
+    drops_.describe = [this](const QString& name, const FileAnalysisResult& result) {
+        return text::shelfLines(name, result.tempo, result.key, settings_);
+    };
+    drops_.onAnalyzed = [this](const QString& name, const std::optional<FileAnalysisResult>& result) {
+        droppedResult(name, result);
+    };
+    drops_.attach(*bar_);
+    connect(&menu_.menu(), &QMenu::aboutToShow, this, [this] { bar_->view().setHighlighted(true); });
+    connect(&menu_.menu(), &QMenu::aboutToHide, this, [this] { bar_->view().setHighlighted(false); });
+
+    const bool watching = drops_.watchDrags();
+    if (log_) log_(std::string("drag monitor installed: ") + (watching ? "true" : "false"));
+
+    menu_.build(settings_);
+    applyFixedWidth();
+    placeBar();
+    bar_->show();
+    tray_.onTrigger = [this] { menu_.menu().popup(QCursor::pos()); };
+    tray_.show();
+
+    if (showShelfAtLaunch_) {
+        QTimer::singleShot(shelfAtLaunchDelayMs, this, [this] {
+            std::optional<QRect> r = drops_.knownItemFrame();
+            if (!r && bar_->isVisible()) r = bar_->frameGeometry();
+            drops_.showShelf(r);
+            drops_.shelf().scheduleHide(shelfAtLaunchSeconds);
+        });
+    }
+
+    const QPointer<DesktopApp> self(this);
+    service_.onUpdate = [self](const TempoEstimate& tempo, const KeyEstimate& key) {
+        if (self) self->render(tempo, key);
+    };
+    service_.onError = [self](const std::string& message) {
+        const QString text =
+            QString::fromStdString(message);  // the service may replace its copy while the alert is open
+        if (self) self->show(text);
+    };
+
+    applyRange(storedRange(*store_));
+    start(storedSource(*store_));
+}
+
+void DesktopApp::shutDown() {
+    service_.stop();
+}
+
+void DesktopApp::placeBar() {
+    QScreen* screen = QGuiApplication::primaryScreen();
+    if (!screen) return;
+    const QRect area = screen->availableGeometry();
+    bar_->move(area.x() + area.width() - barMargin - bar_->width(), area.y());
+}
+
+void DesktopApp::openMenuUnderBar() {
+    menu_.menu().popup(bar_->mapToGlobal(QPoint(0, bar_->height())));
+}
+
+void DesktopApp::subscribe(std::function<void(const Reading&)> display) {
+    displays_.push_back(std::move(display));
+}
+
+void DesktopApp::publish() {
+    StatusBarView& view = bar_->view();
+    view.keyText = reading_.keyText;
+    view.bpmText = reading_.bpmText;
+    view.confidence = reading_.confidence;
+    view.showingFile = reading_.showingFile;
+    view.update();
+    // The window title carries the status too: scripts and accessibility tools can read it there.
+    const QString windowTitle = reading_.status + QStringLiteral(" \u2014 Velquin");
+    if (bar_->windowTitle() != windowTitle) bar_->setWindowTitle(windowTitle);
+    tray_.update(reading_);
+    for (const auto& display : displays_) display(reading_);
+}
+
+QString DesktopApp::statusText(const TempoEstimate& tempo, const KeyEstimate& key) const {
+    if (const auto line = text::estimateLine(tempo, key, settings_)) return *line;
+    if (service_.isRunning()) {
+        return QStringLiteral("Listening to ") + QString::fromUtf8(displayName(service_.kind())) +
+               QStringLiteral("\u2026");
+    }
+    if (paused_) return QStringLiteral("Paused");
+    if (service_.lastError()) return QString::fromStdString(*service_.lastError());
+    return QStringLiteral("Stopped");
+}
+
+void DesktopApp::render(const TempoEstimate& liveTempo, const KeyEstimate& liveKey) {
+    const bool showingFile = fileInBar_ && fileResult_;
+    const TempoEstimate& tempo = showingFile ? fileResult_->tempo : liveTempo;
+    const KeyEstimate& key = showingFile ? fileResult_->key : liveKey;
+
+    menu_.setFileLine(fileResult_ ? std::optional(text::fileLine(fileResult_->name, fileResult_->tempo,
+                                                                 fileResult_->key, settings_))
+                                  : std::nullopt);
+    reading_.keyText = text::barKey(key, settings_);
+    reading_.bpmText = text::barBpm(tempo, settings_);
+    reading_.confidence = text::ringConfidence(tempo, key);
+    reading_.showingFile = showingFile;
+    reading_.status = statusText(tempo, key);
+    menu_.setStatus(reading_.status);
+    menu_.setNotes(key.key && settings_.showNotes
+                       ? std::optional(text::noteLineHtml(key, menu_.menu().palette()))
+                       : std::nullopt);
+    menu_.setTuning(text::tuningLine(key));
+    publish();
+}
+
+void DesktopApp::rerender() {
+    render(service_.estimate(), service_.keyEstimate());
+}
+
+void DesktopApp::applyFixedWidth() {
+    StatusBarView& view = bar_->view();
+    view.compact = settings_.compact;
+    view.keySlot = settings_.useCamelot ? 7 : 6;
+    view.bpmSlot = settings_.showDecimals ? 5 : 3;
+    // The bar grows to the left: its right edge stays where the user sees it.
+    const int right = bar_->geometry().right();
+    const bool placed = bar_->isVisible();
+    bar_->setLength(view.preferredWidth());
+    if (placed) bar_->move(right + 1 - bar_->width(), bar_->y());
+    view.update();
+}
+
+void DesktopApp::applyRange(TempoRange range) {
+    store(*store_, range);
+    menu_.checkRange(range);
+    service_.setRange(range);
+}
+
+void DesktopApp::start(AudioSourceKind kind) {
+    store(*store_, kind);
+    menu_.checkSource(kind);
+    render(TempoEstimate{}, KeyEstimate::unknown);
+    service_.start(kind);
+}
+
+void DesktopApp::show(const QString& error) {
+    reading_.status = QStringLiteral("Error \u2014 see menu");
+    menu_.setStatus(reading_.status);
+    publish();
+    if (dialogs.askUseMicrophone && dialogs.askUseMicrophone(error)) start(AudioSourceKind::microphone);
+}
+
+void DesktopApp::chooseSystem() {
+    paused_ = false;
+    menu_.items().pauseItem->setChecked(false);
+    start(AudioSourceKind::systemAudio);
+}
+
+void DesktopApp::chooseMic() {
+    paused_ = false;
+    menu_.items().pauseItem->setChecked(false);
+    start(AudioSourceKind::microphone);
+}
+
+void DesktopApp::togglePause() {
+    paused_ = !paused_;
+    menu_.items().pauseItem->setChecked(paused_);
+    if (paused_) {
+        service_.stop();
+        render(TempoEstimate{}, KeyEstimate::unknown);
+    } else {
+        start(service_.kind());
+    }
+}
+
+void DesktopApp::chooseRange(QAction* item) {
+    if (!item) return;
+    if (const auto range = tempoRangeFromRaw(item->data().toString().toStdString())) applyRange(*range);
+}
+
+void DesktopApp::chooseRelative(QAction* item) {
+    if (!item) return;
+    const auto preference = relativePreferenceFromRaw(item->data().toString().toStdString());
+    if (!preference) return;
+    settings_.relativePreference = *preference;
+    store(*store_, *preference);
+    menu_.checkRelative(*preference);
+    applyFixedWidth();
+    rerender();
+}
+
+void DesktopApp::toggle(bool& setting, QAction* item, const char* key, bool fixedWidth) {
+    setting = !setting;
+    item->setChecked(setting);
+    store(*store_, key, setting);
+    if (fixedWidth) applyFixedWidth();
+    rerender();
+}
+
+void DesktopApp::toggleCamelot() {
+    toggle(settings_.useCamelot, menu_.items().camelotItem, settingsKey::useCamelot, true);
+}
+void DesktopApp::toggleNotes() {
+    toggle(settings_.showNotes, menu_.items().notesItem, settingsKey::showNotes, false);
+}
+void DesktopApp::toggleDecimals() {
+    toggle(settings_.showDecimals, menu_.items().decimalsItem, settingsKey::showDecimals, true);
+}
+void DesktopApp::toggleCompact() {
+    toggle(settings_.compact, menu_.items().compactItem, settingsKey::compactBar, true);
+}
+
+void DesktopApp::copyBoth() {
+    // Always the live values, never a dropped file's.
+    const std::optional<QString> text = text::copied(service_.estimate(), service_.keyEstimate(), settings_);
+    if (!text) {
+        if (dialogs.beep) dialogs.beep();
+        return;
+    }
+    QClipboard* clipboard = QGuiApplication::clipboard();
+    clipboard->clear();
+    clipboard->setText(*text);
+}
+
+void DesktopApp::resetAll() {
+    fileResult_.reset();
+    fileInBar_ = false;
+    service_.reset();
+}
+
+QString DesktopApp::helpPagePath() {
+    const QString beside = QCoreApplication::applicationDirPath() + QStringLiteral("/docs/install.html");
+    if (QFileInfo::exists(beside)) return beside;
+    const QString installed = QStringLiteral(VELQUIN_INSTALLED_HELP);
+    if (!installed.isEmpty() && QFileInfo::exists(installed)) return installed;
+    return beside;
+}
+
+void DesktopApp::openHelp() {
+    QUrl url = QUrl::fromLocalFile(helpPagePath());
+    url.setFragment(QStringLiteral("troubleshooting"));
+    if (dialogs.openUrl) dialogs.openUrl(url);
+}
+
+void DesktopApp::analyzeFile() {
+    const std::optional<QString> path = dialogs.chooseAudioFile ? dialogs.chooseAudioFile() : std::nullopt;
+    if (!path) return;
+    const QString name = QFileInfo(*path).fileName();
+    startFileJob(this, *path, service_.range(), drops_.analyzer, [this, name](FileJobOutcome outcome) {
+        if (!outcome.result) {
+            show(outcome.error);
+        } else if (dialogs.showFileAlert) {
+            dialogs.showFileAlert(name,
+                                  text::alertText(outcome.result->tempo, outcome.result->key, settings_));
+        }
+    });
+}
+
+void DesktopApp::droppedResult(const QString& name, const std::optional<FileAnalysisResult>& result) {
+    if (!result) {
+        fileResult_.reset();
+        rerender();
+        return;
+    }
+    fileResult_ = FileResult{name, result->tempo, result->key};
+    fileInBar_ = true;
+    fileTimer_.start(static_cast<int>(std::lround(std::max(fileInBarSeconds, 0.0) * 1000)));
+    rerender();
+}
+
+}  // namespace velquin

@@ -1,0 +1,135 @@
+#pragma once
+// The desktop application: owns the live service, the bar with its menu, the tray icon and the drop
+// handling, keeps the display settings, and turns every published estimate into one Reading that the
+// bar, the tray and any subscribed display show, plus the information lines at the top of the menu.
+// Everything here runs on the main thread; file analyses run on the global thread pool and come back
+// to the main thread before touching anything.
+
+#include <QObject>
+#include <QSettings>
+#include <QString>
+#include <QTimer>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include "AppMenu.h"
+#include "BarWindow.h"
+#include "Dialogs.h"
+#include "DisplaySettings.h"
+#include "DropCoordinator.h"
+#include "LogSink.h"
+#include "Reading.h"
+#include "TempoService.h"
+#include "TrayIcon.h"
+
+class QAction;
+
+namespace velquin {
+
+class DesktopApp : public QObject {
+    Q_OBJECT
+
+  public:
+    struct Options {
+        LogSink log = {};
+        // The user's settings; the application's QSettings when null.
+        std::unique_ptr<QSettings> settings = {};
+        // Makes the capture sources; the real back ends when empty.
+        TempoService::SourceFactory sourceFactory = {};
+        // Alerts, the file picker and the browser; the real ones when left empty.
+        std::optional<Dialogs> dialogs = {};
+        // Opens the drop shelf a second after launch and hides it 6 s later, to check where it lands.
+        bool showShelfAtLaunch = false;
+    };
+
+    explicit DesktopApp(Options options);
+    ~DesktopApp() override;
+
+    // Reads the settings, shows the bar and the tray icon and starts listening.
+    void launch();
+    // Stops listening; for the application's aboutToQuit.
+    void shutDown();
+
+    // Menu actions.
+    void chooseSystem();
+    void chooseMic();
+    void togglePause();
+    void chooseRange(QAction* item);
+    void chooseRelative(QAction* item);
+    void toggleCamelot();
+    void toggleNotes();
+    void toggleDecimals();
+    void toggleCompact();
+    void copyBoth();
+    void analyzeFile();
+    void resetAll();
+    void openHelp();
+
+    void render(const TempoEstimate& tempo, const KeyEstimate& key);
+    void start(AudioSourceKind kind);
+    void show(const QString& error);
+
+    // Every new reading, after the bar and the tray have it.
+    void subscribe(std::function<void(const Reading&)> display);
+    const Reading& reading() const { return reading_; }
+
+    // How long the bar shows a dropped file's result.
+    double fileInBarSeconds = 8.0;
+    Dialogs dialogs;
+
+    struct FileResult {
+        QString name;
+        TempoEstimate tempo;
+        KeyEstimate key;
+    };
+
+    AppMenu& menu() { return menu_; }
+    BarWindow& bar() { return *bar_; }
+    DropCoordinator& drops() { return drops_; }
+    TempoService& service() { return service_; }
+    const DisplaySettings& settings() const { return settings_; }
+    const std::optional<FileResult>& fileResult() const { return fileResult_; }
+    bool fileInBar() const { return fileInBar_; }
+    bool paused() const { return paused_; }
+    QSystemTrayIcon* trayIcon() { return tray_.icon(); }
+
+    // The help page shipped beside the program, or installed with it.
+    static QString helpPagePath();
+
+  private:
+    void connectItems();
+    void installQuitShortcuts();
+    void applyFixedWidth();
+    void applyRange(TempoRange range);
+    void toggle(bool& setting, QAction* item, const char* key, bool fixedWidth);
+    void rerender();
+    void publish();
+    QString statusText(const TempoEstimate& tempo, const KeyEstimate& key) const;
+    void placeBar();
+    void openMenuUnderBar();
+    void droppedResult(const QString& name, const std::optional<FileAnalysisResult>& result);
+
+    LogSink log_;
+    std::unique_ptr<QSettings> store_;
+    TempoService service_;
+    DisplaySettings settings_;
+    bool paused_ = false;
+    bool showShelfAtLaunch_ = false;
+
+    std::unique_ptr<BarWindow> bar_;
+    AppMenu menu_;
+    TrayIcon tray_;
+    DropCoordinator drops_;
+    std::unique_ptr<QAction> barQuitAction_;
+    std::unique_ptr<QAction> shelfQuitAction_;
+    Reading reading_;
+    std::vector<std::function<void(const Reading&)>> displays_;
+
+    std::optional<FileResult> fileResult_;
+    bool fileInBar_ = false;
+    QTimer fileTimer_;
+};
+
+}  // namespace velquin

@@ -1,0 +1,64 @@
+#include "DisplaySettings.h"
+
+namespace velquin {
+
+std::optional<bool> boolValue(const QVariant& value) {
+    if (!value.isValid()) return std::nullopt;
+    if (value.typeId() == QMetaType::Bool) return value.toBool();
+    const QString text = value.toString().trimmed().toLower();
+    if (text == QLatin1String("true") || text == QLatin1String("yes")) return true;
+    if (text == QLatin1String("false") || text == QLatin1String("no")) return false;
+    bool isNumber = false;
+    const double number = text.toDouble(&isNumber);
+    if (isNumber) return number != 0;
+    return std::nullopt;
+}
+
+QString rawText(std::string_view raw) {
+    return QString::fromLatin1(raw.data(), static_cast<qsizetype>(raw.size()));
+}
+
+DisplaySettings DisplaySettings::read(const QSettings& s) {
+    const auto flag = [&s](const char* key, bool fallback) {
+        return boolValue(s.value(QLatin1String(key))).value_or(fallback);
+    };
+    DisplaySettings d;
+    d.useCamelot = flag(settingsKey::useCamelot, false);
+    d.showNotes = flag(settingsKey::showNotes, true);
+    d.relativePreference =
+        relativePreferenceFromRaw(
+            s.value(QLatin1String(settingsKey::relativePreference)).toString().toStdString())
+            .value_or(KeyEstimate::RelativePreference::both);
+    d.showDecimals = flag(settingsKey::showDecimals, false);
+    d.compact = flag(settingsKey::compactBar, false);
+    return d;
+}
+
+AudioSourceKind storedSource(const QSettings& s) {
+    return s.value(QLatin1String(settingsKey::audioSource)).toString() == QLatin1String("microphone")
+               ? AudioSourceKind::microphone
+               : AudioSourceKind::systemAudio;
+}
+
+TempoRange storedRange(const QSettings& s) {
+    return tempoRangeFromRaw(s.value(QLatin1String(settingsKey::tempoRange)).toString().toStdString())
+        .value_or(TempoRange::Auto);
+}
+
+void store(QSettings& s, const char* key, bool value) {
+    s.setValue(QLatin1String(key), value);
+}
+
+void store(QSettings& s, AudioSourceKind kind) {
+    s.setValue(QLatin1String(settingsKey::audioSource), rawText(rawValue(kind)));
+}
+
+void store(QSettings& s, TempoRange range) {
+    s.setValue(QLatin1String(settingsKey::tempoRange), rawText(rawValue(range)));
+}
+
+void store(QSettings& s, KeyEstimate::RelativePreference preference) {
+    s.setValue(QLatin1String(settingsKey::relativePreference), rawText(rawValue(preference)));
+}
+
+}  // namespace velquin

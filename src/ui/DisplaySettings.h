@@ -1,0 +1,51 @@
+#pragma once
+// The user's display settings and where they are kept. Every setting lives under its own key in the
+// application's QSettings file; a missing or unreadable value falls back to its default silently.
+// Main thread only.
+
+#include <QSettings>
+#include <QString>
+#include <optional>
+
+#include "AudioSource.h"
+#include "MusicalKey.h"
+#include "TempoRange.h"
+
+namespace velquin {
+
+namespace settingsKey {
+inline constexpr const char* audioSource = "audioSource";
+inline constexpr const char* tempoRange = "tempoRange";
+inline constexpr const char* useCamelot = "useCamelot";
+inline constexpr const char* showNotes = "showNotes";
+inline constexpr const char* relativePreference = "relativePreference";
+inline constexpr const char* showDecimals = "showDecimals";
+inline constexpr const char* compactBar = "compactBar";
+}  // namespace settingsKey
+
+struct DisplaySettings {
+    bool useCamelot = false;  // keys in Camelot notation
+    bool showNotes = true;    // the note-strength line in the menu
+    KeyEstimate::RelativePreference relativePreference = KeyEstimate::RelativePreference::both;
+    bool showDecimals = false;  // BPM with one decimal
+    bool compact = false;       // two-line bar
+
+    static DisplaySettings read(const QSettings& settings);
+};
+
+// The stored capture source (system audio unless "microphone") and tempo range (auto unless known).
+AudioSourceKind storedSource(const QSettings& settings);
+TempoRange storedRange(const QSettings& settings);
+
+void store(QSettings& settings, const char* key, bool value);
+void store(QSettings& settings, AudioSourceKind kind);
+void store(QSettings& settings, TempoRange range);
+void store(QSettings& settings, KeyEstimate::RelativePreference preference);
+
+// A bool stored by this program or edited by hand: real bools, numbers and the usual words.
+std::optional<bool> boolValue(const QVariant& value);
+
+// A raw value ("verySlow", "microphone", …) as a QString.
+QString rawText(std::string_view raw);
+
+}  // namespace velquin

@@ -1,0 +1,38 @@
+#pragma once
+// The reading in the system tray, where a tray exists: the confidence ring as the icon, the status
+// line as the tooltip, the bar's menu on a click. Main thread only.
+
+#include <QObject>
+#include <functional>
+#include <memory>
+
+#include "Reading.h"
+
+class QMenu;
+class QSystemTrayIcon;
+
+namespace velquin {
+
+class TrayIcon : public QObject {
+    Q_OBJECT
+
+  public:
+    explicit TrayIcon(QMenu& menu);
+    ~TrayIcon() override;
+
+    // A left click on the icon.
+    std::function<void()> onTrigger;
+
+    // Shows the icon when a tray is there.
+    void show();
+    void update(const Reading& reading);
+    QSystemTrayIcon* icon() { return tray_.get(); }
+
+  private:
+    QMenu& menu_;
+    std::unique_ptr<QSystemTrayIcon> tray_;
+    Reading last_;
+    int shownConfidence_ = -1;
+};
+
+}  // namespace velquin

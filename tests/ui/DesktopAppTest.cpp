@@ -1,0 +1,373 @@
+#include <gtest/gtest.h>
+
+#include <QDropEvent>
+#include <QGuiApplication>
+#include <QMimeData>
+#include <QScreen>
+#include <QSettings>
+#include <QTemporaryDir>
+#include <QWidgetAction>
+#include <algorithm>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "DesktopApp.h"
+#include "UiTestSupport.h"
+
+namespace velquin {
+namespace {
+
+using Preference = KeyEstimate::RelativePreference;
+
+// Starts (or fails to) and never delivers a sample, so the service publishes nothing but silence.
+class ScriptedSource : public AudioSource {
+  public:
+    explicit ScriptedSource(std::optional<std::string> failure) : failure_(std::move(failure)) {}
+    double sampleRate() const override { return 48000; }
+    void start() override {
+        if (failure_) throw AudioSourceError::engineFailed(*failure_);
+    }
+    void stop() override {}
+
+  private:
+    std::optional<std::string> failure_;
+};
+
+KeyEstimate keyOf(int tonic, bool minor, double confidence, double tuningCents = 0) {
+    KeyEstimate key;
+    key.key = MusicalKey{tonic, minor};
+    key.confidence = confidence;
+    key.tuningCents = tuningCents;
+    key.chroma.fill(0.2);
+    key.chroma[static_cast<size_t>(tonic)] = 1.0;
+    return key;
+}
+
+class DesktopAppTest : public ::testing::Test {
+  protected:
+    QTemporaryDir dir;
+    std::vector<std::string> log;
+    std::vector<QString> errorAlerts;
+    std::vector<std::pair<QString, QString>> fileAlerts;
+    std::vector<QUrl> opened;
+    int beeps = 0;
+    bool useMicrophone = false;
+    std::optional<std::string> systemAudioFailure;
+    std::optional<QString> chosenFile;
+    std::unique_ptr<DesktopApp> app;
+
+    QString settingsPath() const { return dir.filePath(QStringLiteral("Velquin.conf")); }
+    void store(const QString& key, const QVariant& value) {
+        QSettings(settingsPath(), QSettings::IniFormat).setValue(key, value);
+    }
+    QVariant stored(const QString& key) { return QSettings(settingsPath(), QSettings::IniFormat).value(key); }
+
+    void launch() {
+        Dialogs dialogs{
+            .askUseMicrophone =
+                [this](const QString& message) {
+                    errorAlerts.push_back(message);
+                    return useMicrophone;
+                },
+            .showFileAlert = [this](const QString& message,
+                                    const QString& text) { fileAlerts.emplace_back(message, text); },
+            .chooseAudioFile = [this] { return chosenFile; },
+            .openUrl = [this](const QUrl& url) { opened.push_back(url); },
+            .beep = [this] { ++beeps; },
+        };
+        app.reset();
+        app = std::make_unique<DesktopApp>(DesktopApp::Options{
+            .log = [this](std::string_view line) { log.emplace_back(line); },
+            .settings = std::make_unique<QSettings>(settingsPath(), QSettings::IniFormat),
+            .sourceFactory =
+                [this](AudioSourceKind kind) {
+                    return std::make_unique<ScriptedSource>(
+                        kind == AudioSourceKind::systemAudio ? systemAudioFailure : std::nullopt);
+                },
+            .dialogs = dialogs,
+        });
+        app->launch();
+    }
+
+    // A file analysis that answers `result`, or throws `error` when there is no result.
+    void analyzerAnswers(std::optional<FileAnalysisResult> result, const std::string& error = "bad file") {
+        app->drops().analyzer = [result, error](const std::string&, TempoRange) {
+            if (!result) throw std::runtime_error(error);
+            return *result;
+        };
+    }
+
+    const AppMenu::Items& items() { return app->menu().items(); }
+    QString statusLine() { return app->menu().status(); }
+    StatusBarView& view() { return app->bar().view(); }
+    QStringList shelfLines() { return app->drops().shelf().zone().resultLines; }
+    bool checked(Preference p) { return items().relativeItems.at(p)->isChecked(); }
+    bool checked(TempoRange r) { return items().rangeItems.at(r)->isChecked(); }
+};
+
+TEST_F(DesktopAppTest, SettingsAreReadStoredAndFallBackToTheirDefaults) {
+    struct Case {
+        std::vector<std::pair<QString, QVariant>> stored;
+        bool camelot, notes, decimals, compact;
+        Preference preference;
+        TempoRange range;
+        AudioSourceKind source;
+    };
+    const std::vector<Case> cases = {
+        {{}, false, true, false, false, Preference::both, TempoRange::Auto, AudioSourceKind::systemAudio},
+        {{{"useCamelot", true},
+          {"showNotes", "maybe"},
+          {"relativePreference", "minor"},
+          {"showDecimals", "1"},
+          {"compactBar", "yes"},
+          {"tempoRange", "fast"},
+          {"audioSource", "microphone"}},
+         true,
+         true,
+         true,
+         true,
+         Preference::minor,
+         TempoRange::fast,
+         AudioSourceKind::microphone},
+        {{{"showNotes", false},
+          {"tempoRange", "Fast"},
+          {"audioSource", "speakers"},
+          {"relativePreference", "neither"}},
+         false,
+         false,
+         false,
+         false,
+         Preference::both,
+         TempoRange::Auto,
+         AudioSourceKind::systemAudio},
+    };
+    for (const Case& c : cases) {
+        QFile::remove(settingsPath());
+        for (const auto& [key, value] : c.stored) store(key, value);
+        launch();
+        EXPECT_EQ(items().camelotItem->isChecked(), c.camelot);
+        EXPECT_EQ(items().notesItem->isChecked(), c.notes);
+        EXPECT_EQ(items().decimalsItem->isChecked(), c.decimals);
+        EXPECT_EQ(items().compactItem->isChecked(), c.compact);
+        EXPECT_TRUE(checked(c.preference));
+        EXPECT_TRUE(checked(c.range));
+        EXPECT_EQ(app->service().range(), c.range);
+        EXPECT_EQ(app->service().kind(), c.source);
+        EXPECT_EQ(items().micItem->isChecked(), c.source == AudioSourceKind::microphone);
+        EXPECT_EQ(view().keySlot, c.camelot ? 7 : 6);
+        EXPECT_EQ(view().bpmSlot, c.decimals ? 5 : 3);
+        EXPECT_EQ(view().compact, c.compact);
+        EXPECT_EQ(app->bar().width(), static_cast<int>(view().preferredWidth()));
+        // Source and range are written back as read.
+        EXPECT_EQ(stored("tempoRange").toString().toStdString(), rawValue(c.range));
+        EXPECT_EQ(stored("audioSource").toString().toStdString(), rawValue(c.source));
+    }
+    // Toggles and choices are stored and read back by the next launch.
+    app->toggleCamelot();
+    app->toggleDecimals();
+    app->toggleCompact();
+    app->toggleNotes();
+    app->chooseRange(items().rangeItems.at(TempoRange::verySlow));
+    app->chooseRelative(items().relativeItems.at(Preference::major));
+    QAction bogus;
+    bogus.setData(QStringLiteral("presto"));
+    app->chooseRange(&bogus);
+    app->chooseRelative(&bogus);
+    launch();
+    EXPECT_TRUE(items().camelotItem->isChecked() && items().decimalsItem->isChecked() &&
+                items().compactItem->isChecked());
+    EXPECT_TRUE(items().notesItem->isChecked());
+    EXPECT_TRUE(checked(TempoRange::verySlow) && !checked(TempoRange::Auto));
+    EXPECT_TRUE(checked(Preference::major) && !checked(Preference::both));
+}
+
+TEST_F(DesktopAppTest, RenderFillsTheBarAndTheInformationLines) {
+    launch();
+    // The bar sits at the top right of the available area, 8 px in from the right edge.
+    const QRect area = QGuiApplication::primaryScreen()->availableGeometry();
+    EXPECT_EQ(app->bar().geometry().right(), area.right() - 8);
+    EXPECT_EQ(app->bar().y(), area.top());
+
+    std::vector<Reading> seen;
+    app->subscribe([&](const Reading& r) { seen.push_back(r); });
+    app->render({128, 0.8, 0}, keyOf(9, true, 0.9, 12.4));
+    EXPECT_EQ(view().keyText, "Am");
+    EXPECT_EQ(view().bpmText, "128");
+    EXPECT_DOUBLE_EQ(view().confidence, 0.8);
+    ASSERT_EQ(seen.size(), 1u);
+    EXPECT_EQ(seen[0].line(), "Am 128");
+    EXPECT_EQ(seen[0].status, statusLine());
+    EXPECT_EQ(app->bar().windowTitle(), statusLine() + " \u2014 Velquin");
+    EXPECT_TRUE(items().tuningLine->isVisible());
+    EXPECT_EQ(items().tuningLine->text(), "Tuned +12 cents from A440");
+    // The note line: the tonic bold; hidden without a key or when switched off.
+    EXPECT_TRUE(items().notesLine->isVisible());
+    EXPECT_EQ(app->menu().notesHtml().count("<b>"), 1);
+    EXPECT_TRUE(app->menu().notesHtml().contains("<b>A&nbsp;"));
+    app->toggleNotes();
+    EXPECT_FALSE(items().notesLine->isVisible());
+    app->toggleNotes();
+    app->render({120, 0.9, 0}, KeyEstimate::unknown);
+    EXPECT_FALSE(items().notesLine->isVisible());
+    EXPECT_FALSE(items().tuningLine->isVisible());
+}
+
+TEST_F(DesktopAppTest, StatusLineFollowsPauseSourcesAndErrors) {
+    systemAudioFailure = "no monitor source";
+    launch();
+    ASSERT_EQ(errorAlerts.size(), 1u);
+    EXPECT_EQ(errorAlerts[0].toStdString(), *app->service().lastError());
+    // The update after the error shows the error text.
+    EXPECT_EQ(statusLine().toStdString(), *app->service().lastError());
+    app->show("something broke");
+    EXPECT_EQ(statusLine(), "Error \u2014 see menu");
+
+    app->chooseMic();
+    app->render({}, KeyEstimate::unknown);
+    EXPECT_EQ(statusLine(), "Listening to Microphone\u2026");
+    app->togglePause();
+    EXPECT_TRUE(items().pauseItem->isChecked());
+    EXPECT_FALSE(app->service().isRunning());
+    EXPECT_EQ(statusLine(), "Paused");
+    // Choosing a source ends the pause; "Use Microphone Instead" after a failure switches over.
+    useMicrophone = true;
+    app->chooseSystem();
+    EXPECT_FALSE(items().pauseItem->isChecked());
+    EXPECT_EQ(errorAlerts.size(), 3u);
+    EXPECT_TRUE(items().micItem->isChecked() && !items().systemItem->isChecked());
+    EXPECT_EQ(app->service().kind(), AudioSourceKind::microphone);
+    EXPECT_EQ(stored("audioSource").toString(), "microphone");
+    EXPECT_EQ(statusLine(), "Listening to Microphone\u2026");
+
+    // Copy takes the live values; with nothing estimated it only beeps.
+    app->copyBoth();
+    EXPECT_EQ(beeps, 1);
+    app->openHelp();
+    ASSERT_EQ(opened.size(), 1u);
+    EXPECT_TRUE(opened[0].isLocalFile() && opened[0].path().endsWith("/install.html"));
+    EXPECT_EQ(opened[0].fragment(), "troubleshooting");
+}
+
+TEST_F(DesktopAppTest, ADroppedFileShowsOnTheShelfThenInTheBarForAWhile) {
+    launch();
+    analyzerAnswers(FileAnalysisResult{{120, 0.9, 0}, keyOf(9, true, 0.8)});
+    app->drops().analyzeDropped(QUrl::fromLocalFile("/music/a.wav"));
+    EXPECT_EQ(view().keyText, "...");
+    EXPECT_EQ(view().bpmText, "");
+    EXPECT_EQ(shelfLines(), (QStringList{"Listening to file\u2026", "", "a.wav"}));
+    EXPECT_EQ(log.back(), "dropped: a.wav");
+
+    ASSERT_TRUE(test::waitUntil([&] { return app->fileResult().has_value(); }, 10000));
+    EXPECT_EQ(shelfLines(), (QStringList{"A minor", "8A  \u00b7  120 BPM", "a.wav"}));
+    EXPECT_TRUE(app->drops().shelf().isVisible());
+    EXPECT_EQ(app->drops().shelf().pendingHideSeconds(), 4.0);
+    EXPECT_TRUE(view().showingFile);
+    // Live updates keep showing the file while it is in the bar.
+    app->render({90, 0.5, 0}, KeyEstimate::unknown);
+    EXPECT_EQ(view().bpmText, "120");
+    EXPECT_TRUE(items().fileLine->isVisible());
+
+    // Another drop restarts the time in the bar; this one is up at once. The file line stays until Reset.
+    app->fileInBarSeconds = 0;
+    app->drops().analyzeDropped(QUrl::fromLocalFile("/music/b.wav"));
+    ASSERT_TRUE(
+        test::waitUntil([&] { return app->fileResult()->name == "b.wav" && !app->fileInBar(); }, 10000));
+    EXPECT_FALSE(view().showingFile);
+    EXPECT_TRUE(items().fileLine->isVisible());
+    app->resetAll();
+    app->render({}, KeyEstimate::unknown);
+    EXPECT_FALSE(items().fileLine->isVisible());
+
+    // An unreadable file leaves the live display and shows no alert.
+    analyzerAnswers(std::nullopt);
+    app->drops().analyzeDropped(QUrl::fromLocalFile("/music/broken.mp3"));
+    ASSERT_TRUE(test::waitUntil([&] { return shelfLines().value(0) == "Could not read that file"; }, 10000));
+    EXPECT_EQ(shelfLines(), (QStringList{"Could not read that file", "", "broken.mp3"}));
+    EXPECT_FALSE(app->fileResult());
+    EXPECT_EQ(view().bpmText, "---");
+    EXPECT_TRUE(errorAlerts.empty());
+}
+
+TEST_F(DesktopAppTest, MenuAnalysisShowsAnAlertAndLeavesTheBarAlone) {
+    launch();
+    analyzerAnswers(FileAnalysisResult{{120, 0.9, 0}, keyOf(9, true, 0.8)});
+    app->analyzeFile();  // cancelled
+    QTest::qWait(50);
+    EXPECT_TRUE(fileAlerts.empty());
+
+    chosenFile = "/music/song.m4a";
+    app->analyzeFile();
+    ASSERT_TRUE(test::waitUntil([&] { return !fileAlerts.empty(); }, 10000));
+    EXPECT_EQ(fileAlerts[0].first, "song.m4a");
+    EXPECT_EQ(fileAlerts[0].second, "A minor  (8A)  80% sure\n120 BPM  90% sure");
+    EXPECT_FALSE(app->fileResult());
+    EXPECT_FALSE(view().showingFile);
+
+    analyzerAnswers(std::nullopt, "Could not open the file.");
+    app->analyzeFile();
+    ASSERT_TRUE(test::waitUntil([&] { return !errorAlerts.empty(); }, 10000));
+    EXPECT_EQ(errorAlerts[0], "Could not open the file.");
+}
+
+TEST_F(DesktopAppTest, ADropOnTheBarLocatesItOpensTheShelfAndMeasuresTheFile) {
+    launch();
+    analyzerAnswers(FileAnalysisResult{{100, 0.9, 0}, keyOf(9, true, 0.8)});
+    BarWindow& bar = app->bar();
+    const QRect frame = bar.frameGeometry();
+    QCursor::setPos(frame.topLeft() + QPoint(12 + 5, 5));  // the bar is really 12 px right of its frame
+    QMimeData data;
+    data.setUrls({QUrl::fromLocalFile("/notes/a.txt"), QUrl::fromLocalFile("/music/b.ogg")});
+    QDragEnterEvent enter(QPoint(5, 5), Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
+    test::deliver(&bar, &enter, &app->drops().dropTarget());
+    EXPECT_TRUE(enter.isAccepted());
+    EXPECT_EQ(app->drops().knownItemFrame(), frame.translated(12, 0));
+    EXPECT_EQ(app->drops().shelf().panel().y(), frame.y() + frame.height() + 6);
+    QDropEvent drop(QPointF(5, 5), Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
+    test::deliver(&bar, &drop, &app->drops().dropTarget());
+    ASSERT_TRUE(test::waitUntil([&] { return app->fileResult().has_value(); }, 10000));
+    EXPECT_EQ(app->fileResult()->name, "b.ogg");
+    const auto at = std::find(log.begin(), log.end(), "item: drag entered");
+    ASSERT_NE(at + 1, log.end());
+    EXPECT_EQ(at[1], "item located at QRect(" + std::to_string(frame.x() + 12) + "," +
+                         std::to_string(frame.y()) + " " + std::to_string(frame.width()) +
+                         "x22); window says QRect(" + std::to_string(frame.x()) + "," +
+                         std::to_string(frame.y()) + " " + std::to_string(frame.width()) +
+                         "x22); offset 12.0");
+    // The same place again is not logged again.
+    const size_t lines = log.size();
+    app->drops().locate(frame.translated(12, 0));
+    EXPECT_EQ(log.size(), lines);
+}
+
+TEST_F(DesktopAppTest, TheDragWatcherShowsKeepsAndHidesTheShelf) {
+    launch();
+    DropCoordinator& drops = app->drops();
+    DropShelf& shelf = drops.shelf();
+    const QRect screen = QGuiApplication::primaryScreen()->geometry();
+    drops.showShelf(std::nullopt);                              // unknown bar: nothing to show under
+    drops.leftMouseDragged(screen.topLeft() + QPoint(10, 10));  // left of the top band
+    EXPECT_FALSE(shelf.isVisible());
+
+    // In the top band: under a rectangle guessed around the pointer. Then each move's effect on the hide.
+    const QPoint m(screen.x() + screen.width() / 2, screen.top() + 10);
+    drops.leftMouseDragged(m);
+    ASSERT_TRUE(shelf.isVisible());
+    EXPECT_EQ(shelf.panel().pos(), QPoint(m.x() - 150, screen.top() + 24 + 6));
+    const std::vector<std::pair<QPoint, std::optional<double>>> moves = {
+        {{m.x(), screen.top() + 24 + 150}, std::nullopt},  // on the shelf
+        {{m.x(), screen.top() + 24 + 230}, 0.6},           // below it
+        {{m.x() + 100, screen.top() + 24 + 100}, std::nullopt},
+    };
+    for (const auto& [point, hide] : moves) {
+        drops.leftMouseDragged(point);
+        EXPECT_EQ(shelf.pendingHideSeconds(), hide);
+    }
+    drops.leftMouseUp();
+    EXPECT_EQ(shelf.pendingHideSeconds(), 0.5);
+}
+
+}  // namespace
+}  // namespace velquin
