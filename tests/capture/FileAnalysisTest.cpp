@@ -56,8 +56,8 @@ TEST(FileAnalysis, ThreadedAndSequentialAgreeBitForBit) {
     test::mixInto(other, test::progression({{66, 69, 73}, {61, 64, 68}}, 48000, 20), 0.5f);
     song.insert(song.end(), other.begin(), other.end());  // a song change for the live pair
     test::writeWav(dir / "change.wav", {song, song}, 48000, true);
-    auto long_ = test::progression({{63, 66, 70}, {59, 63, 66}, {66, 70, 73}}, 22050, 240);
-    test::mixInto(long_, test::clickTrain(93, 22050, 240), 0.6f);
+    auto long_ = test::progression({{63, 66, 70}, {59, 63, 66}, {66, 70, 73}}, 22050, 120);
+    test::mixInto(long_, test::clickTrain(93, 22050, 120), 0.6f);
     test::writeWav(dir / "long.wav", {long_}, 22050);
 
     using FileAnalysis::Execution;
