@@ -12,9 +12,16 @@
 #   OUTDIR/shelf.png    the shelf with the dropped file's result
 #   OUTDIR/bar-file.png the bar showing the dropped file's result (accent colour)
 #   OUTDIR/velquin.log  the program's diagnostic log; velquin.out and drag.out: what the programs printed
+#   OUTDIR/first-launch.png  the menu a first launch opens, with its hint
+#   OUTDIR/openbox.png  under openbox: a maximized window, its title bar clear of the bar
+#   OUTDIR/workspace2.png   the same on workspace 2, the bar still there
+#   OUTDIR/late-tray.png    a tray started 5 s after Velquin, with Velquin's icon (4x)
 #
 # Checks (exit 1 when one fails): the bar's window title, which carries the menu's status line, names the
 # fixture's key (A minor) and a tempo of 120 BPM; the drag opened the shelf and the drop reached it.
+# Then, under openbox with a maximized window: the bar leaves the window's title bar as it was, shows on
+# workspace 2, moves when dragged and comes back there after a restart; a second launch leaves exactly
+# one bar; a tray started 5 s after Velquin shows its icon. Skipped when openbox or wmctrl is missing.
 # Environment: VELQUIN_BIN (default build/velquin), DRAG_SOURCE_BIN (default build/tests/ui_drag_source).
 # Needs Xvfb, pulseaudio, xdotool, imagemagick and trayer (scripts/setup.sh installs them). Exit 77 when
 # something needed is missing.
@@ -155,7 +162,11 @@ if command -v trayer >/dev/null; then
     convert "$OUT/screen.png" -crop 120x28+0+0 +repage -scale 400% "$OUT/tray.png"
 fi
 
-# --- the menu, from a left click on the bar ------------------------------------------------------------
+# --- the first launch opened the menu with a hint; then the menu from a left click on the bar -----------
+import -window root "$WORK/first-screen.png"
+convert "$WORK/first-screen.png" -crop "680x$((560))+$((1280 - 680))+0" +repage "$OUT/first-launch.png"
+xdotool key Escape
+sleep 0.3
 xdotool mousemove $((BX + BW / 2)) $((BY + BH / 2)) click 1
 sleep 1
 import -window root "$WORK/menu-screen.png"
@@ -210,7 +221,119 @@ cp "$WORK/velquin.out" "$OUT/velquin.out"
 kill "$vpid" 2>/dev/null || true
 wait "$vpid" 2>/dev/null || true
 
+# --- under a window manager ---------------------------------------------------------------------------
+wm_status=skip
+bar_windows() {  # the bars among the program's windows
+    local w n=0
+    for w in $(xdotool search --class velquin 2>/dev/null); do
+        [[ "$(xdotool getwindowname "$w" 2>/dev/null)" == *" — Velquin" ]] && xwininfo -id "$w" | grep -q IsViewable && n=$((n + 1))
+    done
+    echo "$n"
+}
+find_bar() {
+    local b=""
+    for _ in $(seq 100); do
+        b=$(xdotool search --name ' — Velquin$' 2>/dev/null | head -1 || true)
+        [ -n "$b" ] && xwininfo -id "$b" | grep -q IsViewable && break
+        b=""
+        sleep 0.1
+    done
+    echo "$b"
+}
+if command -v openbox >/dev/null && command -v wmctrl >/dev/null && command -v xmessage >/dev/null; then
+    wm_status=ok
+    fail() { echo "FAIL (openbox): $*" >&2; wm_status=fail; }
+    exec {wfd}<> <(:)
+    Xvfb -displayfd "$wfd" -screen 0 1280x800x24 -nolisten tcp >"$WORK/xvfb-wm.log" 2>&1 &
+    pids+=($!)
+    read -r -t 10 -u "$wfd" wnum
+    export DISPLAY=:$wnum
+    export XDG_CONFIG_HOME=$WORK/config-wm
+    mkdir -p "$XDG_CONFIG_HOME"
+    openbox >"$WORK/openbox.log" 2>&1 &
+    pids+=($!)
+    sleep 1
+    wmctrl -n 2
+    xmessage -name maximized -geometry 500x300+100+100 "A maximized window" &
+    pids+=($!)
+    sleep 1
+    wmctrl -r maximized -b add,maximized_vert,maximized_horz
+    sleep 0.5
+    win=$(xdotool search --classname maximized | head -1)
+    top=$(xprop -id "$win" _NET_FRAME_EXTENTS 2>/dev/null |
+        sed -n 's/.*= *[0-9]*, *[0-9]*, *\([0-9]*\),.*/\1/p')
+    top=${top:-24}
+    import -window root "$WORK/wm-before.png"
+    convert "$WORK/wm-before.png" -crop "240x${top}+1040+0" +repage "$WORK/titlebar-before.png"
+
+    "$VELQUIN" >"$WORK/velquin-wm.out" 2>&1 &
+    wpid=$!
+    pids+=($wpid)
+    started=$(date +%s.%N)
+    wbar=$(find_bar)
+    [ -n "$wbar" ] || fail "the bar did not appear"
+    sleep 1
+    xdotool key Escape  # the first launch's menu
+    sleep 0.5
+    import -window root "$OUT/openbox.png"
+    convert "$OUT/openbox.png" -crop "240x${top}+1040+0" +repage "$WORK/titlebar-after.png"
+    changed=$(compare -metric AE "$WORK/titlebar-before.png" "$WORK/titlebar-after.png" null: 2>&1 || true)
+    [ "${changed%% *}" = 0 ] && echo "ok: the title bar's buttons are clear of the bar" ||
+        fail "the bar changes $changed pixels of the title bar"
+
+    # The tray comes 5 s after Velquin.
+    sleep "$(python3 -c "print(max(0.0, 5 - ($(date +%s.%N) - $started)))")"
+    trayer --edge bottom --align left --widthtype pixel --width 120 --height 28 --SetDockType true \
+        --transparent false --tint 0x303030 >/dev/null 2>&1 &
+    pids+=($!)
+    sleep 2
+    import -window root "$WORK/tray-screen.png"
+    convert "$WORK/tray-screen.png" -crop 120x28+0+772 +repage -scale 400% "$OUT/late-tray.png"
+    colours=$(convert "$WORK/tray-screen.png" -crop 120x28+0+772 +repage -format %k info:)
+    [ "$colours" -gt 4 ] && echo "ok: the late tray shows the icon" || fail "the late tray stays empty"
+
+    wmctrl -s 1
+    sleep 0.7
+    [ "$(bar_windows)" = 1 ] && echo "ok: the bar is on workspace 2" || fail "no bar on workspace 2"
+    import -window root "$OUT/workspace2.png"
+    wmctrl -s 0
+    sleep 0.5
+
+    # Drag the bar by its middle to the left half of the screen.
+    eval "$(xdotool getwindowgeometry --shell "$wbar")"
+    xdotool mousemove $((X + WIDTH / 2)) $((Y + HEIGHT / 2)) mousedown 1
+    for i in $(seq 1 10); do xdotool mousemove $((X + WIDTH / 2 - 50 * i)) $((Y + HEIGHT / 2 + 20 * i)); sleep 0.05; done
+    xdotool mouseup 1
+    sleep 0.5
+    eval "$(xdotool getwindowgeometry --shell "$wbar")"
+    moved_x=$X moved_y=$Y
+    if [ "$moved_x" -lt 900 ]; then echo "ok: the drag moved the bar to $moved_x,$moved_y"; else fail "the bar stayed at $moved_x,$moved_y"; fi
+    kill "$wpid"; wait "$wpid" 2>/dev/null || true
+    "$VELQUIN" >>"$WORK/velquin-wm.out" 2>&1 &
+    wpid=$!
+    pids+=($wpid)
+    wbar=$(find_bar)
+    sleep 0.5
+    eval "$(xdotool getwindowgeometry --shell "$wbar")"
+    if [ $((X - moved_x)) -ge -2 ] && [ $((X - moved_x)) -le 2 ] && [ $((Y - moved_y)) -ge -2 ] && [ $((Y - moved_y)) -le 2 ]; then
+        echo "ok: the bar came back at $X,$Y"
+    else
+        fail "after a restart the bar is at $X,$Y, not $moved_x,$moved_y"
+    fi
+
+    # A second launch asks the first to show its menu and leaves.
+    second=0
+    timeout 10 "$VELQUIN" >"$WORK/velquin-second.out" 2>&1 || second=$?
+    sleep 0.5
+    n=$(bar_windows)
+    if [ "$second" = 0 ] && [ "$n" = 1 ]; then echo "ok: a second launch leaves one bar"; else fail "second launch: exit $second, $n bars"; fi
+    xdotool key Escape
+    kill "$wpid"; wait "$wpid" 2>/dev/null || true
+    cp "$WORK/velquin-wm.out" "$OUT/velquin-wm.out"
+fi
+
 status=0
+[ "$wm_status" = fail ] && status=1
 if [ "$ok" = 1 ]; then echo "ok: the bar shows A minor at 120 BPM"; else echo "FAIL: the bar shows: $title" >&2; status=1; fi
 if [ -x "$DRAG_SOURCE" ]; then
     if [ "$shelf_ok" = 1 ]; then echo "ok: the drag was dropped with copy"; else echo "FAIL: the drop did not land" >&2; status=1; fi

@@ -10,9 +10,9 @@ VELQUIN_PACKAGES=(
     build-essential cmake ninja-build pkg-config python3
     qt6-base-dev libfftw3-dev libavformat-dev libavcodec-dev libavutil-dev libswresample-dev
     libsndfile1-dev libpulse-dev libxcb1-dev libxcb-xfixes0-dev
-    libgtest-dev libgmock-dev libbenchmark-dev
+    libgtest-dev libgmock-dev libbenchmark-dev libtag1-dev libsqlite3-dev
     pulseaudio pulseaudio-utils xvfb xauth x11-utils ffmpeg clang libclang-rt-14-dev locales time
-    trayer xdotool imagemagick
+    trayer xdotool imagemagick openbox wmctrl dbus desktop-file-utils appstream
 )
 
 velquin_install_packages() {

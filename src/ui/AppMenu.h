@@ -1,7 +1,8 @@
 #pragma once
 // The bar's menu: the information lines at the top (status, note strengths, tuning, last file), the
 // source, the settings, the file actions and Quit. It only shows state; the owner connects the items'
-// triggered signals to its actions. Main thread only.
+// triggered signals to its actions. The information lines are labels in the normal text colour, not
+// greyed items; the menu answers its items' shortcuts while it is open. Main thread only.
 
 #include <QMenu>
 #include <QString>
@@ -25,10 +26,11 @@ class AppMenu {
     using RelativePreference = KeyEstimate::RelativePreference;
 
     struct Items {
-        QAction* statusLine = nullptr;
+        QWidgetAction* statusLine = nullptr;
+        QWidgetAction* hintLine = nullptr;
         QWidgetAction* notesLine = nullptr;
-        QAction* tuningLine = nullptr;
-        QAction* fileLine = nullptr;
+        QWidgetAction* tuningLine = nullptr;
+        QWidgetAction* fileLine = nullptr;
         QAction* systemItem = nullptr;
         QAction* micItem = nullptr;
         QAction* pauseItem = nullptr;
@@ -36,6 +38,7 @@ class AppMenu {
         QAction* notesItem = nullptr;
         QAction* decimalsItem = nullptr;
         QAction* compactItem = nullptr;
+        QAction* floatItem = nullptr;
         QAction* copyItem = nullptr;
         QAction* analyzeItem = nullptr;
         QAction* resetItem = nullptr;
@@ -54,13 +57,21 @@ class AppMenu {
     QMenu& menu() { return *menu_; }
     const Items& items() const { return items_; }
 
+    // The status line, shortened to 60 characters; the whole text is its tooltip.
     void setStatus(const QString& text);
     QString status() const;
+    // What an information line shows; empty while it is hidden.
+    static QString lineText(const QWidgetAction* line);
+    // The first-launch hint under the status line.
+    void showHint(bool shown);
     // Rich text of the note-strength line; absent hides it.
     void setNotes(const std::optional<QString>& html);
     QString notesHtml() const;
     void setTuning(const std::optional<QString>& text);
     void setFileLine(const std::optional<QString>& text);
+
+    // An open menu whose lines grew wider is moved back inside its screen.
+    void keepOnScreen();
 
     void checkSource(AudioSourceKind kind);
     void checkRange(TempoRange range);
@@ -68,11 +79,11 @@ class AppMenu {
 
   private:
     void createItems();
+    QWidgetAction* createLine(bool richText);
 
     std::unique_ptr<QMenu> menu_;  // owns every item and submenu
     Items items_;
-    std::unique_ptr<QWidgetAction> notesLine_;  // after the menu, so it leaves the menu before the menu goes
-    QLabel* notesLabel_ = nullptr;              // owned by notesLine_
+    QString status_;
 };
 
 }  // namespace velquin

@@ -11,6 +11,7 @@
 
 #include "DesktopApp.h"
 #include "PlatformChoice.h"
+#include "SingleInstance.h"
 #include "XdgPaths.h"
 
 namespace velquin {
@@ -55,12 +56,18 @@ int runDesktopApp(int argc, char** argv, LogSink log, bool showShelfAtLaunch) {
     QCoreApplication::setOrganizationName(QStringLiteral("Velquin"));
     QCoreApplication::setApplicationName(QStringLiteral("Velquin"));
     QGuiApplication::setApplicationDisplayName(QStringLiteral("Velquin"));
-    QGuiApplication::setDesktopFileName(QStringLiteral("velquin"));
+    QGuiApplication::setDesktopFileName(QStringLiteral("org.orvane.Velquin"));
     // Alerts and the file picker are the only ordinary windows; closing them must not end the program.
     QApplication::setQuitOnLastWindowClosed(false);
     if (throughXWayland && log) log("platform: xcb through XWayland");
 
+    SingleInstance instance;
+    if (!instance.claim()) {
+        if (log) log("another Velquin runs; asked it to show its menu");
+        return 0;
+    }
     DesktopApp desktop({.log = std::move(log), .showShelfAtLaunch = showShelfAtLaunch});
+    instance.onShowRequest = [&desktop] { desktop.showMenu(); };
     QObject::connect(&app, &QCoreApplication::aboutToQuit, &desktop, &DesktopApp::shutDown);
     // Launching inside the loop lets a start-up alert run its own modal loop like any later one.
     QTimer::singleShot(0, &desktop, &DesktopApp::launch);

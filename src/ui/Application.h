@@ -6,7 +6,8 @@
 // Prefers X11 (XWayland) on a Wayland session, creates the QApplication ("Velquin" as organization
 // and application, so the settings live in ~/.config/Velquin/Velquin.conf), creates the DesktopApp,
 // launches it from inside the event loop and runs the loop until the user quits from the menu. The
-// service is stopped when the application is about to quit. Returns 0 when the loop ends.
+// service is stopped when the application is about to quit. When another Velquin already runs, asks
+// it to show its menu and returns 0 at once. Returns 0 when the loop ends.
 // `showShelfAtLaunch` opens the drop shelf briefly after launch, to check where it lands.
 
 #include "LogSink.h"

@@ -16,6 +16,14 @@ void acceptCopy(QDropEvent* event) {
     event->accept();
 }
 
+// Playlists and cue sheets carry audio MIME types but hold only names of other files.
+bool isPlaylist(const QString& path) {
+    static const QStringList extensions = {QStringLiteral("m3u"), QStringLiteral("m3u8"), QStringLiteral("pls"),
+                                           QStringLiteral("cue")};
+    const QString suffix = path.section(QLatin1Char('.'), -1).toLower();
+    return path.contains(QLatin1Char('.')) && extensions.contains(suffix);
+}
+
 bool isAudioOrMovie(const QMimeType& type) {
     const auto playable = [](const QString& name) {
         return name.startsWith(QLatin1String("audio/")) || name.startsWith(QLatin1String("video/"));
@@ -40,7 +48,7 @@ std::optional<QUrl> BarDropTarget::audioURL(const QMimeData* from) {
     if (!from || !from->hasUrls()) return std::nullopt;
     const QMimeDatabase types;
     for (const QUrl& url : from->urls()) {
-        if (!url.isLocalFile()) continue;
+        if (!url.isLocalFile() || isPlaylist(url.fileName())) continue;
         if (isAudioOrMovie(types.mimeTypeForFile(url.toLocalFile(), QMimeDatabase::MatchExtension))) return url;
     }
     return std::nullopt;

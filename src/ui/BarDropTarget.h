@@ -31,7 +31,8 @@ public:
 
     void attach(QWidget* window);
 
-    // The first local file among the drag's URLs whose extension names an audio or movie type. Only
+    // The first local file among the drag's URLs whose extension names an audio or movie type,
+    // playlists excepted. Only
     // the name is judged; the file is not opened.
     static std::optional<QUrl> audioURL(const QMimeData* from);
 

@@ -1,7 +1,8 @@
 #pragma once
-// The bar: a small frameless window that stays above other windows, has no taskbar entry and never
-// takes the keyboard focus. It holds one StatusBarView filling it; the owner sets its length (width)
-// from the view's preferredWidth() and places it with move(). Main thread only.
+// The bar: a small frameless window that stays above other windows on every workspace, is skipped by
+// taskbars and pagers and never takes the keyboard focus. It holds one StatusBarView filling it; the
+// owner sets its length (width) from the view's preferredWidth() and places it with move(). Main
+// thread only.
 
 #include <QWidget>
 
@@ -12,7 +13,7 @@ namespace velquin {
 class BarWindow : public QWidget {
     Q_OBJECT
 
-public:
+  public:
     static constexpr int barHeight = 22;
 
     BarWindow();
@@ -21,10 +22,11 @@ public:
     // Width in logical pixels, rounded up; the height stays 22.
     void setLength(double length);
 
-protected:
+  protected:
     void resizeEvent(QResizeEvent* event) override;
+    void showEvent(QShowEvent* event) override;
 
-private:
+  private:
     StatusBarView view_{this};
 };
 

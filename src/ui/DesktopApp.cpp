@@ -14,11 +14,13 @@
 #ifndef VELQUIN_INSTALLED_HELP
 #define VELQUIN_INSTALLED_HELP ""
 #endif
+#ifndef VELQUIN_HELP_FROM_BIN
+#define VELQUIN_HELP_FROM_BIN "../share/doc/velquin/install.html"
+#endif
 
 namespace velquin {
 namespace {
 
-constexpr int barMargin = 8;  // from the right edge of the screen's available area
 constexpr int shelfAtLaunchDelayMs = 1000;
 constexpr double shelfAtLaunchSeconds = 6.0;
 
@@ -31,7 +33,9 @@ DesktopApp::DesktopApp(Options options)
       service_(std::move(options.sourceFactory)),
       showShelfAtLaunch_(options.showShelfAtLaunch),
       bar_(std::make_unique<BarWindow>()),
+      barPosition_(*bar_, *store_),
       tray_(menu_.menu()),
+      panel_(menu_.menu(), tray_, log_),
       drops_(log_) {
     fileTimer_.setSingleShot(true);
     connect(&fileTimer_, &QTimer::timeout, this, [this] {
@@ -60,6 +64,7 @@ void DesktopApp::connectItems() {
     on(items.notesItem, &DesktopApp::toggleNotes);
     on(items.decimalsItem, &DesktopApp::toggleDecimals);
     on(items.compactItem, &DesktopApp::toggleCompact);
+    on(items.floatItem, &DesktopApp::toggleFloatBar);
     on(items.copyItem, &DesktopApp::copyBoth);
     on(items.analyzeItem, &DesktopApp::analyzeFile);
     on(items.resetItem, &DesktopApp::resetAll);
@@ -89,18 +94,17 @@ void DesktopApp::installQuitShortcuts() {
 
 void DesktopApp::launch() {
     installQuitShortcuts();
+    const bool firstLaunch = store_->allKeys().isEmpty();
     settings_ = DisplaySettings::read(*store_);
 
     StatusBarView& view = bar_->view();
-    view.onClick = [this] { openMenuUnderBar(); };
+    view.onClick = [this] { showMenu(); };
     view.onLocate = [this](const QRect& r) { drops_.locate(r); };
+    view.onMove = [this](const QPoint& topLeft) { bar_->move(topLeft); };
+    view.onMoveEnd = [this] { barPosition_.remember(); };
     drops_.barFrame = [this] { return bar_->frameGeometry(); };
     drops_.range = [this] { return service_.range(); };
-    drops_.onWorking = [this](const QString&) {
-        bar_->view().keyText = QStringLiteral("...");
-        bar_->view().bpmText = QString();
-        bar_->view().update();
-    };
+    drops_.onWorking = [this](const QString&) { rerender(); };
     drops_.describe = [this](const QString& name, const FileAnalysisResult& result) {
         return text::shelfLines(name, result.tempo, result.key, settings_);
     };
@@ -109,17 +113,23 @@ void DesktopApp::launch() {
     };
     drops_.attach(*bar_);
     connect(&menu_.menu(), &QMenu::aboutToShow, this, [this] { bar_->view().setHighlighted(true); });
-    connect(&menu_.menu(), &QMenu::aboutToHide, this, [this] { bar_->view().setHighlighted(false); });
+    connect(&menu_.menu(), &QMenu::aboutToHide, this, [this] {
+        bar_->view().setHighlighted(false);
+        menu_.showHint(false);
+    });
 
     const bool watching = drops_.watchDrags();
     if (log_) log_(std::string("drag monitor installed: ") + (watching ? "true" : "false"));
 
     menu_.build(settings_);
     applyFixedWidth();
-    placeBar();
-    bar_->show();
+    barPosition_.place();
+    barPosition_.watchScreens();
+    bar_->setVisible(settings_.floatBar);
     tray_.onTrigger = [this] { menu_.menu().popup(QCursor::pos()); };
-    tray_.show();
+    menu_.menu().insertAction(menu_.items().helpItem, panel_.loginItem());
+    subscribe([this](const Reading& reading) { panel_.update(reading, settings_); });
+    panel_.start();
 
     if (showShelfAtLaunch_) {
         QTimer::singleShot(shelfAtLaunchDelayMs, this, [this] {
@@ -135,28 +145,30 @@ void DesktopApp::launch() {
         if (self) self->render(tempo, key);
     };
     service_.onError = [self](const std::string& message) {
-        const QString text =
-            QString::fromStdString(message);  // the service may replace its copy while the alert is open
+        // The service may replace its copy while the alert is open.
+        const QString text = QString::fromStdString(message);
         if (self) self->show(text);
     };
 
     applyRange(storedRange(*store_));
     start(storedSource(*store_));
+    if (firstLaunch) {
+        // Once, so that a new user learns where the menu is and that the bar moves.
+        menu_.showHint(true);
+        QTimer::singleShot(0, this, [this] { showMenu(); });
+    }
 }
 
 void DesktopApp::shutDown() {
     service_.stop();
 }
 
-void DesktopApp::placeBar() {
-    QScreen* screen = QGuiApplication::primaryScreen();
-    if (!screen) return;
-    const QRect area = screen->availableGeometry();
-    bar_->move(area.x() + area.width() - barMargin - bar_->width(), area.y());
-}
-
-void DesktopApp::openMenuUnderBar() {
-    menu_.menu().popup(bar_->mapToGlobal(QPoint(0, bar_->height())));
+void DesktopApp::showMenu() {
+    if (bar_->isVisible()) {
+        menu_.menu().popup(bar_->mapToGlobal(QPoint(0, bar_->height())));
+    } else {
+        menu_.menu().popup(QCursor::pos());
+    }
 }
 
 void DesktopApp::subscribe(std::function<void(const Reading&)> display) {
@@ -169,11 +181,13 @@ void DesktopApp::publish() {
     view.bpmText = reading_.bpmText;
     view.confidence = reading_.confidence;
     view.showingFile = reading_.showingFile;
+    view.setToolTip(reading_.status);
     view.update();
     // The window title carries the status too: scripts and accessibility tools can read it there.
     const QString windowTitle = reading_.status + QStringLiteral(" \u2014 Velquin");
     if (bar_->windowTitle() != windowTitle) bar_->setWindowTitle(windowTitle);
     tray_.update(reading_);
+    menu_.keepOnScreen();
     for (const auto& display : displays_) display(reading_);
 }
 
@@ -196,8 +210,10 @@ void DesktopApp::render(const TempoEstimate& liveTempo, const KeyEstimate& liveK
     menu_.setFileLine(fileResult_ ? std::optional(text::fileLine(fileResult_->name, fileResult_->tempo,
                                                                  fileResult_->key, settings_))
                                   : std::nullopt);
-    reading_.keyText = text::barKey(key, settings_);
-    reading_.bpmText = text::barBpm(tempo, settings_);
+    const bool working = drops_.isBusy() && !showingFile;
+    // While a dropped file is measured the bar says so and no live value replaces that.
+    reading_.keyText = working ? QStringLiteral("...") : text::barKey(key, settings_);
+    reading_.bpmText = working ? QString() : text::barBpm(tempo, settings_);
     reading_.confidence = text::ringConfidence(tempo, key);
     reading_.showingFile = showingFile;
     reading_.status = statusText(tempo, key);
@@ -206,6 +222,8 @@ void DesktopApp::render(const TempoEstimate& liveTempo, const KeyEstimate& liveK
                        ? std::optional(text::noteLineHtml(key, menu_.menu().palette()))
                        : std::nullopt);
     menu_.setTuning(text::tuningLine(key));
+    const bool nothingYet = !working && !showingFile && !(tempo.bpm > 0) && !key.key;
+    bar_->view().hint = nothingYet && service_.isRunning() ? QStringLiteral("listening\u2026") : QString();
     publish();
 }
 
@@ -237,13 +255,19 @@ void DesktopApp::start(AudioSourceKind kind) {
     menu_.checkSource(kind);
     render(TempoEstimate{}, KeyEstimate::unknown);
     service_.start(kind);
+    // Say at once that it listens, rather than "Stopped" until the first tick.
+    if (service_.isRunning()) rerender();
 }
 
 void DesktopApp::show(const QString& error) {
     reading_.status = QStringLiteral("Error \u2014 see menu");
     menu_.setStatus(reading_.status);
     publish();
-    if (dialogs.askUseMicrophone && dialogs.askUseMicrophone(error)) start(AudioSourceKind::microphone);
+    const AudioSourceKind failed = service_.kind();
+    if (dialogs.askOtherSource && dialogs.askOtherSource(error, failed)) {
+        start(failed == AudioSourceKind::systemAudio ? AudioSourceKind::microphone
+                                                     : AudioSourceKind::systemAudio);
+    }
 }
 
 void DesktopApp::chooseSystem() {
@@ -306,6 +330,14 @@ void DesktopApp::toggleCompact() {
     toggle(settings_.compact, menu_.items().compactItem, settingsKey::compactBar, true);
 }
 
+void DesktopApp::toggleFloatBar() {
+    settings_.floatBar = !settings_.floatBar;
+    menu_.items().floatItem->setChecked(settings_.floatBar);
+    store(*store_, settingsKey::floatBar, settings_.floatBar);
+    // Hidden, the bar leaves the reading to the tray and the panel.
+    bar_->setVisible(settings_.floatBar);
+}
+
 void DesktopApp::copyBoth() {
     // Always the live values, never a dropped file's.
     const std::optional<QString> text = text::copied(service_.estimate(), service_.keyEstimate(), settings_);
@@ -327,6 +359,9 @@ void DesktopApp::resetAll() {
 QString DesktopApp::helpPagePath() {
     const QString beside = QCoreApplication::applicationDirPath() + QStringLiteral("/docs/install.html");
     if (QFileInfo::exists(beside)) return beside;
+    const QString relative =
+        QCoreApplication::applicationDirPath() + QStringLiteral("/" VELQUIN_HELP_FROM_BIN);
+    if (QFileInfo::exists(relative)) return QFileInfo(relative).canonicalFilePath();
     const QString installed = QStringLiteral(VELQUIN_INSTALLED_HELP);
     if (!installed.isEmpty() && QFileInfo::exists(installed)) return installed;
     return beside;
@@ -335,16 +370,17 @@ QString DesktopApp::helpPagePath() {
 void DesktopApp::openHelp() {
     QUrl url = QUrl::fromLocalFile(helpPagePath());
     url.setFragment(QStringLiteral("troubleshooting"));
-    if (dialogs.openUrl) dialogs.openUrl(url);
+    if (dialogs.openUrl && dialogs.openUrl(url)) return;
+    if (dialogs.showHelpPath) dialogs.showHelpPath(helpPagePath());
 }
 
 void DesktopApp::analyzeFile() {
     const std::optional<QString> path = dialogs.chooseAudioFile ? dialogs.chooseAudioFile() : std::nullopt;
     if (!path) return;
     const QString name = QFileInfo(*path).fileName();
-    startFileJob(this, *path, service_.range(), drops_.analyzer, [this, name](FileJobOutcome outcome) {
+    menuAnalysis_.start(*path, service_.range(), drops_.analyzer, [this, name](FileJobOutcome outcome) {
         if (!outcome.result) {
-            show(outcome.error);
+            if (dialogs.showFileError) dialogs.showFileError(name, outcome.error);
         } else if (dialogs.showFileAlert) {
             dialogs.showFileAlert(name,
                                   text::alertText(outcome.result->tempo, outcome.result->key, settings_));

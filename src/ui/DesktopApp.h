@@ -15,16 +15,20 @@
 #include <vector>
 
 #include "AppMenu.h"
+#include "BarPlacement.h"
 #include "BarWindow.h"
 #include "Dialogs.h"
 #include "DisplaySettings.h"
 #include "DropCoordinator.h"
 #include "LogSink.h"
+#include "ProgressWindow.h"
+#include "PanelPresence.h"
 #include "Reading.h"
 #include "TempoService.h"
 #include "TrayIcon.h"
 
 class QAction;
+class QScreen;
 
 namespace velquin {
 
@@ -62,6 +66,7 @@ class DesktopApp : public QObject {
     void toggleNotes();
     void toggleDecimals();
     void toggleCompact();
+    void toggleFloatBar();
     void copyBoth();
     void analyzeFile();
     void resetAll();
@@ -70,6 +75,9 @@ class DesktopApp : public QObject {
     void render(const TempoEstimate& tempo, const KeyEstimate& key);
     void start(AudioSourceKind kind);
     void show(const QString& error);
+
+    // Opens the menu under the bar, or at the pointer when the bar is hidden.
+    void showMenu();
 
     // Every new reading, after the bar and the tray have it.
     void subscribe(std::function<void(const Reading&)> display);
@@ -94,6 +102,8 @@ class DesktopApp : public QObject {
     bool fileInBar() const { return fileInBar_; }
     bool paused() const { return paused_; }
     QSystemTrayIcon* trayIcon() { return tray_.icon(); }
+    ProgressWindow* progressWindow() { return menuAnalysis_.window(); }
+    PanelPresence& panel() { return panel_; }
 
     // The help page shipped beside the program, or installed with it.
     static QString helpPagePath();
@@ -107,8 +117,6 @@ class DesktopApp : public QObject {
     void rerender();
     void publish();
     QString statusText(const TempoEstimate& tempo, const KeyEstimate& key) const;
-    void placeBar();
-    void openMenuUnderBar();
     void droppedResult(const QString& name, const std::optional<FileAnalysisResult>& result);
 
     LogSink log_;
@@ -119,13 +127,17 @@ class DesktopApp : public QObject {
     bool showShelfAtLaunch_ = false;
 
     std::unique_ptr<BarWindow> bar_;
+    BarPosition barPosition_;
     AppMenu menu_;
     TrayIcon tray_;
+    PanelPresence panel_;
     DropCoordinator drops_;
     std::unique_ptr<QAction> barQuitAction_;
     std::unique_ptr<QAction> shelfQuitAction_;
     Reading reading_;
     std::vector<std::function<void(const Reading&)>> displays_;
+
+    MenuAnalysis menuAnalysis_;
 
     std::optional<FileResult> fileResult_;
     bool fileInBar_ = false;

@@ -31,6 +31,7 @@ DisplaySettings DisplaySettings::read(const QSettings& s) {
             .value_or(KeyEstimate::RelativePreference::both);
     d.showDecimals = flag(settingsKey::showDecimals, false);
     d.compact = flag(settingsKey::compactBar, false);
+    d.floatBar = flag(settingsKey::floatBar, true);
     return d;
 }
 
@@ -59,6 +60,30 @@ void store(QSettings& s, TempoRange range) {
 
 void store(QSettings& s, KeyEstimate::RelativePreference preference) {
     s.setValue(QLatin1String(settingsKey::relativePreference), rawText(rawValue(preference)));
+}
+
+namespace {
+
+// Screen names may hold "/" or spaces, which QSettings would read as groups or mangle.
+QString positionKey(const QString& screen) {
+    return QLatin1String(settingsKey::barPositionGroup) + QLatin1Char('/') +
+           QString::fromLatin1(screen.toUtf8().toPercentEncoding());
+}
+
+}  // namespace
+
+std::optional<QPointF> storedBarPosition(const QSettings& s, const QString& screen) {
+    const QStringList parts = s.value(positionKey(screen)).toString().split(QLatin1Char(' '));
+    if (parts.size() != 2) return std::nullopt;
+    bool okX = false, okY = false;
+    const QPointF p(parts[0].toDouble(&okX), parts[1].toDouble(&okY));
+    if (!okX || !okY) return std::nullopt;
+    return p;
+}
+
+void storeBarPosition(QSettings& s, const QString& screen, const QPointF& fraction) {
+    s.setValue(positionKey(screen),
+               QString::number(fraction.x()) + QLatin1Char(' ') + QString::number(fraction.y()));
 }
 
 }  // namespace velquin

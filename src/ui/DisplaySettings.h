@@ -3,6 +3,7 @@
 // application's QSettings file; a missing or unreadable value falls back to its default silently.
 // Main thread only.
 
+#include <QPointF>
 #include <QSettings>
 #include <QString>
 #include <optional>
@@ -21,6 +22,8 @@ inline constexpr const char* showNotes = "showNotes";
 inline constexpr const char* relativePreference = "relativePreference";
 inline constexpr const char* showDecimals = "showDecimals";
 inline constexpr const char* compactBar = "compactBar";
+inline constexpr const char* floatBar = "floatBar";
+inline constexpr const char* barPositionGroup = "barPosition";
 }  // namespace settingsKey
 
 struct DisplaySettings {
@@ -29,6 +32,7 @@ struct DisplaySettings {
     KeyEstimate::RelativePreference relativePreference = KeyEstimate::RelativePreference::both;
     bool showDecimals = false;  // BPM with one decimal
     bool compact = false;       // two-line bar
+    bool floatBar = true;       // the bar is shown (else only the tray carries the reading)
 
     static DisplaySettings read(const QSettings& settings);
 };
@@ -41,6 +45,10 @@ void store(QSettings& settings, const char* key, bool value);
 void store(QSettings& settings, AudioSourceKind kind);
 void store(QSettings& settings, TempoRange range);
 void store(QSettings& settings, KeyEstimate::RelativePreference preference);
+
+// The bar's remembered place on the screen named `screen`, as fractions of the room it has there.
+std::optional<QPointF> storedBarPosition(const QSettings& settings, const QString& screen);
+void storeBarPosition(QSettings& settings, const QString& screen, const QPointF& fraction);
 
 // A bool stored by this program or edited by hand: real bools, numbers and the usual words.
 std::optional<bool> boolValue(const QVariant& value);

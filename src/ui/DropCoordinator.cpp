@@ -7,6 +7,7 @@
 #include <cmath>
 #include <string>
 
+#include "ReadingText.h"
 #include "RectText.h"
 
 namespace velquin {
@@ -45,7 +46,7 @@ DropCoordinator::DropCoordinator(LogSink log) : log_(std::move(log)), shelf_(log
     // Without the drag watcher nothing else notices a drag that opened the shelf and went elsewhere;
     // a drag moving on to the shelf cancels this hide when it enters the zone.
     dropTarget_.onDragExited = [this] {
-        if (!dragMonitor_ && shelf_.isVisible()) shelf_.scheduleHide(afterLeaving);
+        if (!dragMonitor_ && shelf_.isVisible() && !isBusy()) shelf_.scheduleHide(afterLeaving);
     };
     shelf_.onDrop = [this](const QUrl& url) { analyzeDropped(url); };
 }
@@ -70,18 +71,25 @@ void DropCoordinator::analyzeDropped(const QUrl& url) {
     const QString path = url.toLocalFile();
     const QString name = QFileInfo(path).fileName();
     if (log_) log_("dropped: " + name.toStdString());
-    if (onWorking) onWorking(name);
+    ++busy_;
+    showShelf(std::nullopt);  // a drop on the bar may come without the shelf
     shelf_.showWorking(name);
-    startFileJob(this, path, range ? range() : TempoRange::Auto, analyzer,
-                 [this, name](FileJobOutcome outcome) {
-                     if (outcome.result && describe) {
-                         shelf_.showResult(describe(name, *outcome.result));
-                     } else if (!outcome.result) {
-                         shelf_.showResult({QStringLiteral("Could not read that file"), QString(), name});
-                     }
-                     shelf_.scheduleHide(afterResult);
-                     if (onAnalyzed) onAnalyzed(name, outcome.result);
-                 });
+    if (onWorking) onWorking(name);
+    FileJobCallbacks callbacks;
+    callbacks.progress = [this](double done, double total) {
+        shelf_.showProgress(text::progress(done, total));
+    };
+    callbacks.done = [this, name](FileJobOutcome outcome) {
+        --busy_;
+        if (outcome.result && describe) {
+            shelf_.showResult(describe(name, *outcome.result));
+        } else if (!outcome.result) {
+            shelf_.showResult({QStringLiteral("Could not read that file"), QString(), name});
+        }
+        shelf_.scheduleHide(afterResult);
+        if (onAnalyzed) onAnalyzed(name, outcome.result);
+    };
+    startFileJob(this, path, range ? range() : TempoRange::Auto, analyzer, std::move(callbacks));
 }
 
 std::optional<QRect> DropCoordinator::knownItemFrame() const {
@@ -108,7 +116,8 @@ void DropCoordinator::showShelf(std::optional<QRect> under) {
 }
 
 void DropCoordinator::leftMouseUp() {
-    if (shelf_.isVisible()) shelf_.scheduleHide(afterRelease);
+    // The release that ended a drop is often seen only after the drop started the analysis.
+    if (shelf_.isVisible() && !isBusy()) shelf_.scheduleHide(afterRelease);
 }
 
 void DropCoordinator::leftMouseDragged(const QPoint& m) {
@@ -132,7 +141,7 @@ void DropCoordinator::leftMouseDragged(const QPoint& m) {
                          2 * keepHalfWidth, keepHeight);
         if (keep.contains(m)) {
             showShelf(item);
-        } else {
+        } else if (!isBusy()) {
             shelf_.scheduleHide(afterLeaving);
         }
     }

@@ -31,7 +31,7 @@ class DropCoordinator : public QObject {
     std::function<QRect()> barFrame;
     std::function<TempoRange()> range;
     FileAnalyzer analyzer = analyzeAudioFile;
-    // A dropped file's analysis started.
+    // A dropped file's analysis started; the shelf then stays up until its result has shown.
     std::function<void(const QString& name)> onWorking;
     // The shelf's result lines for a file's result.
     std::function<QStringList(const QString& name, const FileAnalysisResult& result)> describe;
@@ -51,6 +51,9 @@ class DropCoordinator : public QObject {
     void leftMouseUp();
     void leftMouseDragged(const QPoint& m);
 
+    // A dropped file is being analysed.
+    bool isBusy() const { return busy_ > 0; }
+
     DropShelf& shelf() { return shelf_; }
     BarDropTarget& dropTarget() { return dropTarget_; }
 
@@ -61,6 +64,7 @@ class DropCoordinator : public QObject {
     std::unique_ptr<DragMonitor> dragMonitor_;
     // How far the bar really is from where its window says it is.
     std::optional<double> reportedToRealOffset_;
+    int busy_ = 0;  // analyses of dropped files under way
 };
 
 }  // namespace velquin

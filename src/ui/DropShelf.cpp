@@ -1,5 +1,7 @@
 #include "DropShelf.h"
 
+#include <xcb/xcb.h>
+
 #include <QGuiApplication>
 #include <QPainter>
 #include <QPainterPath>
@@ -7,6 +9,7 @@
 #include <QWidget>
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
 
 #include "RectText.h"
 
@@ -25,6 +28,29 @@ std::optional<QRect> availableAreaFor(const QRect& rect) {
     return std::nullopt;
 }
 
+// Whether a compositing manager runs on the X display (it owns the "_NET_WM_CM_S0" selection). Off X11
+// the answer is yes: there the platform always composes.
+bool compositing() {
+    auto* x11 = qGuiApp->nativeInterface<QNativeInterface::QX11Application>();
+    if (!x11 || !x11->connection()) return true;
+    xcb_connection_t* c = x11->connection();
+    static constexpr char name[] = "_NET_WM_CM_S0";
+    xcb_intern_atom_reply_t* atom = xcb_intern_atom_reply(c, xcb_intern_atom(c, 0, sizeof name - 1, name), nullptr);
+    if (!atom) return true;
+    xcb_get_selection_owner_reply_t* owner =
+        xcb_get_selection_owner_reply(c, xcb_get_selection_owner(c, atom->atom), nullptr);
+    const bool owned = owner && owner->owner != XCB_NONE;
+    std::free(owner);
+    std::free(atom);
+    return owned;
+}
+
+QPainterPath roundedShape(const QRectF& rect) {
+    QPainterPath shape;
+    shape.addRoundedRect(rect.adjusted(0.5, 0.5, -0.5, -0.5), 14, 14);
+    return shape;
+}
+
 }  // namespace
 
 // Paints the dark rounded background itself: there is no system material to borrow, and a translucent
@@ -41,11 +67,20 @@ class DropShelf::Panel : public QWidget {
     }
 
   protected:
+    void showEvent(QShowEvent* event) override {
+        QWidget::showEvent(event);
+        // Without a compositor the transparent corners would show black: cut them off instead.
+        if (compositing()) {
+            clearMask();
+        } else {
+            setMask(QRegion(roundedShape(QRectF(rect())).toFillPolygon().toPolygon()));
+        }
+    }
+
     void paintEvent(QPaintEvent*) override {
         QPainter painter(this);
         painter.setRenderHint(QPainter::Antialiasing);
-        QPainterPath shape;
-        shape.addRoundedRect(QRectF(rect()).adjusted(0.5, 0.5, -0.5, -0.5), 14, 14);
+        const QPainterPath shape = roundedShape(QRectF(rect()));
         painter.fillPath(shape, QColor(28, 28, 32, 224));
         painter.strokePath(shape, QPen(QColor(255, 255, 255, 36), 1));
     }
@@ -129,6 +164,12 @@ void DropShelf::showWorking(const QString& name) {
     zone_->showingResult = true;
     zone_->update();
     hideTimer_.stop();
+}
+
+void DropShelf::showProgress(const QString& text) {
+    if (zone_->resultLines.size() < 2) return;
+    zone_->resultLines[1] = text;
+    zone_->update();
 }
 
 void DropShelf::showResult(const QStringList& lines) {

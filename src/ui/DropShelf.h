@@ -40,6 +40,8 @@ class DropShelf {
     void scheduleHide(double after);
     // The working lines for a dropped file; cancels a pending hide but does not show the shelf.
     void showWorking(const QString& name);
+    // The working lines' middle line: how far the analysis has come.
+    void showProgress(const QString& text);
     // Up to three result lines; shows the shelf where it last was when it is hidden.
     void showResult(const QStringList& lines);
 

@@ -2,34 +2,62 @@
 
 #include <QCoreApplication>
 #include <QThreadPool>
+#include <chrono>
 #include <exception>
 
 namespace velquin {
+namespace {
 
-FileAnalysisResult analyzeAudioFile(const std::string& path, TempoRange range) {
-    return FileAnalysis::analyzeFile(path, range);
+// Progress reaches the screen at most this often; decoding reports far more often than that.
+constexpr std::chrono::milliseconds progressInterval{100};
+
+template <typename F>
+void onMainThread(const QPointer<QObject>& owner, F f) {
+    QMetaObject::invokeMethod(
+        QCoreApplication::instance(),
+        [owner, f = std::move(f)]() mutable {
+            if (owner) f();
+        },
+        Qt::QueuedConnection);
 }
 
-void startFileJob(QObject* context, const QString& path, TempoRange range, FileAnalyzer analyzer,
-                  std::function<void(FileJobOutcome)> done) {
+}  // namespace
+
+FileAnalysisResult analyzeAudioFile(const std::string& path, TempoRange range, const FileJobControl& control) {
+    return FileAnalysis::analyzeFile(path, range, control);
+}
+
+std::shared_ptr<std::stop_source> startFileJob(QObject* context, const QString& path, TempoRange range,
+                                               FileAnalyzer analyzer, FileJobCallbacks callbacks) {
+    auto stop = std::make_shared<std::stop_source>();
     const QPointer<QObject> owner(context);
-    QThreadPool::globalInstance()->start([owner, analyzer = std::move(analyzer), done = std::move(done),
-                                          path = path.toStdString(), range]() mutable {
-        FileJobOutcome outcome;
-        try {
-            outcome.result = analyzer(path, range);
-        } catch (const std::exception& error) {
-            outcome.error = QString::fromStdString(error.what());
-        } catch (...) {
-            outcome.error = QStringLiteral("The file could not be read.");
-        }
-        QMetaObject::invokeMethod(
-            QCoreApplication::instance(),
-            [owner, done = std::move(done), outcome = std::move(outcome)]() mutable {
-                if (owner) done(std::move(outcome));
-            },
-            Qt::QueuedConnection);
-    });
+    auto shared = std::make_shared<FileJobCallbacks>(std::move(callbacks));
+    QThreadPool::globalInstance()->start(
+        [owner, stop, shared, analyzer = std::move(analyzer), path = path.toStdString(), range] {
+            auto lastReport = std::chrono::steady_clock::time_point{};
+            FileJobControl control;
+            control.stop = stop->get_token();
+            control.onProgress = [&](double done, double total) {
+                const auto now = std::chrono::steady_clock::now();
+                if (!shared->progress || now - lastReport < progressInterval) return;
+                lastReport = now;
+                onMainThread(owner, [shared, stop, done, total] {
+                    if (!stop->stop_requested()) shared->progress(done, total);
+                });
+            };
+            FileJobOutcome outcome;
+            try {
+                outcome.result = analyzer(path, range, control);
+            } catch (const std::exception& error) {
+                outcome.error = QString::fromStdString(error.what());
+            } catch (...) {
+                outcome.error = QStringLiteral("The file could not be read.");
+            }
+            onMainThread(owner, [shared, stop, outcome = std::move(outcome)]() mutable {
+                if (!stop->stop_requested() && shared->done) shared->done(std::move(outcome));
+            });
+        });
+    return stop;
 }
 
 }  // namespace velquin

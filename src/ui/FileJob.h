@@ -1,32 +1,46 @@
 #pragma once
-// Whole-file analyses for the interface: one job per file on the global thread pool, its result (or
-// the reason it failed) delivered back on the main thread, and only while `context` still exists.
+// Whole-file analyses for the interface: one job per file on the global thread pool, its progress and
+// its result (or the reason it failed) delivered back on the main thread, and only while `context`
+// still exists. A job can be cancelled; its result is then dropped.
 
 #include <QObject>
 #include <QPointer>
 #include <QString>
 #include <functional>
+#include <memory>
 #include <optional>
+#include <stop_token>
 #include <string>
 
-#include "TempoRange.h"
 #include "FileAnalysis.h"
+#include "TempoRange.h"
 
 namespace velquin {
 
 using FileAnalysisResult = FileAnalysis::FileResult;
+
+// What a running analysis reports to and hears from its job; called on the pool thread.
+using FileJobControl = FileAnalysis::FileAnalysisOptions;
+
 // Runs on a pool thread; throws with the text to show.
-using FileAnalyzer = std::function<FileAnalysisResult(const std::string& path, TempoRange range)>;
+using FileAnalyzer = std::function<FileAnalysisResult(const std::string& path, TempoRange range,
+                                                      const FileJobControl& control)>;
 
 // The one call into the file analysis.
-FileAnalysisResult analyzeAudioFile(const std::string& path, TempoRange range);
+FileAnalysisResult analyzeAudioFile(const std::string& path, TempoRange range, const FileJobControl& control);
 
 struct FileJobOutcome {
     std::optional<FileAnalysisResult> result;
     QString error;  // why there is no result
 };
 
-void startFileJob(QObject* context, const QString& path, TempoRange range, FileAnalyzer analyzer,
-                  std::function<void(FileJobOutcome)> done);
+struct FileJobCallbacks {
+    std::function<void(double doneSeconds, double totalSeconds)> progress;  // a few times a second
+    std::function<void(FileJobOutcome)> done;                               // not after a cancel
+};
+
+// Returns the job's stop source: request_stop() cancels it.
+std::shared_ptr<std::stop_source> startFileJob(QObject* context, const QString& path, TempoRange range,
+                                               FileAnalyzer analyzer, FileJobCallbacks callbacks);
 
 }  // namespace velquin

@@ -72,8 +72,9 @@ QString fileLine(const QString& name, const TempoEstimate& tempo, const KeyEstim
         parts << part;
     }
     if (tempo.bpm > 0) parts << bpm(tempo.bpm, settings) + QStringLiteral(" BPM");
-    return QStringLiteral("Last file: ") + shortened(name, 30) + QStringLiteral(" \u2014 ") +
-           parts.join(middleDot);
+    QString line = QStringLiteral("Last file: ") + shortened(name, 30);
+    if (!parts.isEmpty()) line += QStringLiteral(" \u2014 ") + parts.join(middleDot);
+    return line;
 }
 
 std::optional<QString> tuningLine(const KeyEstimate& key) {
@@ -138,6 +139,15 @@ QString noteLineHtml(const KeyEstimate& key, const QPalette& palette) {
         html += part;
     }
     return html + QStringLiteral("</span>");
+}
+
+QString progress(double doneSeconds, double totalSeconds) {
+    const auto clock = [](double seconds) {
+        const long whole = std::lround(std::max(seconds, 0.0));
+        return QString::asprintf("%ld:%02ld", whole / 60, whole % 60);
+    };
+    return totalSeconds > 0 ? clock(doneSeconds) + QStringLiteral(" of ") + clock(totalSeconds)
+                            : clock(doneSeconds);
 }
 
 QString shortened(const QString& text, int to) {

@@ -42,6 +42,8 @@ std::optional<QString> copied(const TempoEstimate& tempo, const KeyEstimate& key
 // The note-strength line as rich text in the palette's colours; the tonic bold, notes outside the
 // key faint.
 QString noteLineHtml(const KeyEstimate& key, const QPalette& palette);
+// "0:42 of 3:10" (seconds of audio analysed of the whole), or "0:42" when the length is not known.
+QString progress(double doneSeconds, double totalSeconds);
 // Longer texts keep their first to/2 + 2 and last to/2 − 3 characters (code points) around an ellipsis.
 QString shortened(const QString& text, int to);
 

@@ -1,5 +1,6 @@
 #include "StatusBarView.h"
 
+#include <QApplication>
 #include <QFontDatabase>
 #include <QFontMetricsF>
 #include <QMouseEvent>
@@ -67,7 +68,14 @@ void StatusBarView::paintEvent(QPaintEvent*) {
 
     const QColor color = pal.color(showingFile ? QPalette::Highlight : QPalette::WindowText);
     const double x = leftPad + ringDiameter + gap;
-    if (compact) {
+    if (!hint.isEmpty()) {
+        const QFontMetricsF metrics(smallFont);
+        painter.setFont(smallFont);
+        painter.setPen(color);
+        const double room = width() - x - rightPad;
+        painter.drawText(QPointF(x, (height() - metrics.height()) * 0.5 + metrics.ascent()),
+                         metrics.elidedText(hint, Qt::ElideRight, room));
+    } else if (compact) {
         drawTwoLines(painter, x, color);
     } else {
         drawOneLine(painter, x, color);
@@ -98,11 +106,11 @@ void StatusBarView::mousePressEvent(QMouseEvent* event) {
     if (event->button() == Qt::LeftButton) {
         // The pointer's global position minus its position in the window is where the window really is;
         // the window manager may have put it somewhere other than where it was asked to go.
-        if (onLocate) {
-            const QPointF origin = event->globalPosition() - event->scenePosition();
-            onLocate(QRect(origin.toPoint(), window()->size()));
-        }
-        if (onClick) onClick();
+        const QPointF origin = event->globalPosition() - event->scenePosition();
+        if (onLocate) onLocate(QRect(origin.toPoint(), window()->size()));
+        pressedAt_ = event->globalPosition();
+        grabOffset_ = event->scenePosition();
+        moving_ = false;
         event->accept();
     } else if (event->button() == Qt::RightButton) {
         if (onClick) onClick();
@@ -110,6 +118,27 @@ void StatusBarView::mousePressEvent(QMouseEvent* event) {
     } else {
         QWidget::mousePressEvent(event);
     }
+}
+
+void StatusBarView::mouseMoveEvent(QMouseEvent* event) {
+    if (!pressedAt_ || !(event->buttons() & Qt::LeftButton)) return;
+    const QPointF travelled = event->globalPosition() - *pressedAt_;
+    if (!moving_ && travelled.manhattanLength() < QApplication::startDragDistance()) return;
+    moving_ = true;
+    if (onMove) onMove((event->globalPosition() - grabOffset_).toPoint());
+    event->accept();
+}
+
+void StatusBarView::mouseReleaseEvent(QMouseEvent* event) {
+    if (event->button() != Qt::LeftButton || !pressedAt_) return QWidget::mouseReleaseEvent(event);
+    pressedAt_.reset();
+    if (moving_) {
+        moving_ = false;
+        if (onMoveEnd) onMoveEnd();
+    } else if (onClick) {
+        onClick();
+    }
+    event->accept();
 }
 
 }  // namespace velquin

@@ -9,6 +9,7 @@
 #include <QString>
 #include <QWidget>
 #include <functional>
+#include <optional>
 
 namespace velquin {
 
@@ -25,10 +26,16 @@ public:
     int keySlot = 6;        // characters reserved for the key
     int bpmSlot = 3;        // characters reserved for the BPM
     bool showingFile = false;  // texts in the accent colour while a dropped file's result shows
+    // Shown instead of the key and BPM when not empty ("listening…" before the first reading).
+    QString hint;
 
+    // A left click (press and release without moving) or a right press.
     std::function<void()> onClick;
-    // Where the bar really is on screen (global, logical pixels); reported on every left click.
+    // Where the bar really is on screen (global, logical pixels); reported on every left press.
     std::function<void(const QRect& rect)> onLocate;
+    // The bar is dragged: the window's wanted top-left corner (global), and the end of the drag.
+    std::function<void(const QPoint& topLeft)> onMove;
+    std::function<void()> onMoveEnd;
 
     const QFont lineFont;
     const QFont smallFont;
@@ -48,12 +55,17 @@ public:
 protected:
     void paintEvent(QPaintEvent* event) override;
     void mousePressEvent(QMouseEvent* event) override;
+    void mouseMoveEvent(QMouseEvent* event) override;
+    void mouseReleaseEvent(QMouseEvent* event) override;
 
 private:
     void drawOneLine(QPainter& painter, double x, const QColor& color) const;
     void drawTwoLines(QPainter& painter, double x, const QColor& color) const;
 
     bool highlighted_ = false;
+    std::optional<QPointF> pressedAt_;  // global position of a left press, while the button is down
+    QPointF grabOffset_;                // the press within the window
+    bool moving_ = false;
 };
 
 }  // namespace velquin

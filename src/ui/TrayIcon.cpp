@@ -16,7 +16,9 @@ TrayIcon::TrayIcon(QMenu& menu) : menu_(menu) {}
 TrayIcon::~TrayIcon() = default;
 
 void TrayIcon::show() {
-    if (tray_ || !QSystemTrayIcon::isSystemTrayAvailable()) return;
+    // Shown even without a tray: on X11 Qt docks the icon as soon as a tray appears, so a panel that
+    // starts after Velquin still gets it.
+    if (tray_) return;
     tray_ = std::make_unique<QSystemTrayIcon>();
     tray_->setContextMenu(&menu_);
     connect(tray_.get(), &QSystemTrayIcon::activated, this, [this](QSystemTrayIcon::ActivationReason reason) {
@@ -25,6 +27,10 @@ void TrayIcon::show() {
     shownConfidence_ = -1;
     update(last_);
     tray_->show();
+}
+
+void TrayIcon::hide() {
+    tray_.reset();
 }
 
 void TrayIcon::update(const Reading& reading) {

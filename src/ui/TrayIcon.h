@@ -23,8 +23,10 @@ class TrayIcon : public QObject {
     // A left click on the icon.
     std::function<void()> onTrigger;
 
-    // Shows the icon when a tray is there.
+    // Shows the icon now, or when a tray appears.
     void show();
+    // Takes the icon away (a panel shows the reading instead).
+    void hide();
     void update(const Reading& reading);
     QSystemTrayIcon* icon() { return tray_.get(); }
 

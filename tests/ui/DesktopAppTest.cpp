@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <QActionGroup>
 #include <QDropEvent>
+#include <QElapsedTimer>
 #include <QGuiApplication>
 #include <QMimeData>
 #include <QScreen>
@@ -8,10 +10,13 @@
 #include <QTemporaryDir>
 #include <QWidgetAction>
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "DesktopApp.h"
@@ -54,7 +59,11 @@ class DesktopAppTest : public ::testing::Test {
     std::vector<std::pair<QString, QString>> fileAlerts;
     std::vector<QUrl> opened;
     int beeps = 0;
-    bool useMicrophone = false;
+    bool switchSource = false;
+    bool browserOpens = true;
+    std::vector<AudioSourceKind> failedSources;
+    std::vector<std::pair<QString, QString>> fileErrors;
+    std::vector<QString> helpPaths;
     std::optional<std::string> systemAudioFailure;
     std::optional<QString> chosenFile;
     std::unique_ptr<DesktopApp> app;
@@ -67,15 +76,23 @@ class DesktopAppTest : public ::testing::Test {
 
     void launch() {
         Dialogs dialogs{
-            .askUseMicrophone =
-                [this](const QString& message) {
+            .askOtherSource =
+                [this](const QString& message, AudioSourceKind failed) {
                     errorAlerts.push_back(message);
-                    return useMicrophone;
+                    failedSources.push_back(failed);
+                    return switchSource;
                 },
             .showFileAlert = [this](const QString& message,
                                     const QString& text) { fileAlerts.emplace_back(message, text); },
+            .showFileError = [this](const QString& name,
+                                    const QString& reason) { fileErrors.emplace_back(name, reason); },
             .chooseAudioFile = [this] { return chosenFile; },
-            .openUrl = [this](const QUrl& url) { opened.push_back(url); },
+            .openUrl =
+                [this](const QUrl& url) {
+                    opened.push_back(url);
+                    return browserOpens;
+                },
+            .showHelpPath = [this](const QString& path) { helpPaths.push_back(path); },
             .beep = [this] { ++beeps; },
         };
         app.reset();
@@ -94,7 +111,7 @@ class DesktopAppTest : public ::testing::Test {
 
     // A file analysis that answers `result`, or throws `error` when there is no result.
     void analyzerAnswers(std::optional<FileAnalysisResult> result, const std::string& error = "bad file") {
-        app->drops().analyzer = [result, error](const std::string&, TempoRange) {
+        app->drops().analyzer = [result, error](const std::string&, TempoRange, const FileJobControl&) {
             if (!result) throw std::runtime_error(error);
             return *result;
         };
@@ -102,6 +119,7 @@ class DesktopAppTest : public ::testing::Test {
 
     const AppMenu::Items& items() { return app->menu().items(); }
     QString statusLine() { return app->menu().status(); }
+    QString line(const QWidgetAction* item) { return AppMenu::lineText(item); }
     StatusBarView& view() { return app->bar().view(); }
     QStringList shelfLines() { return app->drops().shelf().zone().resultLines; }
     bool checked(Preference p) { return items().relativeItems.at(p)->isChecked(); }
@@ -186,10 +204,10 @@ TEST_F(DesktopAppTest, SettingsAreReadStoredAndFallBackToTheirDefaults) {
 
 TEST_F(DesktopAppTest, RenderFillsTheBarAndTheInformationLines) {
     launch();
-    // The bar sits at the top right of the available area, 8 px in from the right edge.
+    // The bar starts at the top right of the available area, 8 px in, below a maximized window's title bar.
     const QRect area = QGuiApplication::primaryScreen()->availableGeometry();
     EXPECT_EQ(app->bar().geometry().right(), area.right() - 8);
-    EXPECT_EQ(app->bar().y(), area.top());
+    EXPECT_EQ(app->bar().y(), area.top() + 48);
 
     std::vector<Reading> seen;
     app->subscribe([&](const Reading& r) { seen.push_back(r); });
@@ -202,7 +220,7 @@ TEST_F(DesktopAppTest, RenderFillsTheBarAndTheInformationLines) {
     EXPECT_EQ(seen[0].status, statusLine());
     EXPECT_EQ(app->bar().windowTitle(), statusLine() + " \u2014 Velquin");
     EXPECT_TRUE(items().tuningLine->isVisible());
-    EXPECT_EQ(items().tuningLine->text(), "Tuned +12 cents from A440");
+    EXPECT_EQ(line(items().tuningLine), "Tuned +12 cents from A440");
     // The note line: the tonic bold; hidden without a key or when switched off.
     EXPECT_TRUE(items().notesLine->isVisible());
     EXPECT_EQ(app->menu().notesHtml().count("<b>"), 1);
@@ -233,10 +251,11 @@ TEST_F(DesktopAppTest, StatusLineFollowsPauseSourcesAndErrors) {
     EXPECT_FALSE(app->service().isRunning());
     EXPECT_EQ(statusLine(), "Paused");
     // Choosing a source ends the pause; "Use Microphone Instead" after a failure switches over.
-    useMicrophone = true;
+    switchSource = true;
     app->chooseSystem();
     EXPECT_FALSE(items().pauseItem->isChecked());
     EXPECT_EQ(errorAlerts.size(), 3u);
+    EXPECT_EQ(failedSources.back(), AudioSourceKind::systemAudio);
     EXPECT_TRUE(items().micItem->isChecked() && !items().systemItem->isChecked());
     EXPECT_EQ(app->service().kind(), AudioSourceKind::microphone);
     EXPECT_EQ(stored("audioSource").toString(), "microphone");
@@ -249,6 +268,10 @@ TEST_F(DesktopAppTest, StatusLineFollowsPauseSourcesAndErrors) {
     ASSERT_EQ(opened.size(), 1u);
     EXPECT_TRUE(opened[0].isLocalFile() && opened[0].path().endsWith("/install.html"));
     EXPECT_EQ(opened[0].fragment(), "troubleshooting");
+    EXPECT_TRUE(helpPaths.empty());
+    browserOpens = false;
+    app->openHelp();
+    EXPECT_EQ(helpPaths, std::vector<QString>{DesktopApp::helpPagePath()});
 }
 
 TEST_F(DesktopAppTest, ADroppedFileShowsOnTheShelfThenInTheBarForAWhile) {
@@ -306,10 +329,12 @@ TEST_F(DesktopAppTest, MenuAnalysisShowsAnAlertAndLeavesTheBarAlone) {
     EXPECT_FALSE(app->fileResult());
     EXPECT_FALSE(view().showingFile);
 
+    // A file that cannot be read gets a file alert, never the capture alert.
     analyzerAnswers(std::nullopt, "Could not open the file.");
     app->analyzeFile();
-    ASSERT_TRUE(test::waitUntil([&] { return !errorAlerts.empty(); }, 10000));
-    EXPECT_EQ(errorAlerts[0], "Could not open the file.");
+    ASSERT_TRUE(test::waitUntil([&] { return !fileErrors.empty(); }, 10000));
+    EXPECT_EQ(fileErrors[0], (std::pair<QString, QString>("song.m4a", "Could not open the file.")));
+    EXPECT_TRUE(errorAlerts.empty());
 }
 
 TEST_F(DesktopAppTest, ADropOnTheBarLocatesItOpensTheShelfAndMeasuresTheFile) {
@@ -367,6 +392,145 @@ TEST_F(DesktopAppTest, TheDragWatcherShowsKeepsAndHidesTheShelf) {
     }
     drops.leftMouseUp();
     EXPECT_EQ(shelf.pendingHideSeconds(), 0.5);
+}
+
+TEST_F(DesktopAppTest, FirstLaunchOpensTheMenuWithAHintAndTheBarSaysItIsListening) {
+    launch();
+    ASSERT_TRUE(test::waitUntil([&] { return app->menu().menu().isVisible(); }, 5000));
+    EXPECT_TRUE(items().hintLine->isVisible());
+    EXPECT_EQ(view().hint, "listening\u2026");
+    EXPECT_EQ(view().toolTip(), statusLine());
+    app->menu().menu().hide();
+    EXPECT_FALSE(items().hintLine->isVisible());
+    // Not on later launches.
+    launch();
+    QTest::qWait(50);
+    EXPECT_FALSE(app->menu().menu().isVisible());
+}
+
+TEST_F(DesktopAppTest, HidingTheNoteLineLeavesNothingPaintedBehind) {
+    store("showNotes", true);
+    const auto pausedMenu = [&](bool showNotesFirst) {
+        launch();
+        QMenu& menu = app->menu().menu();
+        if (showNotesFirst) {
+            app->render({120, 0.9, 0}, keyOf(1, false, 0.9, 20));
+            menu.popup(QPoint(100, 100));
+            EXPECT_TRUE(QTest::qWaitForWindowExposed(&menu));
+            menu.hide();
+        }
+        app->togglePause();
+        menu.popup(QPoint(100, 100));
+        EXPECT_TRUE(QTest::qWaitForWindowExposed(&menu));
+        QTest::qWait(20);
+        const QImage image = menu.grab().toImage();
+        menu.hide();
+        return image;
+    };
+    const QImage afterHiding = pausedMenu(true);
+    const QImage neverShown = pausedMenu(false);
+    ASSERT_EQ(afterHiding.size(), neverShown.size());
+    EXPECT_TRUE(afterHiding == neverShown);
+}
+
+TEST_F(DesktopAppTest, ShortcutsWorkWhileTheMenuIsOpenAndChoicesAreExclusive) {
+    store("showNotes", true);
+    launch();
+    QObject::disconnect(items().quitItem, &QAction::triggered, qApp, nullptr);
+    int quits = 0;
+    QObject::connect(items().quitItem, &QAction::triggered, [&] { ++quits; });
+    int picks = 0;
+    app->dialogs.chooseAudioFile = [&] {
+        ++picks;
+        return std::optional<QString>();
+    };
+    struct Case {
+        Qt::Key key;
+        Qt::KeyboardModifiers modifiers;
+        std::function<bool()> happened;
+    };
+    const std::vector<Case> cases = {
+        {Qt::Key_P, Qt::ControlModifier, [&] { return app->paused(); }},
+        {Qt::Key_C, Qt::ControlModifier, [&] { return beeps == 1; }},
+        {Qt::Key_O, Qt::ControlModifier, [&] { return picks == 1; }},
+        {Qt::Key_R, Qt::ControlModifier, [&] { return !app->fileResult(); }},
+        {Qt::Key_Question, Qt::ControlModifier | Qt::ShiftModifier, [&] { return opened.size() == 1; }},
+        {Qt::Key_Q, Qt::ControlModifier, [&] { return quits == 1; }},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(QKeySequence(c.key).toString().toStdString());
+        QMenu& menu = app->menu().menu();
+        menu.popup(QPoint(100, 100));
+        ASSERT_TRUE(QTest::qWaitForWindowExposed(&menu));
+        QTest::keyClick(&menu, c.key, c.modifiers);
+        EXPECT_TRUE(test::waitUntil(c.happened, 2000));
+        EXPECT_FALSE(menu.isVisible());
+    }
+
+    // Source, range and tie rule: one choice each.
+    for (QAction* choice :
+         {items().micItem, items().rangeItems.at(TempoRange::fast),
+          items().relativeItems.at(Preference::minor), items().rangeItems.at(TempoRange::slow)}) {
+        choice->trigger();
+        const QList<QAction*> group = choice->actionGroup()->actions();
+        EXPECT_EQ(std::count_if(group.begin(), group.end(), [](QAction* a) { return a->isChecked(); }), 1);
+        EXPECT_TRUE(choice->isChecked());
+    }
+    EXPECT_EQ(app->service().range(), TempoRange::slow);
+}
+
+TEST_F(DesktopAppTest, ADropKeepsItsShelfAndWorkingStateUntilTheResult) {
+    store("showNotes", true);
+    launch();
+    std::atomic<bool> finish = false;
+    app->drops().analyzer = [&](const std::string&, TempoRange, const FileJobControl& control) {
+        control.onProgress(5, 10);
+        while (!finish) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        return FileAnalysisResult{{120, 0.9, 0}, keyOf(9, true, 0.8)};
+    };
+    app->drops().locate(app->bar().frameGeometry());
+    app->drops().analyzeDropped(QUrl::fromLocalFile("/music/long set.mp3"));
+    app->drops().leftMouseUp();  // the drag's release, seen after the drop
+    app->render({90, 0.9, 0}, keyOf(0, false, 0.9));
+    ASSERT_TRUE(test::waitUntil([&] { return shelfLines().value(1) == "0:05 of 0:10"; }, 5000));
+    QTest::qWait(700);
+    EXPECT_TRUE(app->drops().shelf().isVisible());
+    EXPECT_EQ(app->drops().shelf().pendingHideSeconds(), std::nullopt);
+    EXPECT_EQ(view().keyText, "...");
+    EXPECT_EQ(view().bpmText, "");
+    finish = true;
+    ASSERT_TRUE(test::waitUntil([&] { return app->fileResult().has_value(); }, 5000));
+    EXPECT_EQ(view().keyText, "Am");
+    EXPECT_EQ(app->drops().shelf().pendingHideSeconds(), 4.0);
+}
+
+TEST_F(DesktopAppTest, MenuAnalysisShowsProgressAndCancelsQuickly) {
+    store("showNotes", true);
+    launch();
+    std::atomic<bool> returned = false;
+    app->drops().analyzer = [&](const std::string&, TempoRange, const FileJobControl& control) {
+        for (double done = 0; !control.stop.stop_requested(); done += 0.1) {
+            control.onProgress(done, 600);
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        returned = true;
+        throw std::runtime_error("cancelled");
+        return FileAnalysisResult{};
+    };
+    chosenFile = "/music/mix.flac";
+    app->analyzeFile();
+    ASSERT_NE(app->progressWindow(), nullptr);
+    EXPECT_TRUE(app->progressWindow()->isVisible());
+    ASSERT_TRUE(
+        test::waitUntil([&] { return app->progressWindow()->progressText().endsWith("of 10:00"); }, 5000));
+    QElapsedTimer clock;
+    clock.start();
+    app->progressWindow()->close();
+    ASSERT_TRUE(test::waitUntil([&] { return returned.load(); }, 1000));
+    EXPECT_LT(clock.elapsed(), 200);
+    QTest::qWait(50);
+    EXPECT_EQ(app->progressWindow(), nullptr);
+    EXPECT_TRUE(fileAlerts.empty() && fileErrors.empty());
 }
 
 }  // namespace

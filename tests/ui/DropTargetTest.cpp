@@ -61,6 +61,9 @@ TEST(AudioURL, FirstLocalAudioOrMovieFileByExtension) {
         {{"/notes/readme.txt", "/music/second.wav", "/music/third.ogg"}, "/music/second.wav"},
         {{"https://example.com/remote.mp3", "/music/local.ogg"}, "/music/local.ogg"},
         {{"https://example.com/remote.mp3"}, std::nullopt},
+        // Playlists and cue sheets name other files; they are not audio.
+        {{"/music/mix.m3u", "/music/mix.M3U8", "/music/radio.pls", "/music/album.cue"}, std::nullopt},
+        {{"/music/album.cue", "/music/album.flac"}, "/music/album.flac"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.files.join(", ").toStdString());

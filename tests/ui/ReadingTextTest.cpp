@@ -94,6 +94,8 @@ TEST(ReadingText, FileShelfAlertAndClipboardTexts) {
     const QString forty = "abcdefghijklmnopqrstuvwxyz0123456789.wav";
     EXPECT_EQ(text::fileLine(forty, tempo, both, plain),
               "Last file: abcdefghijklmnopq\u202623456789.wav \u2014 A minor (8A) or C major \u00b7 120 BPM");
+    // Neither key nor tempo: no dangling dash.
+    EXPECT_EQ(text::fileLine("quiet.wav", {}, none, plain), "Last file: quiet.wav");
     EXPECT_EQ(text::shelfLines("a.wav", tempo, both, plain),
               (QStringList{"A minor / C major", "8A/8B  \u00b7  120 BPM", "a.wav"}));
     EXPECT_EQ(text::shelfLines("q.wav", {}, none, plain),
@@ -119,6 +121,9 @@ TEST(ReadingText, TuningLineFromEightCentsAndShortenedNames) {
     KeyEstimate noKey = KeyEstimate::unknown;
     noKey.tuningCents = 20;
     EXPECT_EQ(text::tuningLine(noKey), std::nullopt);
+
+    EXPECT_EQ(text::progress(42.4, 190), "0:42 of 3:10");
+    EXPECT_EQ(text::progress(3725, 0), "62:05");
 
     const QString forty = "abcdefghijklmnopqrstuvwxyz0123456789.wav";
     EXPECT_EQ(text::shortened(forty, 30), "abcdefghijklmnopq\u202623456789.wav");

@@ -1,0 +1,19 @@
+#pragma once
+// The one place where velquin-scan calls the whole-file analysis.
+
+#include <stop_token>
+#include <string>
+
+#include "AnalysisCache.h"
+#include "TempoRange.h"
+
+namespace velquin::scan {
+
+// Cache entries computed with another version are ignored.
+int analysisVersion();
+
+// The same analysis as `velquin --analyze`. Throws what it throws (what() is the text to show);
+// a requested stop ends it early with FileAnalysis::AnalysisCancelled.
+AnalysisCache::Entry analyzeFile(const std::string& path, TempoRange range, std::stop_token stop);
+
+}  // namespace velquin::scan

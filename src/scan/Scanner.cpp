@@ -1,0 +1,237 @@
+#include "Scanner.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdlib>
+#include <exception>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "FileWalker.h"
+#include "Format.h"
+#include "Progress.h"
+#include "ScanAnalysis.h"
+#include "ScanOutput.h"
+#include "TagWriter.h"
+
+namespace velquin::scan {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+void putLine(std::FILE* stream, const std::string& line) {
+    std::fwrite(line.data(), 1, line.size(), stream);
+    std::fputc('\n', stream);
+}
+
+class Scan {
+  public:
+    Scan(const ScanOptions& options, std::vector<std::string> files, std::unique_ptr<AnalysisCache> cache)
+        : options_(options), cache_(std::move(cache)), rows_(files.size()), done_(files.size(), false) {
+        for (size_t i = 0; i < files.size(); ++i) rows_[i].path = std::move(files[i]);
+    }
+
+    void start() {
+        const size_t workers = std::min(static_cast<size_t>(options_.jobs), rows_.size());
+        for (size_t w = 0; w < workers; ++w)
+            workers_.emplace_back([this](std::stop_token stop) { work(stop); });
+    }
+
+    // The finished rows that follow the ones already taken; with `all`, every finished row.
+    std::vector<size_t> takeReady(bool all) {
+        std::lock_guard lock(mutex_);
+        for (; printed_ < rows_.size(); ++printed_) {
+            if (!done_[printed_] && !all) break;
+            if (done_[printed_]) pending_.push_back(printed_);
+        }
+        std::vector<size_t> ready;
+        ready.swap(pending_);
+        return ready;
+    }
+
+    void print(const std::vector<size_t>& ready, std::FILE* out, std::FILE* err) const {
+        for (size_t i : ready) {
+            const ScanRow& row = rows_[i];
+            putLine(out, rowLine(options_.format, row));
+            // The table has no column for a file analysed but left untagged.
+            if (options_.format == OutputFormat::table && row.result && !row.error.empty())
+                putLine(err, "velquin-scan: " + row.path + ": " + row.error);
+        }
+        std::fflush(out);
+    }
+
+    // Waits up to `timeout` for a row to finish; true when all have.
+    bool wait(Clock::duration timeout) {
+        std::unique_lock lock(mutex_);
+        changed_.wait_for(lock, timeout, [&] { return finished_ == rows_.size() || changedFlag_; });
+        changedFlag_ = false;
+        return finished_ == rows_.size();
+    }
+
+    // Asks the workers to stop after their current file; true when they all did within `timeout`.
+    bool stop(Clock::duration timeout) {
+        for (auto& worker : workers_) worker.request_stop();
+        std::unique_lock lock(mutex_);
+        return changed_.wait_for(lock, timeout, [&] { return busy_ == 0; });
+    }
+
+    size_t total() const { return rows_.size(); }
+    size_t finished() const {
+        std::lock_guard lock(mutex_);
+        return finished_;
+    }
+    std::string current() const {
+        std::lock_guard lock(mutex_);
+        return current_;
+    }
+    size_t failures() const {
+        size_t n = 0;
+        for (size_t i = 0; i < rows_.size(); ++i) n += done_[i] && !rows_[i].error.empty() ? 1 : 0;
+        return n;
+    }
+    size_t fromCache() const { return fromCache_; }
+
+  private:
+    void work(std::stop_token stop) {
+        {
+            std::lock_guard lock(mutex_);
+            ++busy_;
+        }
+        for (;;) {
+            const size_t i = next_++;
+            if (stop.stop_requested() || i >= rows_.size()) break;
+            {
+                std::lock_guard lock(mutex_);
+                current_ = rows_[i].path;
+            }
+            const bool complete = process(rows_[i], stop);
+            std::lock_guard lock(mutex_);
+            if (complete) {
+                done_[i] = true;
+                ++finished_;
+            }
+            changedFlag_ = true;
+            changed_.notify_all();
+        }
+        std::lock_guard lock(mutex_);
+        --busy_;
+        changed_.notify_all();
+    }
+
+    // Fills the row; false when a stop cut the analysis short.
+    bool process(ScanRow& row, std::stop_token stop) {
+        const auto key =
+            AnalysisCache::keyForFile(row.path, analysisVersion(), std::string(rawValue(options_.range)));
+        if (cache_ && key && !options_.force) row.result = cache_->lookup(*key);
+        if (row.result) {
+            ++fromCache_;
+        } else {
+            try {
+                row.result = analyzeFile(row.path, options_.range, stop);
+            } catch (const std::exception& error) {
+                if (stop.stop_requested()) return false;
+                row.error = error.what();
+                return true;
+            }
+            if (cache_ && key) cache_->store(*key, *row.result);
+        }
+        if (options_.writeTags) {
+            const TagRequest request{options_.camelotTags, options_.touch};
+            if (const auto why = writeTags(row.path, row.result->tempo, row.result->key, request)) {
+                row.error = *why;
+            } else if (cache_) {
+                // The new tags change the size (and maybe the time); the result still holds.
+                const auto tagged = AnalysisCache::keyForFile(row.path, analysisVersion(),
+                                                              std::string(rawValue(options_.range)));
+                if (tagged) cache_->store(*tagged, *row.result);
+            }
+        }
+        return true;
+    }
+
+    const ScanOptions& options_;
+    std::unique_ptr<AnalysisCache> cache_;
+    std::vector<ScanRow> rows_;  // each row written by one worker, read after its done flag
+    std::atomic<size_t> next_{0};
+    std::atomic<size_t> fromCache_{0};
+
+    mutable std::mutex mutex_;
+    std::condition_variable changed_;
+    std::vector<bool> done_;       // guarded by mutex_
+    std::vector<size_t> pending_;  // finished rows waiting to be printed, guarded by mutex_
+    size_t printed_ = 0;           // rows before this were printed or passed over; main thread
+    size_t finished_ = 0;
+    size_t busy_ = 0;
+    bool changedFlag_ = false;
+    std::string current_;
+    std::vector<std::jthread> workers_;  // last: joined before the rest is destroyed
+};
+
+std::unique_ptr<AnalysisCache> openCache(std::FILE* err) {
+    const auto file = AnalysisCache::defaultPath();
+    if (file.empty()) {
+        putLine(err, "velquin-scan: no home folder, so nothing is cached");
+        return nullptr;
+    }
+    try {
+        return std::make_unique<AnalysisCache>(file);
+    } catch (const std::exception& error) {
+        putLine(err, std::string("velquin-scan: working without the cache: ") + error.what());
+        return nullptr;
+    }
+}
+
+}  // namespace
+
+int runScan(const ScanOptions& options, std::FILE* out, std::FILE* err,
+            const std::atomic<bool>& interrupted) {
+    const auto started = Clock::now();
+    auto files =
+        findAudioFiles(options.paths, [&](const std::string& why) { putLine(err, "velquin-scan: " + why); });
+    Scan scan(options, std::move(files), openCache(err));
+    Progress progress(err);
+
+    const std::string header = headerLine(options.format);
+    if (!header.empty()) putLine(out, header);
+    std::fflush(out);
+    scan.start();
+    bool complete = scan.total() == 0;
+    while (!complete && !interrupted.load()) {
+        complete = scan.wait(std::chrono::milliseconds(100));
+        if (const auto ready = scan.takeReady(false); !ready.empty()) {
+            progress.clear();
+            scan.print(ready, out, err);
+        }
+        if (!complete) progress.update(scan.finished(), scan.total(), scan.current());
+    }
+    progress.clear();
+
+    if (!complete) {
+        const bool stopped = scan.stop(std::chrono::milliseconds(500));
+        scan.print(scan.takeReady(true), out, err);
+        putLine(err, format("Interrupted: %zu of %zu files done", scan.finished(), scan.total()));
+        if (!stopped) {
+            // A worker is deep in one file; its result would come too late to print, and nothing it
+            // holds needs saving: the cache commits each entry whole.
+            abandonTagCopies();
+            std::fflush(err);
+            std::_Exit(130);
+        }
+        abandonTagCopies();
+        return 130;
+    }
+
+    const double seconds = std::chrono::duration<double>(Clock::now() - started).count();
+    putLine(err, format("velquin-scan: %zu %@ in %.1f s (%zu from the cache)", scan.total(),
+                        scan.total() == 1 ? "file" : "files", seconds, scan.fromCache()));
+    if (const size_t failed = scan.failures(); failed > 0) {
+        putLine(err, format("%zu %@ failed", failed, failed == 1 ? "file" : "files"));
+        return 1;
+    }
+    return 0;
+}
+
+}  // namespace velquin::scan

@@ -1,0 +1,95 @@
+// The desktop application in a panel: the reading as the item's label, and the menu driven from the
+// panel (a setting, Start at Login), over the private bus.
+#include <gtest/gtest.h>
+
+#include <QFile>
+#include <QSettings>
+#include <QTemporaryDir>
+#include <QTest>
+#include <string>
+#include <vector>
+
+#include "DesktopApp.h"
+#include "PanelHost.h"
+#include "StatusNotifierItem.h"
+
+namespace velquin {
+namespace {
+
+// Starts and never delivers a sample: every reading comes from the test.
+class QuietSource : public AudioSource {
+  public:
+    double sampleRate() const override { return 48000; }
+    void start() override {}
+    void stop() override {}
+};
+
+int idOf(const panel::MenuLayout& node, const QString& label) {
+    if (node.properties.value(QStringLiteral("label")).toString() == label) return node.id;
+    for (const panel::MenuLayout& child : node.children) {
+        if (const int id = idOf(child, label); id >= 0) return id;
+    }
+    return -1;
+}
+
+TEST(DesktopPanel, ShowsTheReadingAndAnswersTheMenuFromThePanel) {
+    QTemporaryDir dir;
+    qputenv("XDG_CONFIG_HOME", dir.path().toUtf8());
+    test::PanelHost host;
+    host.startWatcher();
+    std::vector<std::string> log;
+    DesktopApp app(DesktopApp::Options{
+        .log = [&](std::string_view line) { log.emplace_back(line); },
+        .settings = std::make_unique<QSettings>(dir.filePath("Velquin.conf"), QSettings::IniFormat),
+        .sourceFactory = [](AudioSourceKind) { return std::make_unique<QuietSource>(); },
+        .dialogs = Dialogs{.askOtherSource = [](const QString&, AudioSourceKind) { return false; },
+                           .showFileAlert = [](const QString&, const QString&) {},
+                           .showFileError = [](const QString&, const QString&) {},
+                           .chooseAudioFile = [] { return std::optional<QString>(); },
+                           .openUrl = [](const QUrl&) { return true; },
+                           .showHelpPath = [](const QString&) {},
+                           .beep = [] {}},
+    });
+    app.launch();
+    const QString service = app.panel().item()->serviceName();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return app.panel().item()->isAvailable(); }, 5000));
+    EXPECT_EQ(host.registrations, QStringList{service});
+    EXPECT_EQ(app.trayIcon(), nullptr);  // the panel shows the reading; no second icon
+    const auto label = [&] { return host.itemProperties(service).value("XAyatanaLabel").toString(); };
+
+    app.togglePause();  // from here on every reading comes from the test
+    KeyEstimate aMinor;
+    aMinor.key = MusicalKey{9, true};
+    aMinor.confidence = 0.9;
+    app.render(TempoEstimate{120.2, 0.9, 0.1}, aMinor);
+    EXPECT_EQ(label(), "Am 120");
+    EXPECT_EQ(host.itemProperties(service).value("XAyatanaLabelGuide").toString(), "C#m 000");
+
+    const panel::MenuLayout menu = host.layout(service);
+    host.click(service, idOf(menu, "Camelot Names (8A)"));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return app.settings().useCamelot; }, 3000));
+    app.render(TempoEstimate{120.2, 0.9, 0.1}, aMinor);  // the next reading
+    EXPECT_EQ(label(), "8A 120");
+
+    // Start at Login writes the autostart entry, pointing at this program, and takes it away again.
+    const QString entry = dir.filePath("autostart/velquin.desktop");
+    const int login = idOf(menu, "Start at Login");
+    ASSERT_GE(login, 0);
+    host.click(service, login);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return QFile::exists(entry); }, 3000));
+    QFile file(entry);
+    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
+    EXPECT_TRUE(file.readAll().contains(QCoreApplication::applicationFilePath().toUtf8()));
+    EXPECT_TRUE(app.panel().loginItem()->isChecked());
+    host.click(service, login);
+    EXPECT_TRUE(QTest::qWaitFor([&] { return !QFile::exists(entry); }, 3000));
+
+    // The panel goes away: the tray icon takes over.
+    host.stopWatcher();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !app.panel().item()->isAvailable(); }, 3000));
+    EXPECT_EQ(log.back(), "no panel item host: tray icon");
+    qunsetenv("XDG_CONFIG_HOME");
+}
+
+}  // namespace
+}  // namespace velquin

@@ -1,0 +1,184 @@
+// velquin-scan's parts: tags read back through TagLib, the cache, the output formats, the options.
+// The whole program is exercised by scan-e2e.sh.
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <taglib/fileref.h>
+#include <taglib/mp4file.h>
+#include <taglib/tpropertymap.h>
+
+#include <cstdlib>
+#include <filesystem>
+
+#include "AnalysisCache.h"
+#include "FileModes.h"
+#include "ScanOptions.h"
+#include "ScanOutput.h"
+#include "TagWriter.h"
+#include "TestSupport.h"
+
+namespace velquin::scan {
+namespace {
+
+namespace fs = std::filesystem;
+
+bool makeAudio(const fs::path& path, const std::string& codec) {
+    const std::string command = "ffmpeg -nostdin -v error -y -f lavfi -i sine=frequency=440:duration=1 " +
+                                codec + " -metadata title=Kept '" + path.string() + "'";
+    return std::system(command.c_str()) == 0;
+}
+
+TagLib::PropertyMap propertiesOf(const fs::path& path) {
+    TagLib::FileRef ref(path.c_str());
+    if (ref.isNull()) return {};
+    auto map = ref.file()->properties();
+    // TagLib 1.13 has no common name for MP4's freeform key item.
+    if (auto* mp4 = dynamic_cast<TagLib::MP4::File*>(ref.file()))
+        map["INITIALKEY"] = mp4->tag()->item("----:com.apple.iTunes:initialkey").toStringList();
+    return map;
+}
+
+std::string property(const TagLib::PropertyMap& map, const char* name) {
+    const auto values = map[name];
+    return values.isEmpty() ? "" : values.front().to8Bit(true);
+}
+
+TEST(TagWriter, WritesKeyAndBpmIntoEveryTagFamilyAndKeepsTheRest) {
+    test::TempDir dir;
+    const TempoEstimate tempo{127.6, 0.9, 0.1};
+    KeyEstimate key = KeyEstimate::unknown;
+    key.key = MusicalKey{10, false};  // B♭: "Bb", 6B
+    struct Case {
+        const char* name;
+        const char* codec;
+        bool camelot;
+    };
+    // TagLib shows ID3v2 TKEY/TBPM, Vorbis INITIALKEY/BPM and MP4 tmpo as INITIALKEY/BPM.
+    for (const Case& c : {Case{"v3.mp3", "-id3v2_version 3", false}, Case{"v4.mp3", "", true},
+                          Case{"a.flac", "", false}, Case{"a.ogg", "-c:a libvorbis", false},
+                          Case{"a.opus", "-c:a libopus", true}, Case{"a.m4a", "-c:a aac", false},
+                          Case{"a.wav", "", false}, Case{"a.aiff", "-write_id3v2 1", true}}) {
+        SCOPED_TRACE(c.name);
+        const fs::path file = dir / c.name;
+        ASSERT_TRUE(makeAudio(file, c.codec));
+        ::chmod(file.c_str(), 0640);
+        const auto before = fs::last_write_time(file) - std::chrono::hours(24);
+        fs::last_write_time(file, before);
+
+        EXPECT_EQ(writeTags(file, tempo, key, {c.camelot, false}), std::nullopt);
+        const auto tags = propertiesOf(file);
+        EXPECT_EQ(property(tags, "INITIALKEY"), c.camelot ? "6B" : "Bb");
+        EXPECT_EQ(property(tags, "BPM"), "128");
+        if (std::string(c.name) != "a.wav") EXPECT_EQ(property(tags, "TITLE"), "Kept");
+        EXPECT_EQ(fs::last_write_time(file), before);
+        EXPECT_EQ(fs::status(file).permissions() & fs::perms::all, fs::perms(0640));
+        struct stat first {}, second {};
+        ::stat(file.c_str(), &first);
+        EXPECT_EQ(writeTags(file, tempo, key, {c.camelot, false}), std::nullopt);
+        ::stat(file.c_str(), &second);
+        EXPECT_EQ(first.st_ino, second.st_ino) << "tags already there: the file is not replaced";
+    }
+    EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), {}), 8) << "no copy left behind";
+}
+
+TEST(TagWriter, LeavesReadOnlyAndUnsupportedFilesAlone) {
+    test::TempDir dir;
+    KeyEstimate key = KeyEstimate::unknown;
+    key.key = MusicalKey{9, true};
+    ASSERT_TRUE(makeAudio(dir / "locked.flac", ""));
+    ASSERT_TRUE(makeAudio(dir / "a.mka", ""));
+    ::chmod((dir / "locked.flac").c_str(), 0444);
+    for (const auto& [name, why] : {std::pair{"locked.flac", "not tagged: read-only file"},
+                                    std::pair{"a.mka", "not tagged: unsupported container"}}) {
+        const std::string bytes = test::readText(dir / name);
+        EXPECT_EQ(writeTags(dir / name, {120, 1, 0}, key, {}), why);
+        EXPECT_EQ(test::readText(dir / name), bytes);
+    }
+    EXPECT_EQ(tagKeyName(MusicalKey{6, true}), "F#m");
+}
+
+TEST(AnalysisCache, FindsAnEntryOnlyWhenEveryPartOfTheKeyMatches) {
+    test::TempDir dir;
+    const AnalysisCache::Key key{"/music/a.flac", 1000, 123456789, 1, "auto"};
+    AnalysisCache::Entry entry;
+    entry.tempo = {124.5, 0.8, 0.2};
+    entry.key.key = MusicalKey{3, true};
+    entry.key.alternative = MusicalKey{6, false};
+    entry.key.confidence = 0.7;
+    entry.key.tuningCents = -12.5;
+    entry.key.chroma[4] = 1.0;
+    entry.durationSeconds = 61.25;
+    {
+        AnalysisCache cache(dir / "sub" / "scan.sqlite");
+        cache.store(key, entry);
+    }
+    const AnalysisCache cache(dir / "sub" / "scan.sqlite");  // a new process, as it were
+    const auto found = cache.lookup(key);
+    ASSERT_TRUE(found);
+    EXPECT_EQ(found->tempo.bpm, 124.5);
+    EXPECT_EQ(found->key.key, entry.key.key);
+    EXPECT_EQ(found->key.alternative, entry.key.alternative);
+    EXPECT_EQ(found->key.tuningCents, -12.5);
+    EXPECT_EQ(found->key.chroma, entry.key.chroma);
+    EXPECT_EQ(found->durationSeconds, 61.25);
+    for (auto changed : {AnalysisCache::Key{"/music/b.flac", 1000, 123456789, 1, "auto"},
+                         AnalysisCache::Key{"/music/a.flac", 1001, 123456789, 1, "auto"},
+                         AnalysisCache::Key{"/music/a.flac", 1000, 123456790, 1, "auto"},
+                         AnalysisCache::Key{"/music/a.flac", 1000, 123456789, 2, "auto"},
+                         AnalysisCache::Key{"/music/a.flac", 1000, 123456789, 1, "fast"}})
+        EXPECT_FALSE(cache.lookup(changed))
+            << changed.path << changed.size << changed.mtimeNs << changed.range;
+}
+
+TEST(ScanOutput, RowsInEveryFormat) {
+    ScanRow ok{"dir/x.mp3", AnalysisCache::Entry{}, ""};
+    ok.result->tempo = {128, 0.5, 0};
+    ok.result->key.key = MusicalKey{3, true};
+    ok.result->key.confidence = 0.25;
+    ok.result->durationSeconds = 5;
+    const ScanRow failed{"a,\"b\"\x01\xff.wav", std::nullopt, "Invalid data found when processing input"};
+
+    EXPECT_EQ(rowLine(OutputFormat::table, ok),
+              FileModes::resultLine(ok.result->tempo, ok.result->key) + "  dir/x.mp3");
+    EXPECT_EQ(rowLine(OutputFormat::table, failed),
+              "Error: Invalid data found when processing input  " + failed.path);
+    EXPECT_EQ(headerLine(OutputFormat::csv),
+              "path,bpm,bpm_confidence,key,camelot,key_confidence,alternative,tuning_cents,duration_s,error");
+    EXPECT_EQ(rowLine(OutputFormat::csv, ok), "dir/x.mp3,128.00,0.500,E♭m,2A,0.250,,0.0,5.000,");
+    EXPECT_EQ(rowLine(OutputFormat::csv, failed),
+              "\"a,\"\"b\"\"\x01\xff.wav\",,,,,,,,,Invalid data found when processing input");
+    EXPECT_EQ(
+        rowLine(OutputFormat::json, ok),
+        R"({"path":"dir/x.mp3","bpm":128.00,"bpm_confidence":0.500,"key":"E♭m","camelot":"2A",)"
+        R"("key_confidence":0.250,"alternative":null,"tuning_cents":0.0,"duration_s":5.000,"error":null})");
+    EXPECT_EQ(
+        rowLine(OutputFormat::json, failed),
+        R"({"path":"a,\"b\"\u0001\ufffd.wav","bpm":null,"bpm_confidence":null,"key":null,"camelot":null,)"
+        R"("key_confidence":null,"alternative":null,"tuning_cents":null,"duration_s":null,)"
+        R"("error":"Invalid data found when processing input"})");
+}
+
+TEST(ScanOptions, ParsesOrNamesTheUsageError) {
+    const auto ok = parseOptions({"--jobs=3", "--range", "fast", "--format", "json", "--write-tags",
+                                  "--key-notation", "camelot", "--", "--odd-name.mp3"},
+                                 2, true);
+    ASSERT_TRUE(ok.options) << ok.error;
+    EXPECT_EQ(ok.options->jobs, 3);
+    EXPECT_EQ(ok.options->range, TempoRange::fast);
+    EXPECT_EQ(ok.options->format, OutputFormat::json);
+    EXPECT_TRUE(ok.options->writeTags && ok.options->camelotTags);
+    EXPECT_EQ(ok.options->paths, std::vector<std::string>{"--odd-name.mp3"});
+    EXPECT_EQ(parseOptions({"x"}, 2, false).options->format, OutputFormat::csv);
+    for (const auto& bad : std::vector<std::vector<std::string>>{{},
+                                                                 {"--jobs", "0", "x"},
+                                                                 {"--jobs"},
+                                                                 {"--range", "Fast", "x"},
+                                                                 {"--format", "xml", "x"},
+                                                                 {"--key-notation", "open", "x"},
+                                                                 {"--frobnicate", "x"},
+                                                                 {"--force=1", "x"}})
+        EXPECT_FALSE(parseOptions(bad, 2, true).options) << (bad.empty() ? "" : bad[0]);
+}
+
+}  // namespace
+}  // namespace velquin::scan

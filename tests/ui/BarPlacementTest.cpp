@@ -1,0 +1,66 @@
+#include <gtest/gtest.h>
+
+#include <QDir>
+#include <QLocalServer>
+#include <QTemporaryDir>
+#include <vector>
+
+#include "BarPlacement.h"
+#include "SingleInstance.h"
+#include "UiTestSupport.h"
+
+namespace velquin {
+namespace {
+
+TEST(BarPlacement, FirstPlaceSnappingAndRememberedFractions) {
+    const QSize bar(100, 22);
+    const QRect area(0, 30, 1280, 770);  // below a 30 px panel
+    EXPECT_EQ(barPlacement::first(area, bar), QPoint(1280 - 8 - 100, 30 + 48));
+
+    struct Case {
+        QPoint dropped, expected;
+    };
+    const std::vector<Case> snaps = {
+        {{500, 400}, {500, 400}},         // far from every edge: stays
+        {{10, 40}, {0, 30}},              // near the top left corner
+        {{1170, 795}, {1180, 30 + 748}},  // near the bottom right, partly off screen: kept inside
+        {{-300, -50}, {0, 30}},           // off screen: back inside
+    };
+    for (const Case& c : snaps) EXPECT_EQ(barPlacement::snapped(c.dropped, bar, area), c.expected);
+
+    // The same relative place on a resized screen, and the fraction survives a round trip.
+    const QPoint p(1180, 30);
+    const QPointF f = barPlacement::relative(p, bar, area);
+    EXPECT_EQ(f, QPointF(1.0, 0.0));
+    EXPECT_EQ(barPlacement::fromRelative(f, bar, QRect(0, 0, 800, 600)), QPoint(700, 0));
+    EXPECT_EQ(barPlacement::fromRelative(barPlacement::relative({590, 404}, bar, area), bar, area),
+              QPoint(590, 404));
+    EXPECT_EQ(barPlacement::fromRelative(QPointF(7, -2), bar, area), QPoint(1180, 30));
+}
+
+TEST(SingleInstance, ASecondClaimAsksTheFirstToShowItself) {
+    QTemporaryDir dir;
+    const QString path = dir.filePath("velquin.socket");
+    int shown = 0;
+    SingleInstance first(path);
+    first.onShowRequest = [&] { ++shown; };
+    ASSERT_TRUE(first.claim());
+    SingleInstance second(path);
+    EXPECT_FALSE(second.claim());
+    EXPECT_TRUE(test::waitUntil([&] { return shown == 1; }, 5000));
+
+    // A socket file left by a program that is gone does not count.
+    QTemporaryDir other;
+    const QString stale = other.filePath("velquin.socket");
+    {
+        QLocalServer crashed;
+        crashed.setSocketOptions(QLocalServer::UserAccessOption);
+        ASSERT_TRUE(crashed.listen(stale));
+        crashed.close();
+    }
+    SingleInstance third(stale);
+    EXPECT_TRUE(third.claim());
+}
+
+}  // namespace
+}  // namespace velquin
