@@ -12,7 +12,7 @@ VELQUIN_PACKAGES=(
     libsndfile1-dev libpulse-dev libxcb1-dev libxcb-xfixes0-dev
     libgtest-dev libgmock-dev libbenchmark-dev libtag1-dev libsqlite3-dev
     pulseaudio pulseaudio-utils xvfb xauth x11-utils ffmpeg clang libclang-rt-14-dev locales time
-    trayer xdotool imagemagick openbox wmctrl dbus desktop-file-utils appstream
+    trayer xdotool imagemagick openbox wmctrl dbus desktop-file-utils appstream dbus-daemon
 )
 
 velquin_install_packages() {

@@ -189,7 +189,8 @@ int run(int argc, char** argv, const std::vector<std::string>& arguments) {
         !arguments.empty() && arguments[0] == "mic" ? AudioSourceKind::microphone : AudioSourceKind::systemAudio;
     const std::optional<double> duration = durationFrom(arguments);
     if (!duration) {
-        std::fprintf(stderr, "Error: the duration must be a number of seconds above 0 and below 9.2e18, not %s\n",
+        std::fprintf(stderr,
+                     "Error: the duration must be a number of seconds above 0 and below 9.2e18, not %s\n",
                      arguments[1].c_str());
         return 1;
     }

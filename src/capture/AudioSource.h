@@ -24,7 +24,8 @@ public:
                       engineFailed, noOutputDevice };
 
     // No sound server answered. Both sources say so the same way; `kind` names what could not be heard.
-    static AudioSourceError serverUnreachable(int32_t status, AudioSourceKind kind = AudioSourceKind::systemAudio);
+    static AudioSourceError serverUnreachable(int32_t status,
+                                              AudioSourceKind kind = AudioSourceKind::systemAudio);
     // The record stream could not be made.
     static AudioSourceError streamCreationFailed(int32_t status);
     // The server, the default output or its monitor could not be described.

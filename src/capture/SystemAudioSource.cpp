@@ -50,7 +50,8 @@ std::optional<AudioSourceError> SystemAudioSource::startLocked() {
 
     context_ = pulse::newContext(loop);
     if (!context_) return AudioSourceError::serverUnreachable(PA_ERR_INTERNAL);
-    if (const int error = pulse::connect(loop, context_.get())) return AudioSourceError::serverUnreachable(error);
+    if (const int error = pulse::connect(loop, context_.get()))
+        return AudioSourceError::serverUnreachable(error);
     pa_context* context = context_.get();
 
     pulse::ServerInfo server;
@@ -64,7 +65,8 @@ std::optional<AudioSourceError> SystemAudioSource::startLocked() {
     }
     if (const int error = pulse::querySourceInfo(loop, context, sink.monitorSourceName, monitor_))
         return AudioSourceError::monitorFormatUnavailable(error);
-    if (monitor_.spec.rate == 0 || monitor_.spec.channels == 0) return AudioSourceError::monitorFormatUnavailable(0);
+    if (monitor_.spec.rate == 0 || monitor_.spec.channels == 0)
+        return AudioSourceError::monitorFormatUnavailable(0);
     sinkName_ = server.defaultSinkName;
 
     stream_ = pulse::newRecordStream(context, "System Audio", monitor_);

@@ -121,6 +121,7 @@ void AppMenu::createItems() {
     items_.systemItem = sources->addAction(checkable(QStringLiteral("System Audio")));
     items_.micItem = sources->addAction(checkable(QStringLiteral("Microphone")));
     items_.pauseItem = checkable(QStringLiteral("Pause Listening"), "Ctrl+P");
+    items_.followItem = checkable(QStringLiteral("Follow the Player"));
     items_.camelotItem = checkable(QStringLiteral("Camelot Names (8A)"));
     items_.notesItem = checkable(QStringLiteral("Show Note Strengths"));
     items_.decimalsItem = checkable(QStringLiteral("Show BPM Decimals (141.0)"));
@@ -163,6 +164,8 @@ void AppMenu::build(const DisplaySettings& settings) {
     m.addAction(items_.systemItem);
     m.addAction(items_.micItem);
     m.addAction(items_.pauseItem);
+    items_.followItem->setChecked(settings.followPlayer);
+    m.addAction(items_.followItem);
     m.addSeparator();
     QMenu* ranges = m.addMenu(QStringLiteral("Tempo Range"));
     for (TempoRange range : allTempoRanges()) ranges->addAction(items_.rangeItems.at(range));

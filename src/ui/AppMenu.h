@@ -34,6 +34,7 @@ class AppMenu {
         QAction* systemItem = nullptr;
         QAction* micItem = nullptr;
         QAction* pauseItem = nullptr;
+        QAction* followItem = nullptr;
         QAction* camelotItem = nullptr;
         QAction* notesItem = nullptr;
         QAction* decimalsItem = nullptr;

@@ -25,9 +25,10 @@ std::vector<std::string> heldMessages;
 
 void holdPlatformMessages(QtMsgType type, const QMessageLogContext& context, const QString& message) {
     if (type == QtFatalMsg) {
-        std::fputs("Error: no graphical display (set DISPLAY, or use --analyze, --timeline, --chroma or --live; "
-                   "see --help)\n",
-                   stderr);
+        std::fputs(
+            "Error: no graphical display (set DISPLAY, or use --analyze, --timeline, --chroma or --live; see "
+            "--help)\n",
+            stderr);
         std::fflush(stderr);
         ::_exit(1);
     }
@@ -38,7 +39,8 @@ void holdPlatformMessages(QtMsgType type, const QMessageLogContext& context, con
 // stay in memory (nothing can be made under /dev/null) rather than land in "/.config".
 void placeSettings() {
     const std::filesystem::path config = xdg::configHome();
-    const QString folder = config.empty() ? QStringLiteral("/dev/null") : QString::fromStdString(config.string());
+    const QString folder =
+        config.empty() ? QStringLiteral("/dev/null") : QString::fromStdString(config.string());
     QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, folder);
     QSettings::setPath(QSettings::IniFormat, QSettings::UserScope, folder);
 }

@@ -36,7 +36,9 @@ DesktopApp::DesktopApp(Options options)
       barPosition_(*bar_, *store_),
       tray_(menu_.menu()),
       panel_(menu_.menu(), tray_, log_),
-      drops_(log_) {
+      drops_(log_),
+      follower_(options.playerBus ? *options.playerBus : QDBusConnection::sessionBus(),
+                std::make_shared<LibraryTrackCache>()) {
     fileTimer_.setSingleShot(true);
     connect(&fileTimer_, &QTimer::timeout, this, [this] {
         fileInBar_ = false;
@@ -50,6 +52,8 @@ DesktopApp::~DesktopApp() {
     service_.onUpdate = nullptr;
     service_.onError = nullptr;
     service_.stop();
+    follower_.onReading = nullptr;
+    follower_.onLog = nullptr;
 }
 
 void DesktopApp::connectItems() {
@@ -68,6 +72,7 @@ void DesktopApp::connectItems() {
     on(items.copyItem, &DesktopApp::copyBoth);
     on(items.analyzeItem, &DesktopApp::analyzeFile);
     on(items.resetItem, &DesktopApp::resetAll);
+    on(items.followItem, &DesktopApp::toggleFollow);
     on(items.helpItem, &DesktopApp::openHelp);
     connect(items.quitItem, &QAction::triggered, qApp, &QCoreApplication::quit, Qt::QueuedConnection);
     for (const auto& [range, item] : items.rangeItems) {
@@ -152,6 +157,13 @@ void DesktopApp::launch() {
 
     applyRange(storedRange(*store_));
     start(storedSource(*store_));
+
+    follower_.onReading = [this](const std::optional<PlayerReading>& playing) { showPlaying(playing); };
+    follower_.onLog = [this](const QString& line) {
+        if (log_) log_(line.toStdString());
+    };
+    follower_.setEnabled(settings_.followPlayer);
+    follower_.start();
     if (firstLaunch) {
         // Once, so that a new user learns where the menu is and that the bar moves.
         menu_.showHint(true);
@@ -203,13 +215,22 @@ QString DesktopApp::statusText(const TempoEstimate& tempo, const KeyEstimate& ke
 }
 
 void DesktopApp::render(const TempoEstimate& liveTempo, const KeyEstimate& liveKey) {
-    const bool showingFile = fileInBar_ && fileResult_;
-    const TempoEstimate& tempo = showingFile ? fileResult_->tempo : liveTempo;
-    const KeyEstimate& key = showingFile ? fileResult_->key : liveKey;
+    // A file just dropped wins for its few seconds; then the playing file's reading; then the live one.
+    const bool showingDrop = fileInBar_ && fileResult_;
+    const bool showingPlayer = !showingDrop && playing_;
+    const bool showingFile = showingDrop || showingPlayer;
+    const TempoEstimate& tempo = showingDrop     ? fileResult_->tempo
+                                 : showingPlayer ? playing_->tempo
+                                                 : liveTempo;
+    const KeyEstimate& key = showingDrop ? fileResult_->key : showingPlayer ? playing_->key : liveKey;
 
-    menu_.setFileLine(fileResult_ ? std::optional(text::fileLine(fileResult_->name, fileResult_->tempo,
-                                                                 fileResult_->key, settings_))
-                                  : std::nullopt);
+    if (playing_) {
+        menu_.setFileLine(playing_->line);
+    } else {
+        menu_.setFileLine(fileResult_ ? std::optional(text::fileLine(fileResult_->name, fileResult_->tempo,
+                                                                     fileResult_->key, settings_))
+                                      : std::nullopt);
+    }
     const bool working = drops_.isBusy() && !showingFile;
     // While a dropped file is measured the bar says so and no live value replaces that.
     reading_.keyText = working ? QStringLiteral("...") : text::barKey(key, settings_);
@@ -217,6 +238,11 @@ void DesktopApp::render(const TempoEstimate& liveTempo, const KeyEstimate& liveK
     reading_.confidence = text::ringConfidence(tempo, key);
     reading_.showingFile = showingFile;
     reading_.status = statusText(tempo, key);
+    if (showingPlayer) {
+        const auto line = text::estimateLine(tempo, key, settings_);
+        reading_.status = line ? *line + QStringLiteral("  \u00b7  from the playing file")
+                               : QStringLiteral("From the playing file");
+    }
     menu_.setStatus(reading_.status);
     menu_.setNotes(key.key && settings_.showNotes
                        ? std::optional(text::noteLineHtml(key, menu_.menu().palette()))
@@ -248,6 +274,7 @@ void DesktopApp::applyRange(TempoRange range) {
     store(*store_, range);
     menu_.checkRange(range);
     service_.setRange(range);
+    follower_.setRange(range);
 }
 
 void DesktopApp::start(AudioSourceKind kind) {
@@ -348,6 +375,16 @@ void DesktopApp::copyBoth() {
     QClipboard* clipboard = QGuiApplication::clipboard();
     clipboard->clear();
     clipboard->setText(*text);
+}
+
+void DesktopApp::showPlaying(const std::optional<PlayerReading>& playing) {
+    playing_ = playing;
+    rerender();
+}
+
+void DesktopApp::toggleFollow() {
+    toggle(settings_.followPlayer, menu_.items().followItem, settingsKey::followPlayer, false);
+    follower_.setEnabled(settings_.followPlayer);
 }
 
 void DesktopApp::resetAll() {

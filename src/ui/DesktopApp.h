@@ -5,6 +5,7 @@
 // Everything here runs on the main thread; file analyses run on the global thread pool and come back
 // to the main thread before touching anything.
 
+#include <QDBusConnection>
 #include <QObject>
 #include <QSettings>
 #include <QString>
@@ -23,6 +24,8 @@
 #include "LogSink.h"
 #include "ProgressWindow.h"
 #include "PanelPresence.h"
+#include "LibraryTrackCache.h"
+#include "PlayerFollower.h"
 #include "Reading.h"
 #include "TempoService.h"
 #include "TrayIcon.h"
@@ -46,6 +49,8 @@ class DesktopApp : public QObject {
         std::optional<Dialogs> dialogs = {};
         // Opens the drop shelf a second after launch and hides it 6 s later, to check where it lands.
         bool showShelfAtLaunch = false;
+        // Where media players are watched; the session bus when empty.
+        std::optional<QDBusConnection> playerBus = {};
     };
 
     explicit DesktopApp(Options options);
@@ -70,11 +75,14 @@ class DesktopApp : public QObject {
     void copyBoth();
     void analyzeFile();
     void resetAll();
+    void toggleFollow();
     void openHelp();
 
     void render(const TempoEstimate& tempo, const KeyEstimate& key);
     void start(AudioSourceKind kind);
     void show(const QString& error);
+    // The followed player's file reading, or none for the live one (the follower's onReading).
+    void showPlaying(const std::optional<PlayerReading>& playing);
 
     // Opens the menu under the bar, or at the pointer when the bar is hidden.
     void showMenu();
@@ -101,6 +109,7 @@ class DesktopApp : public QObject {
     const std::optional<FileResult>& fileResult() const { return fileResult_; }
     bool fileInBar() const { return fileInBar_; }
     bool paused() const { return paused_; }
+    PlayerFollower& follower() { return follower_; }
     QSystemTrayIcon* trayIcon() { return tray_.icon(); }
     ProgressWindow* progressWindow() { return menuAnalysis_.window(); }
     PanelPresence& panel() { return panel_; }
@@ -138,6 +147,8 @@ class DesktopApp : public QObject {
     std::vector<std::function<void(const Reading&)>> displays_;
 
     MenuAnalysis menuAnalysis_;
+    PlayerFollower follower_;
+    std::optional<PlayerReading> playing_;
 
     std::optional<FileResult> fileResult_;
     bool fileInBar_ = false;

@@ -31,6 +31,7 @@ DisplaySettings DisplaySettings::read(const QSettings& s) {
             .value_or(KeyEstimate::RelativePreference::both);
     d.showDecimals = flag(settingsKey::showDecimals, false);
     d.compact = flag(settingsKey::compactBar, false);
+    d.followPlayer = flag(settingsKey::followPlayer, true);
     d.floatBar = flag(settingsKey::floatBar, true);
     return d;
 }

@@ -22,6 +22,7 @@ inline constexpr const char* showNotes = "showNotes";
 inline constexpr const char* relativePreference = "relativePreference";
 inline constexpr const char* showDecimals = "showDecimals";
 inline constexpr const char* compactBar = "compactBar";
+inline constexpr const char* followPlayer = "followPlayer";
 inline constexpr const char* floatBar = "floatBar";
 inline constexpr const char* barPositionGroup = "barPosition";
 }  // namespace settingsKey
@@ -32,6 +33,7 @@ struct DisplaySettings {
     KeyEstimate::RelativePreference relativePreference = KeyEstimate::RelativePreference::both;
     bool showDecimals = false;  // BPM with one decimal
     bool compact = false;       // two-line bar
+    bool followPlayer = true;   // the playing file's reading stands in for the live one
     bool floatBar = true;       // the bar is shown (else only the tray carries the reading)
 
     static DisplaySettings read(const QSettings& settings);

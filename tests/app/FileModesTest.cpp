@@ -30,8 +30,8 @@ struct ProgramRun {
 };
 
 // `stdoutTo` replaces the redirection of standard output (">/dev/full", ">&-"); `environment` is for env(1).
-ProgramRun runVelquin(const std::string& arguments, const test::TempDir& dir, const std::string& stdoutTo = "",
-                      const std::string& environment = "") {
+ProgramRun runVelquin(const std::string& arguments, const test::TempDir& dir,
+                      const std::string& stdoutTo = "", const std::string& environment = "") {
     const char* bin = std::getenv("VELQUIN_BIN");
     EXPECT_NE(bin, nullptr);
     const auto out = dir / "stdout.txt", err = dir / "stderr.txt";
@@ -229,8 +229,9 @@ TEST(FileModes, OutputsReplaceOnlyOrdinaryFilesAndWritesAreChecked) {
 
     // A result that cannot be written is an error, not a silent success.
     for (const char* mode : {"--analyze tone.wav", "--timeline tone.wav"}) {
-        for (const auto& [to, reason] : {std::pair<std::string, std::string>{">/dev/full", "No space left on device"},
-                                         {">&-", "Bad file descriptor"}}) {
+        using Case = std::pair<std::string, std::string>;
+        for (const auto& [to, reason] : {Case{">/dev/full", "No space left on device"},
+                                         Case{">&-", "Bad file descriptor"}}) {
             const ProgramRun run = runVelquin(mode, dir, to);
             EXPECT_EQ(run.exitCode, 1) << mode << to;
             EXPECT_EQ(run.err, "Error: could not write the result: " + reason + "\n") << mode << to;
@@ -254,8 +255,8 @@ TEST(FileModes, HelpAndMissingDisplay) {
                 runVelquin(arguments, dir, "", std::string("-u DISPLAY -u WAYLAND_DISPLAY ") + environment);
             EXPECT_EQ(run.exitCode, 1) << environment << arguments;
             EXPECT_EQ(run.err,
-                      "Error: no graphical display (set DISPLAY, or use --analyze, --timeline, --chroma or --live; "
-                      "see --help)\n")
+                      "Error: no graphical display (set DISPLAY, or use --analyze, --timeline, --chroma or "
+                      "--live; see --help)\n")
                 << environment << arguments;
         }
     }

@@ -124,9 +124,9 @@ TEST(PulseSources, StartWithoutServerFailsCleanlyWithTheUsersText) {
         EXPECT_EQ(error.errorCase(), AudioSourceError::Case::serverUnreachable);
         EXPECT_EQ(error.status(), PA_ERR_CONNECTIONREFUSED);
         EXPECT_EQ(error.description(),
-                  "Could not tap system audio (error 6). Check that PulseAudio, or PipeWire's PulseAudio service, "
-                  "is running (pactl info) and that the default output has a monitor (pactl list short sources), "
-                  "then restart Velquin.");
+                  "Could not tap system audio (error 6). Check that PulseAudio, or PipeWire's PulseAudio "
+                  "service, is running (pactl info) and that the default output has a monitor (pactl list "
+                  "short sources), then restart Velquin.");
     }
     EXPECT_EQ(system.sampleRate(), 48000);
     system.stop();

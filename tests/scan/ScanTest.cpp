@@ -72,7 +72,8 @@ TEST(TagWriter, WritesKeyAndBpmIntoEveryTagFamilyAndKeepsTheRest) {
         if (std::string(c.name) != "a.wav") EXPECT_EQ(property(tags, "TITLE"), "Kept");
         EXPECT_EQ(fs::last_write_time(file), before);
         EXPECT_EQ(fs::status(file).permissions() & fs::perms::all, fs::perms(0640));
-        struct stat first {}, second {};
+        struct stat first {
+        }, second{};
         ::stat(file.c_str(), &first);
         EXPECT_EQ(writeTags(file, tempo, key, {c.camelot, false}), std::nullopt);
         ::stat(file.c_str(), &second);

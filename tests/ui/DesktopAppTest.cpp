@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <QActionGroup>
+#include <QDBusConnection>
 #include <QDropEvent>
 #include <QElapsedTimer>
 #include <QGuiApplication>
@@ -105,6 +106,7 @@ class DesktopAppTest : public ::testing::Test {
                         kind == AudioSourceKind::systemAudio ? systemAudioFailure : std::nullopt);
                 },
             .dialogs = dialogs,
+            .playerBus = QDBusConnection(QStringLiteral("no bus")),  // no desktop's players in tests
         });
         app->launch();
     }
@@ -231,6 +233,29 @@ TEST_F(DesktopAppTest, RenderFillsTheBarAndTheInformationLines) {
     app->render({120, 0.9, 0}, KeyEstimate::unknown);
     EXPECT_FALSE(items().notesLine->isVisible());
     EXPECT_FALSE(items().tuningLine->isVisible());
+}
+
+TEST_F(DesktopAppTest, ThePlayingFilesReadingStandsInForTheLiveOneWhileFollowed) {
+    launch();
+    EXPECT_TRUE(items().followItem->isChecked());
+    app->showPlaying(PlayerReading{"Playing: Artist \u2014 Song", "/music/song.mp3", {134.4, 0.9, 0},
+                                   keyOf(9, true, 0.8), 1.05});
+    EXPECT_EQ(view().keyText, "Am");
+    EXPECT_EQ(view().bpmText, "134");
+    EXPECT_TRUE(view().showingFile);
+    EXPECT_TRUE(items().fileLine->isVisible());
+    EXPECT_EQ(line(items().fileLine), "Playing: Artist \u2014 Song");
+    EXPECT_TRUE(statusLine().endsWith("  \u00b7  from the playing file")) << statusLine().toStdString();
+    app->showPlaying(std::nullopt);  // paused, stopped, gone: the live (here silent) reading at once
+    EXPECT_EQ(view().keyText, "-");
+    EXPECT_FALSE(view().showingFile);
+    EXPECT_FALSE(items().fileLine->isVisible());
+
+    app->toggleFollow();
+    EXPECT_FALSE(app->follower().isEnabled());
+    launch();
+    EXPECT_FALSE(items().followItem->isChecked());
+    EXPECT_FALSE(app->follower().isEnabled());
 }
 
 TEST_F(DesktopAppTest, StatusLineFollowsPauseSourcesAndErrors) {

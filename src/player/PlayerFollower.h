@@ -1,0 +1,80 @@
+#pragma once
+// The reading follows the player: while the followed media player plays a local file, that file's key
+// and tempo (read once on a worker thread, or taken from the cache) stand in for the live reading. The
+// live analysis is not touched; the desktop app chooses which reading to draw.
+//
+// Interface thread only; callbacks run there.
+
+#include <QDBusConnection>
+#include <QObject>
+#include <QString>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "MprisWatcher.h"
+#include "TrackAnalysisWorker.h"
+#include "TrackCache.h"
+
+namespace velquin {
+
+struct PlayerReading {
+    QString line;         // "Playing: ARTIST — TITLE"
+    std::string path;     // the file that was read
+    TempoEstimate tempo;  // the file's, its BPM times the player's rate
+    KeyEstimate key;
+    double rate = 1;
+};
+
+class PlayerFollower : public QObject {
+    Q_OBJECT
+
+  public:
+    // `cache` may be null. `analyze` is the whole-file analysis (tests count calls through it).
+    PlayerFollower(QDBusConnection bus, std::shared_ptr<TrackCache> cache,
+                   TrackAnalysisWorker::Analyze analyze = analyzeTrackFile, QObject* parent = nullptr);
+    ~PlayerFollower() override;  // stops the worker thread
+
+    void start();  // starts watching the bus
+    void setEnabled(bool enabled);
+    bool isEnabled() const { return enabled_; }
+    // The range the next file is read with; a playing file is read again with the new range.
+    void setRange(TempoRange range);
+
+    // None: nothing to follow, so the live reading shows.
+    const std::optional<PlayerReading>& reading() const { return reading_; }
+    const MprisWatcher& watcher() const { return watcher_; }
+
+    // Called whenever reading() changes.
+    std::function<void(const std::optional<PlayerReading>&)> onReading;
+    // One line per file that cannot be read.
+    std::function<void(const QString&)> onLog;
+
+  private:
+    struct Wanted {
+        std::string path;
+        TempoRange range;
+    };
+    struct Known {
+        Wanted file;
+        TrackResult result;
+    };
+
+    void update();
+    void cancelRead();
+    void finished(TrackAnalysisWorker::Outcome outcome);
+    void show(std::optional<PlayerReading> reading);
+
+    MprisWatcher watcher_;
+    bool enabled_ = true;
+    TempoRange range_ = TempoRange::Auto;
+    std::optional<Wanted> wanted_;  // the file the followed player plays
+    std::optional<Known> known_;    // the last file read, kept for a resume or a rate change
+    uint64_t jobId_ = 0;
+    std::optional<PlayerReading> reading_;
+    std::unique_ptr<TrackAnalysisWorker> worker_;
+};
+
+}  // namespace velquin

@@ -1,0 +1,75 @@
+#pragma once
+// One thread that reads the playing file: at most one analysis at a time, the newest request wins and
+// cancels the one running. Results are looked up in and stored to the cache on this thread, so the
+// interface thread never waits for the disk.
+
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <stop_token>
+#include <string>
+#include <thread>
+
+#include "TrackCache.h"
+
+namespace velquin {
+
+// The whole-file analysis; none when `stop` was requested before it finished.
+// Throws the decoder's errors (std::exception; what() is the text for the log).
+std::optional<TrackResult> analyzeTrackFile(const std::string& path, TempoRange range, std::stop_token stop);
+
+class TrackAnalysisWorker {
+  public:
+    struct Job {
+        uint64_t id = 0;
+        std::string path;
+        TempoRange range = TempoRange::Auto;
+    };
+    struct Outcome {
+        uint64_t id = 0;
+        std::optional<TrackResult> result;  // none: the file could not be read (see error)
+        std::string error;
+        bool fromCache = false;
+    };
+    using Analyze =
+        std::function<std::optional<TrackResult>(const std::string&, TempoRange, std::stop_token)>;
+    // Runs on the worker thread when takeOutcome() has something; never for a job whose analysis
+    // stopped early on request.
+    using Done = std::function<void()>;
+
+    // `cache` may be null (every request is analysed).
+    TrackAnalysisWorker(std::shared_ptr<TrackCache> cache, Done onDone, Analyze analyze = analyzeTrackFile);
+    ~TrackAnalysisWorker();  // cancels what runs and waits for the thread
+    TrackAnalysisWorker(const TrackAnalysisWorker&) = delete;
+    TrackAnalysisWorker& operator=(const TrackAnalysisWorker&) = delete;
+
+    // Any thread. Replaces a request not yet started and asks the running one to stop.
+    void request(Job job);
+    void cancel();
+    // Any thread: the latest finished job's outcome, once. Handing it over under the worker's lock
+    // (rather than inside the notification) keeps the hand-over visible to the race detector.
+    std::optional<Outcome> takeOutcome();
+
+  private:
+    void run();
+    // The hand-over with the other threads, under the lock: the next job (none: quit), then its outcome.
+    std::optional<Job> takeJob(std::stop_source* stop);
+    bool finishJob(Outcome&& outcome);
+    Outcome process(const Job& job, std::stop_token stop);
+
+    std::shared_ptr<TrackCache> cache_;
+    Done onDone_;
+    Analyze analyze_;
+    std::mutex mutex_;
+    std::condition_variable wake_;
+    bool quitting_ = false;
+    std::optional<Job> pending_;
+    std::optional<Outcome> ready_;
+    std::stop_source* running_ = nullptr;  // of the job being processed
+    std::thread thread_;                   // last: starts after everything above exists
+};
+
+}  // namespace velquin

@@ -1,0 +1,238 @@
+#include <gtest/gtest.h>
+
+#include <QCoreApplication>
+#include <QDBusConnection>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QTimer>
+#include <QUrl>
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+
+#include "PlayerFollower.h"
+#include "ScriptedPlayer.h"
+#include "TestSupport.h"
+
+using namespace velquin;
+using test::ScriptedPlayer;
+
+namespace {
+
+// Long enough for a Debug build under ThreadSanitizer on a busy machine.
+bool waitFor(const std::function<bool()>& done, int ms = 60000) {
+    QElapsedTimer clock;
+    clock.start();
+    while (!done()) {
+        if (clock.elapsed() > ms) return false;
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
+    }
+    return true;
+}
+
+// Generated once: an A-minor song at 128 BPM and a C-major one at 96, as WAV files.
+const test::TempDir& files() {
+    static test::TempDir dir;
+    static bool made = false;
+    if (!made) {
+        made = true;
+        auto a = test::clickTrain(128, 44100, 16);
+        test::mixInto(
+            a, test::progression({{57, 60, 64}, {62, 65, 69}, {57, 60, 64}, {64, 68, 71}}, 44100, 16), 0.5f);
+        test::writeWav(dir / "a minor.wav", {a}, 44100);
+        auto b = test::clickTrain(96, 44100, 16);
+        test::mixInto(
+            b, test::progression({{60, 64, 67}, {65, 69, 72}, {67, 71, 74}, {60, 64, 67}}, 44100, 16), 0.5f);
+        test::writeWav(dir / "b.wav", {b}, 44100);
+        std::filesystem::copy_file(dir / "a minor.wav", dir / "c.wav");
+        std::ofstream(dir / "empty.wav").flush();
+        std::ofstream(dir / "notes.txt") << "not audio\n";
+        std::filesystem::create_directory(dir / "folder");
+    }
+    return dir;
+}
+
+QString url(const std::string& name) {
+    return QUrl::fromLocalFile(QString::fromStdString((files() / name).string()))
+        .toString(QUrl::FullyEncoded);
+}
+
+// Counts whole-file analyses and how many ran at once.
+struct Rig {
+    std::atomic<int> analyses{0}, running{0}, mostAtOnce{0};
+    QStringList log;
+    std::unique_ptr<PlayerFollower> follower;
+
+    explicit Rig(std::shared_ptr<TrackCache> cache = std::make_shared<MemoryTrackCache>()) {
+        static int serial = 0;
+        auto bus =
+            QDBusConnection::connectToBus(test::privateBusAddress(), QString("follower-%1").arg(++serial));
+        follower =
+            std::make_unique<PlayerFollower>(bus, cache, [this](auto& path, TempoRange range, auto stop) {
+                ++analyses;
+                const int now = ++running;
+                for (int seen = mostAtOnce; now > seen && !mostAtOnce.compare_exchange_weak(seen, now);) {
+                }
+                auto result = analyzeTrackFile(path, range, stop);
+                --running;
+                return result;
+            });
+        follower->onLog = [this](const QString& line) { log << line; };
+        follower->start();
+    }
+    // "Am 128", or "live" when the live reading shows.
+    QString text() const {
+        const auto& r = follower->reading();
+        if (!r) return "live";
+        return QString::fromStdString(
+                   r->key.shortText(false, KeyEstimate::RelativePreference::both).value_or("-")) +
+               " " + QString::number(r->tempo.bpm, 'f', 0);
+    }
+    bool shows(const QString& expected) {
+        return waitFor([&] { return text() == expected; });
+    }
+    bool sees(size_t players) {
+        return waitFor([&] { return follower->watcher().players().size() == players; });
+    }
+};
+
+}  // namespace
+
+TEST(PlayerFollow, ShowsThePlayingFileUntilThePlayerStops) {
+    const auto cache = std::make_shared<MemoryTrackCache>();
+    ScriptedPlayer player(test::privateBusAddress(), "one");
+    Rig rig(cache);
+    ASSERT_TRUE(rig.sees(1));
+    struct Step {
+        const char* what;
+        std::function<void()> act;
+        QString text, line;
+        int analyses;
+    } steps[] = {
+        {"track A", [&] { player.play(url("a minor.wav"), "Song A", "Artist"); }, "Am 128",
+         "Playing: Artist \u2014 Song A", 1},
+        {"track B", [&] { player.play(url("b.wav"), "Song B"); }, "C 96", "Playing: Song B", 2},
+        {"A again, cached", [&] { player.play(url("a minor.wav")); }, "Am 128", "Playing: a minor.wav", 2},
+        {"rate",
+         [&] {
+             player.set({{"Rate", 1.05}});
+         },
+         "Am 134", "Playing: a minor.wav", 2},
+        {"pause",
+         [&] {
+             player.set({{"PlaybackStatus", "Paused"}});
+         },
+         "live", "", 2},
+        {"resume",
+         [&] {
+             player.set({{"PlaybackStatus", "Playing"}});
+         },
+         "Am 134", "Playing: a minor.wav", 2},
+        {"http", [&] { player.play("http://example.org/a.mp3"); }, "live", "", 2},
+        {"file again", [&] { player.play(url("a minor.wav")); }, "Am 134", "Playing: a minor.wav", 2},
+        {"follow off", [&] { rig.follower->setEnabled(false); }, "live", "", 2},
+        {"follow on", [&] { rig.follower->setEnabled(true); }, "Am 134", "Playing: a minor.wav", 2},
+        {"player gone", [&] { player.crash(); }, "live", "", 2},
+    };
+    for (const auto& step : steps) {
+        SCOPED_TRACE(step.what);
+        step.act();
+        ASSERT_TRUE(rig.shows(step.text)) << rig.text().toStdString();
+        EXPECT_EQ(rig.follower->reading() ? rig.follower->reading()->line : "", step.line);
+        EXPECT_EQ(rig.analyses, step.analyses);
+    }
+    // A later session with the same cache reads nothing again.
+    ScriptedPlayer again(test::privateBusAddress(), "again");
+    Rig next(cache);
+    again.play(url("b.wav"));
+    EXPECT_TRUE(next.shows("C 96"));
+    EXPECT_EQ(next.analyses, 0);
+    EXPECT_TRUE(rig.log.isEmpty() && next.log.isEmpty());
+}
+
+TEST(PlayerFollow, FollowsThePlayerThatStartedLast) {
+    ScriptedPlayer first(test::privateBusAddress(), "first"), second(test::privateBusAddress(), "second");
+    Rig rig;
+    ASSERT_TRUE(rig.sees(2));
+    first.play(url("a minor.wav"));
+    EXPECT_TRUE(rig.shows("Am 128"));
+    second.play(url("b.wav"));
+    EXPECT_TRUE(rig.shows("C 96"));
+    second.set({{"PlaybackStatus", "Stopped"}});
+    EXPECT_TRUE(rig.shows("Am 128"));
+    first.set({{"PlaybackStatus", "Paused"}});
+    EXPECT_TRUE(rig.shows("live"));
+}
+
+// Each bad track replaces a good one: the live reading returns, and a file that cannot be read is
+// logged once however often the player repeats it.
+TEST(PlayerFollow, MalformedTracksLeaveTheLiveReading) {
+    ScriptedPlayer player(test::privateBusAddress(), "odd");
+    Rig rig;
+    ASSERT_TRUE(rig.sees(1));
+    const struct {
+        const char* what;
+        QVariant metadata;
+        int logLines;
+    } cases[] = {
+        {"metadata not a map", "oops", 0},
+        {"url not a string", QVariantMap{{"xesam:url", 42}}, 0},
+        {"no url", QVariantMap{{"xesam:title", "x"}}, 0},
+        {"folder", ScriptedPlayer::metadata(url("folder")), 1},
+        {"device", ScriptedPlayer::metadata("file:///dev/zero"), 1},
+        {"empty file", ScriptedPlayer::metadata(url("empty.wav")), 1},
+        {"missing file", ScriptedPlayer::metadata(url("absent.wav")), 1},
+        {"not audio", ScriptedPlayer::metadata(url("notes.txt")), 1},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        player.play(url("a minor.wav"));
+        ASSERT_TRUE(rig.shows("Am 128"));
+        const qsizetype logged = rig.log.size();
+        for (int i = 0; i < 5; ++i) player.set({{"Metadata", c.metadata}, {"PlaybackStatus", "Playing"}});
+        EXPECT_TRUE(rig.shows("live"));
+        waitFor([&] { return rig.log.size() > logged; }, c.logLines ? 60000 : 100);
+        EXPECT_EQ(rig.log.size() - logged, c.logLines) << rig.log.join('\n').toStdString();
+    }
+    // Wrong types for the words: the file is still read, named by its file name.
+    QVariantMap odd = ScriptedPlayer::metadata(url("b.wav"));
+    odd["xesam:title"] = QStringList{"list"};
+    odd["xesam:artist"] = 7;
+    player.set({{"Metadata", odd}});
+    ASSERT_TRUE(rig.shows("C 96"));
+    EXPECT_EQ(rig.follower->reading()->line, "Playing: b.wav");
+}
+
+// 100 changes a second for a second, then a crash in the middle of an uncached read: the interface
+// thread keeps its pace, one analysis at most runs at a time, and the worker is gone with the follower.
+TEST(PlayerFollow, FloodAndCrashNeitherBlockNorLeaveWorkBehind) {
+    auto player = std::make_unique<ScriptedPlayer>(test::privateBusAddress(), "flood");
+    auto rig = std::make_unique<Rig>();
+    ASSERT_TRUE(rig->sees(1));
+    const QString tracks[] = {url("a minor.wav"), url("b.wav"), "http://example.org/x", url("folder")};
+    int sent = 0;
+    qint64 longestGap = 0;
+    QElapsedTimer gap;
+    gap.start();
+    QTimer flood;
+    QObject::connect(&flood, &QTimer::timeout, [&] {
+        longestGap = std::max(longestGap, gap.restart());
+        if (sent % 7 == 3) {
+            player->set({{"PlaybackStatus", "Paused"}});
+        } else {
+            player->play(tracks[sent % 4]);
+        }
+        ++sent;
+    });
+    flood.start(10);
+    waitFor([&] { return sent >= 100; });
+    flood.stop();
+    EXPECT_LT(longestGap, 250);  // the timer's 10 ms, and scheduling on a shared two-core machine
+    player->play(url("c.wav"));
+    ASSERT_TRUE(waitFor([&] { return rig->running > 0; }));
+    player->crash();
+    EXPECT_TRUE(rig->shows("live"));
+    EXPECT_EQ(rig->mostAtOnce, 1);
+    rig->follower.reset();  // joins the worker, mid-analysis or not
+    EXPECT_EQ(rig->running, 0);
+}
