@@ -3,10 +3,10 @@
 #include <fftw3.h>
 
 #include <cmath>
-#include <cstdio>
 #include <cstdlib>
 #include <mutex>
 #include <numbers>
+#include <stdexcept>
 
 namespace velquin {
 
@@ -25,10 +25,6 @@ T* allocate(size_t count) {
     return static_cast<T*>(p);
 }
 
-[[noreturn]] void fatal(const char* message) {
-    std::fprintf(stderr, "Fatal error: %s: file FFTMagnitude.cpp\n", message);
-    std::abort();
-}
 
 }  // namespace
 
@@ -43,7 +39,7 @@ struct FFTMagnitude::Plan {
 void FFTMagnitude::FreeDeleter::operator()(void* p) const { fftwf_free(p); }
 
 FFTMagnitude::FFTMagnitude(int64_t size) : size_(size), binCount_(size / 2) {
-    if (size < 2 || (size & (size - 1)) != 0) fatal("FFT size must be a power of two");
+    if (size < 2 || (size & (size - 1)) != 0) throw std::invalid_argument("FFT size must be a power of two");
     log2n_ = static_cast<uint64_t>(std::lround(std::log2(static_cast<double>(size))));
 
     window_.reset(allocate<float>(static_cast<size_t>(size_)));
@@ -56,12 +52,13 @@ FFTMagnitude::FFTMagnitude(int64_t size) : size_(size), binCount_(size / 2) {
         fftwf_plan plan = fftwf_plan_dft_r2c_1d(static_cast<int>(size_), windowed_.get(),
                                                 reinterpret_cast<fftwf_complex*>(spectrum_.get()),
                                                 FFTW_ESTIMATE | FFTW_DESTROY_INPUT);
-        if (plan == nullptr) fatal("vDSP_create_fftsetup failed");
-        setup_ = std::make_unique<Plan>();
-        setup_->plan = plan;
+        if (plan == nullptr) throw std::runtime_error("could not create an FFT plan");
+        plan_ = std::make_unique<Plan>();
+        plan_->plan = plan;
     }
 
-    // Periodic Hann window scaled so that its mean square is 1.
+    // Periodic Hann window scaled so that its mean square is 1: the factor is √(2/3), kept at the
+    // four-place value every published result was computed with.
     const double n = static_cast<double>(size_);
     for (int64_t i = 0; i < size_; ++i)
         window_[i] = static_cast<float>(0.8165 * (1.0 - std::cos(2.0 * std::numbers::pi * static_cast<double>(i) / n)));
@@ -75,12 +72,12 @@ void FFTMagnitude::magnitudes(const float* frame, float* out) {
     const float* win = window_.get();
     for (int64_t i = 0; i < size_; ++i) w[i] = frame[i] * win[i];
 
-    fftwf_execute(setup_->plan);
+    fftwf_execute(plan_->plan);
 
-    // The packed transform this mirrors yields twice the DFT; doubling is exact in binary floating
-    // point, so 2·|X| is formed the same way before the 1/N scale.
+    // The magnitudes are 2·|X|/N (one-sided amplitude); doubling is exact in binary floating point, so
+    // it is applied to the real and imaginary parts before the 1/N scale.
     const float* s = spectrum_.get();
-    const float dc = 2.0f * s[0];  // the packed form carries Nyquist where DC's imaginary part would be
+    const float dc = 2.0f * s[0];
     out[0] = std::sqrt(dc * dc) * scale_;
     for (int64_t k = 1; k < binCount_; ++k) {
         const float re = 2.0f * s[2 * k];

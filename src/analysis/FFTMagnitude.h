@@ -12,7 +12,8 @@ namespace velquin {
 
 class FFTMagnitude {
 public:
-    // `size` must be a power of two ≥ 2; anything else is a programming error and aborts.
+    // `size` must be a power of two ≥ 2 (else std::invalid_argument); throws std::runtime_error when FFTW
+    // cannot plan it.
     explicit FFTMagnitude(int64_t size);
     ~FFTMagnitude();
     FFTMagnitude(const FFTMagnitude&) = delete;
@@ -35,7 +36,7 @@ private:
     int64_t size_;
     int64_t binCount_;
     uint64_t log2n_;
-    std::unique_ptr<Plan> setup_;
+    std::unique_ptr<Plan> plan_;
     std::unique_ptr<float[], FreeDeleter> window_;
     std::unique_ptr<float[], FreeDeleter> windowed_;
     std::unique_ptr<float[], FreeDeleter> spectrum_;  // interleaved re/im, binCount + 1 complex values

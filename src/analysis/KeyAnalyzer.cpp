@@ -2,14 +2,12 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
-#include <cstdlib>
 #include <limits>
 #include <numbers>
 #include <string>
+#include <utility>
 
 #include "BlockLevel.h"
-#include "Exp.h"
 #include "Format.h"
 
 namespace velquin {
@@ -18,13 +16,6 @@ namespace {
 
 constexpr std::array<std::string_view, 12> asciiNoteNames = {"C",  "C#", "D",  "D#", "E",  "F",
                                                              "F#", "G",  "G#", "A",  "A#", "B"};
-
-// A switch override is kept only when it converts to an integer.
-int64_t integerOverride(std::string_view name, int64_t fallback) {
-    const double value = Exp::doubleValue(name, static_cast<double>(fallback));
-    if (!std::isfinite(value) || std::fabs(value) >= 9.2e18) return fallback;
-    return static_cast<int64_t>(value);
-}
 
 int64_t fftSizeFor(double sampleRate) {
     int64_t size = 1024;
@@ -85,35 +76,15 @@ constexpr std::array<double, 24> minorFunction = [] {
     return f;
 }();
 
-bool debugEnabled() { return std::getenv("TESSARO_DEBUG") != nullptr; }
-
 }  // namespace
 
-KeyAnalyzer::KeyAnalyzer(double sampleRate, bool offline)
-    : minFrequency_(Exp::doubleValue("FMIN", 30.0)),
-      maxFrequency_(Exp::doubleValue("FMAX", 1500.0)),
-      harmonicWeights_(Exp::list("HARM", {1.0, 0.55, 0.35, 0.22})),
-      historySeconds_(Exp::doubleValue("HIST", 45.0)),
-      semitoneTolerance_(Exp::doubleValue("DIST", 0.4)),
-      peakThreshold_(Exp::doubleValue("THR", 0.1)),
-      bassBoost_(Exp::doubleValue("BASS", 1.0)),
-      bassMaxHz_(Exp::doubleValue("BASSHZ", 260.0)),
-      frameWeighting_(integerOverride("FRAMEW", 0)),
-      peakCompression_(integerOverride("COMP", 0)),
-      chordWeight_(Exp::doubleValue("CHORDW", 1.5)),
-      chordWindowSeconds_(Exp::doubleValue("CHORDWIN", 1.5)),
-      chordMinConfidence_(Exp::doubleValue("CHORDCONF", 0.6)),
-      relativeGap_(Exp::doubleValue("RELGAP", 0.25)),
-      bassTonicWeight_(Exp::doubleValue("BASSW", 0.0)),
+KeyAnalyzer::KeyAnalyzer(double sampleRate, bool offline, Parameters parameters)
+    : p_(std::move(parameters)),
       sampleRate_(sampleRate),
       fftSize_(fftSizeFor(sampleRate)),
       hop_(fftSize_ / 4),
       fft_(fftSize_),
       mag_(static_cast<size_t>(fftSize_ / 2), 0.0f),
-      silenceResetSeconds_(Exp::doubleValue("SILENCE", 0.3)),
-      shiftShortSeconds_(Exp::doubleValue("SHIFTSHORT", 8.0)),
-      shiftThreshold_(Exp::doubleValue("SHIFTTHR", 0.2)),
-      shiftHoldSeconds_(Exp::doubleValue("SHIFTHOLD", 6.0)),
       offline_(offline) {
     pending_.reserve(static_cast<size_t>(2 * fftSize_));
     peaks_.reserve(64);
@@ -129,7 +100,7 @@ KeyAnalyzer::KeyAnalyzer(double sampleRate, bool offline)
 }
 
 int64_t KeyAnalyzer::maxFrames() const {
-    const double frames = historySeconds_ * sampleRate_ / static_cast<double>(hop_);
+    const double frames = p_.historySeconds * sampleRate_ / static_cast<double>(hop_);
     return static_cast<int64_t>(truncatedCount(frames, size_t{1} << 40)) + 2;
 }
 
@@ -149,9 +120,9 @@ void KeyAnalyzer::append(std::span<const float> samples) {
     rms_ = 0.85 * rms_ + 0.15 * static_cast<double>(level);
     samplesFed_ += n;
 
-    if (static_cast<double>(level) < silenceFloor_) {
+    if (static_cast<double>(level) < p_.silenceFloor) {
         silentSamples_ += n;
-        if (!offline_ && static_cast<double>(silentSamples_) > silenceResetSeconds_ * sampleRate_ &&
+        if (!offline_ && static_cast<double>(silentSamples_) > p_.silenceResetSeconds * sampleRate_ &&
             static_cast<double>(frames_.size()) > 8 * sampleRate_ / static_cast<double>(hop_)) {
             restart(0);
             silentSamples_ = 0;
@@ -175,15 +146,15 @@ void KeyAnalyzer::spectralPeaks() {
     peaks_.clear();
     const double binHz = sampleRate_ / static_cast<double>(fftSize_);
     const auto lastUsable = static_cast<int64_t>(mag_.size()) - 2;
-    const int64_t lo = std::max<int64_t>(1, static_cast<int64_t>(truncatedCount(minFrequency_ / binHz, 1 << 30)));
+    const int64_t lo = std::max<int64_t>(1, static_cast<int64_t>(truncatedCount(p_.minFrequency / binHz, 1 << 30)));
     const int64_t hi =
-        std::min<int64_t>(lastUsable, static_cast<int64_t>(truncatedCount(maxFrequency_ / binHz, 1 << 30)));
+        std::min<int64_t>(lastUsable, static_cast<int64_t>(truncatedCount(p_.maxFrequency / binHz, 1 << 30)));
     if (lo + 2 >= hi) return;
 
     float top = 0;
     for (int64_t i = lo; i <= hi; ++i) top = std::max(top, mag_[static_cast<size_t>(i)]);
     if (!(top > 1e-7f)) return;
-    const float thr = top * static_cast<float>(peakThreshold_);
+    const float thr = top * static_cast<float>(p_.peakThreshold);
 
     for (int64_t i = lo; i <= hi; ++i) {
         const auto k = static_cast<size_t>(i);
@@ -199,9 +170,9 @@ void KeyAnalyzer::spectralPeaks() {
             if (std::fabs(offset) <= 0.5f) p = offset;
         }
         const double f = binHz * (static_cast<double>(i) + static_cast<double>(p));
-        if (f < minFrequency_ || f > maxFrequency_) continue;
+        if (f < p_.minFrequency || f > p_.maxFrequency) continue;
         double weight;
-        switch (peakCompression_) {
+        switch (p_.peakCompression) {
             case 1: weight = std::log(static_cast<double>(x / thr) + 1); break;
             case 2: weight = std::cbrt(static_cast<double>(x)); break;
             case 3: weight = 1.0; break;
@@ -228,19 +199,19 @@ void KeyAnalyzer::addFrame() {
     int64_t bassPc = -1;
     double bestBass = 0;
     for (const Peak& peak : peaks_) {
-        if (harmonicWeights_.empty() || peak.frequency < minFrequency_) continue;
-        for (size_t h = 0; h < harmonicWeights_.size(); ++h) {
+        if (p_.harmonicWeights.empty() || peak.frequency < p_.minFrequency) continue;
+        for (size_t h = 0; h < p_.harmonicWeights.size(); ++h) {
             const double f0 = peak.frequency / static_cast<double>(h + 1);
-            if (f0 < minFrequency_) break;
+            if (f0 < p_.minFrequency) break;
             const double m = 12 * std::log2(f0 / 440) + 69 - delta;
             const double r = std::round(m);
             const double dev = std::fabs(m - r);
-            if (!(dev < semitoneTolerance_)) continue;
+            if (!(dev < p_.semitoneTolerance)) continue;
             const auto pc = static_cast<size_t>(pitchClass(r));
-            const double c = peak.weight * harmonicWeights_[h] * (1 - dev / semitoneTolerance_);
-            const bool bass = h == 0 && peak.frequency < bassMaxHz_;
-            chroma[pc] += c * (bass ? bassBoost_ : 1.0);
-            if (f0 >= 200) mid[pc] += c;
+            const double c = peak.weight * p_.harmonicWeights[h] * (1 - dev / p_.semitoneTolerance);
+            const bool bass = h == 0 && peak.frequency < p_.bassMaxHz;
+            chroma[pc] += c * (bass ? p_.bassBoost : 1.0);
+            if (f0 >= p_.midMinHz) mid[pc] += c;
             if (bass && peak.weight > bestBass) {
                 bestBass = peak.weight;
                 bassPc = static_cast<int64_t>(pc);
@@ -251,7 +222,7 @@ void KeyAnalyzer::addFrame() {
     double total = 0;
     for (double v : chroma) total += v;
     if (!(total > 0)) return;
-    switch (frameWeighting_) {
+    switch (p_.frameWeighting) {
         case 1: {
             const double factor = std::sqrt(total) / total;
             for (double& v : chroma) v *= factor;
@@ -336,8 +307,8 @@ double KeyAnalyzer::correlation(std::span<const double> a, std::span<const doubl
 
 std::array<double, 24> KeyAnalyzer::chordScores(double frameRate, size_t lastFrames) const {
     std::array<double, 24> scores{};
-    if (!(chordWeight_ > 0)) return scores;
-    const size_t win = std::max<size_t>(2, truncatedCount(chordWindowSeconds_ * frameRate, size_t{1} << 40));
+    if (!(p_.chordWeight > 0)) return scores;
+    const size_t win = std::max<size_t>(2, truncatedCount(p_.chordWindowSeconds * frameRate, size_t{1} << 40));
     const auto recent = midFrames_.last(lastFrames);
     if (recent.size() < win) return scores;
 
@@ -362,7 +333,7 @@ std::array<double, 24> KeyAnalyzer::chordScores(double frameRate, size_t lastFra
                 bestIndex = t;
             }
         }
-        if (best < chordMinConfidence_) continue;
+        if (best < p_.chordMinConfidence) continue;
         const auto root = static_cast<int64_t>(bestIndex % 12);
         const bool minor = bestIndex >= 12;
         if (!segments_.empty() && segments_.back().root == root && segments_.back().isMinor == minor) {
@@ -385,7 +356,7 @@ std::array<double, 24> KeyAnalyzer::chordScores(double frameRate, size_t lastFra
         s = true;
     }
     double strength = std::min(0.25 * distinct, 1.0);
-    const double coverage = total / (20 * frameRate);
+    const double coverage = total / (p_.chordCoverageSeconds * frameRate);
     if (coverage < 1) strength *= coverage;
 
     if (strength > 0) {
@@ -403,7 +374,7 @@ std::array<double, 24> KeyAnalyzer::chordScores(double frameRate, size_t lastFra
         }
     }
 
-    if (debugEnabled()) {
+    if (p_.onDebug) {
         std::string list;
         for (const auto& segment : segments_) {
             if (!list.empty()) list += ' ';
@@ -413,7 +384,7 @@ std::array<double, 24> KeyAnalyzer::chordScores(double frameRate, size_t lastFra
         }
         if (list.size() > 300) list.resize(300);  // ASCII only, so bytes are characters
         const std::string line = "  chords: " + list + format(" (ramp %.2f)\n", strength);
-        std::fwrite(line.data(), 1, line.size(), stderr);
+        p_.onDebug(line);
     }
     return scores;
 }
@@ -440,7 +411,7 @@ KeyEstimate KeyAnalyzer::decide(double usingLastSeconds) const {
         for (double& v : bass) v /= mostBass;
 
     const auto chords = chordScores(frameRate, n);
-    const auto [majorProfile, minorProfile] = KeyProfile::selected();
+    const auto [majorProfile, minorProfile] = KeyProfile::tables(p_.profile);
 
     struct Candidate {
         MusicalKey key;
@@ -454,8 +425,8 @@ KeyEstimate KeyAnalyzer::decide(double usingLastSeconds) const {
         Chroma rotated{};
         for (size_t i = 0; i < 12; ++i) rotated[(i + static_cast<size_t>(key.tonic)) % 12] = profile[i];
         const auto tonic = static_cast<size_t>(key.tonic);
-        ranked[k] = {key, correlation(sum, rotated) + bassTonicWeight_ * bass[tonic] +
-                              chordWeight_ * chords[tonic + (key.isMinor ? 12 : 0)]};
+        ranked[k] = {key, correlation(sum, rotated) + p_.bassTonicWeight * bass[tonic] +
+                              p_.chordWeight * chords[tonic + (key.isMinor ? 12 : 0)]};
     }
     // Insertion sort: stable (ties keep the order of all keys) and, unlike std::stable_sort, never allocates.
     for (size_t i = 1; i < ranked.size(); ++i) {
@@ -468,13 +439,13 @@ KeyEstimate KeyAnalyzer::decide(double usingLastSeconds) const {
         ranked[j] = c;
     }
 
-    if (debugEnabled()) {
+    if (p_.onDebug) {
         std::string text = "  chroma: ";
         for (size_t i = 0; i < 12; ++i) text += format("%@=%.2f ", asciiNoteNames[i], sum[i] / top);
         text += "\n  keys:   ";
         for (size_t i = 0; i < 5; ++i) text += format("%@=%.3f  ", ranked[i].key.shortName(), ranked[i].score);
         text += "\n";
-        std::fwrite(text.data(), 1, text.size(), stderr);
+        p_.onDebug(text);
     }
 
     const double s1 = ranked[0].score;
@@ -494,7 +465,7 @@ KeyEstimate KeyAnalyzer::decide(double usingLastSeconds) const {
     } else {
         for (size_t i = 1; i < ranked.size(); ++i) {
             if (ranked[i].key.isRelativeOf(ranked[0].key)) {
-                if ((s1 - ranked[i].score) / s1 < relativeGap_) result.alternative = ranked[i].key;
+                if ((s1 - ranked[i].score) / s1 < p_.relativeGap) result.alternative = ranked[i].key;
                 break;
             }
         }
@@ -505,7 +476,7 @@ KeyEstimate KeyAnalyzer::decide(double usingLastSeconds) const {
 
 void KeyAnalyzer::detectSongChange() {
     const double frameRate = sampleRate_ / static_cast<double>(hop_);
-    const size_t shortSpan = truncatedCount(shiftShortSeconds_ * frameRate, size_t{1} << 40);
+    const size_t shortSpan = truncatedCount(p_.shiftShortSeconds * frameRate, size_t{1} << 40);
     const size_t base = truncatedCount(8 * frameRate, size_t{1} << 40);
     if (frames_.size() >= shortSpan + base) {
         const auto all = frames_.view();
@@ -515,10 +486,10 @@ void KeyAnalyzer::detectSongChange() {
             auto& target = f < split ? older : recent;
             for (size_t i = 0; i < 12; ++i) target[i] += all[f][i];
         }
-        if (correlation(recent, older) < shiftThreshold_) {
+        if (correlation(recent, older) < p_.shiftThreshold) {
             if (shiftLowSince_ < 0) shiftLowSince_ = samplesFed_;
-            if (static_cast<double>(samplesFed_ - shiftLowSince_) >= shiftHoldSeconds_ * sampleRate_)
-                restart(shiftShortSeconds_);
+            if (static_cast<double>(samplesFed_ - shiftLowSince_) >= p_.shiftHoldSeconds * sampleRate_)
+                restart(p_.shiftShortSeconds);
             return;
         }
     }
@@ -526,14 +497,14 @@ void KeyAnalyzer::detectSongChange() {
 }
 
 KeyEstimate KeyAnalyzer::estimate() {
-    if (!(rms_ > silenceFloor_)) return KeyEstimate::unknown;
+    if (!(rms_ > p_.silenceFloor)) return KeyEstimate::unknown;
     const double frameRate = sampleRate_ / static_cast<double>(hop_);
     if (!offline_) detectSongChange();
-    if (static_cast<double>(frames_.size()) < minimumSeconds_ * frameRate) return KeyEstimate::unknown;
+    if (static_cast<double>(frames_.size()) < p_.minimumSeconds * frameRate) return KeyEstimate::unknown;
 
-    const KeyEstimate d = decide(historySeconds_);
+    const KeyEstimate d = decide(p_.historySeconds);
     const double ramp =
-        std::min(static_cast<double>(samplesFed_ - restartedAt_) / sampleRate_ / 15, 1.0);
+        std::min(static_cast<double>(samplesFed_ - restartedAt_) / sampleRate_ / p_.confidenceRampSeconds, 1.0);
     const double confidence = ramp * d.confidence;
     if (!d.key) {
         KeyEstimate result = d;
@@ -543,7 +514,7 @@ KeyEstimate KeyAnalyzer::estimate() {
 
     const MusicalKey k = *d.key;
     recentWinners_.push_back({samplesFed_, k});
-    const int64_t oldest = samplesFed_ - static_cast<int64_t>(agreementSeconds_ * sampleRate_);
+    const int64_t oldest = samplesFed_ - static_cast<int64_t>(p_.agreementSeconds * sampleRate_);
     while (!recentWinners_.empty() && recentWinners_[0].at < oldest) recentWinners_.dropFront(1);
 
     if (!shownKey_) {
@@ -551,7 +522,7 @@ KeyEstimate KeyAnalyzer::estimate() {
     } else if (k == *shownKey_) {
         candidateKey_.reset();
     } else if (candidateKey_ && k == *candidateKey_) {
-        const double hold = k.isRelativeOf(*shownKey_) ? 6.0 : switchAfterSeconds_;
+        const double hold = k.isRelativeOf(*shownKey_) ? p_.relativeSwitchAfterSeconds : p_.switchAfterSeconds;
         if (static_cast<double>(samplesFed_ - candidateSince_) >= hold * sampleRate_) {
             shownKey_ = k;
             candidateKey_.reset();

@@ -9,8 +9,10 @@
 
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <span>
+#include <string_view>
 #include <vector>
 
 #include "FFTMagnitude.h"
@@ -19,9 +21,68 @@
 
 namespace velquin {
 
+// The key analyzer's tunable constants. The defaults are the shipped behaviour; the conformance outputs
+// were produced with them.
+struct KeyParameters {
+    // Spectral peaks outside this band carry no pitch: below it rumble, above it mostly overtones.
+    double minFrequency = 30.0;
+    double maxFrequency = 1500.0;
+    // Each peak also votes for the fundamentals it could be the 2nd, 3rd, 4th harmonic of, less and less.
+    std::vector<double> harmonicWeights{1.0, 0.55, 0.35, 0.22};
+    // Live history the key is read from: about a verse and a chorus.
+    double historySeconds = 45.0;
+    // A peak further than this (semitones) from the tuned equal-tempered grid names no pitch class.
+    double semitoneTolerance = 0.4;
+    // Peaks below this fraction of the frame's loudest are noise.
+    double peakThreshold = 0.1;
+    // Extra weight of a fundamental below `bassMaxHz` (1: none).
+    double bassBoost = 1.0;
+    double bassMaxHz = 260.0;
+    // Experimental weightings, kept selectable for tuning: 0 is the shipped one.
+    //   frameWeighting: 0 each frame sums to 1, 1 to the square root of its energy, 2 unnormalised;
+    //   peakCompression: 0 √magnitude, 1 log(1 + magnitude/threshold), 2 ∛magnitude, 3 every peak 1.
+    int64_t frameWeighting = 0;
+    int64_t peakCompression = 0;
+    // How much chord-function evidence adds to the profile correlation.
+    double chordWeight = 1.5;
+    // Chords are read over windows this long; a window's best triad must reach `chordMinConfidence`.
+    double chordWindowSeconds = 1.5;
+    double chordMinConfidence = 0.6;
+    // A runner-up within this fraction of the winner's score is named as the alternative.
+    double relativeGap = 0.25;
+    // Weight of the most frequent bass note as the tonic (0: off).
+    double bassTonicWeight = 0.0;
+    // Live: this much silence means the music stopped, and the key starts over.
+    double silenceResetSeconds = 0.3;
+    // Live song-change test: the last `shiftShortSeconds` correlate below `shiftThreshold` with what
+    // came before for `shiftHoldSeconds`.
+    double shiftShortSeconds = 8.0;
+    double shiftThreshold = 0.2;
+    double shiftHoldSeconds = 6.0;
+    // Frame RMS below which a frame is silence (the same floor as the tempo analyzer's).
+    double silenceFloor = 0.002;
+    // No live key before this much audio: fewer seconds rarely hold a full scale.
+    double minimumSeconds = 4.0;
+    // A new leader must win this long before it is shown; its relative (a close call by nature) longer.
+    double switchAfterSeconds = 2.0;
+    double relativeSwitchAfterSeconds = 6.0;
+    // Winners over this span vote on the shown key's confidence.
+    double agreementSeconds = 5.0;
+    // The confidence of a fresh start ramps to full over this much audio.
+    double confidenceRampSeconds = 15.0;
+    // Chord evidence counts fully once this much of it has been heard.
+    double chordCoverageSeconds = 20.0;
+    // Mid-range chroma (for chords) leaves out fundamentals below this: bass notes blur triads.
+    double midMinHz = 200.0;
+    KeyProfile::Name profile = KeyProfile::Name::blend;
+    // Receives the key-decision and chord lines when set (diagnostics; allocates).
+    std::function<void(std::string_view text)> onDebug;
+};
+
 class KeyAnalyzer {
 public:
     using Chroma = std::array<double, 12>;
+    using Parameters = KeyParameters;
 
     // One analysed frame, recorded when `dumpFrames` is set.
     struct DumpRow {
@@ -32,7 +93,7 @@ public:
     };
 
     // `offline`: a whole file rather than a live stream (no song-change or silence restarts, no trimming).
-    KeyAnalyzer(double sampleRate, bool offline);
+    KeyAnalyzer(double sampleRate, bool offline, Parameters parameters = {});
     KeyAnalyzer(const KeyAnalyzer&) = delete;
     KeyAnalyzer& operator=(const KeyAnalyzer&) = delete;
 
@@ -63,7 +124,7 @@ public:
     double rms() const { return rms_; }
     int64_t samplesFed() const { return samplesFed_; }
     int64_t restartedAt() const { return restartedAt_; }
-    const std::vector<double>& harmonicWeights() const { return harmonicWeights_; }
+    const std::vector<double>& harmonicWeights() const { return p_.harmonicWeights; }
 
 private:
     struct Peak {
@@ -88,21 +149,7 @@ private:
     static double correlation(std::span<const double> a, std::span<const double> b);
     size_t framesFor(double seconds) const;
 
-    double minFrequency_;
-    double maxFrequency_;
-    std::vector<double> harmonicWeights_;
-    double historySeconds_;
-    double semitoneTolerance_;
-    double peakThreshold_;
-    double bassBoost_;
-    double bassMaxHz_;
-    int64_t frameWeighting_;
-    int64_t peakCompression_;
-    double chordWeight_;
-    double chordWindowSeconds_;
-    double chordMinConfidence_;
-    double relativeGap_;
-    double bassTonicWeight_;
+    Parameters p_;
     double sampleRate_;
     int64_t fftSize_;
     int64_t hop_;
@@ -116,13 +163,6 @@ private:
     double tuningReal_ = 0;
     double tuningImag_ = 0;
     double rms_ = 0;
-    double silenceFloor_ = 0.002;
-    double minimumSeconds_ = 4.0;
-    double silenceResetSeconds_;
-    double switchAfterSeconds_ = 2.0;
-    double shiftShortSeconds_;
-    double shiftThreshold_;
-    double shiftHoldSeconds_;
     int64_t shiftLowSince_ = -1;
     int64_t restartedAt_ = 0;
     int64_t restarts_ = 0;
@@ -132,7 +172,6 @@ private:
     std::optional<MusicalKey> candidateKey_;
     int64_t candidateSince_ = 0;
     SlidingWindow<Winner> recentWinners_;
-    double agreementSeconds_ = 5.0;
     bool offline_;
 
     std::vector<Peak> peaks_;                           // scratch of spectralPeaks, reused per frame

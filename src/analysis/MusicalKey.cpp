@@ -129,12 +129,12 @@ const KeyProfile::Table& KeyProfile::blendMinor() {
     return table;
 }
 
-std::pair<const KeyProfile::Table*, const KeyProfile::Table*> KeyProfile::selected() {
-    const char* name = std::getenv("TESSARO_PROFILE");
-    if (name != nullptr) {
-        if (std::strcmp(name, "krumhansl") == 0) return {&krumhanslMajor, &krumhanslMinor};
-        if (std::strcmp(name, "temperley") == 0) return {&temperleyMajor, &temperleyMinor};
-        if (std::strcmp(name, "shaath") == 0) return {&shaathMajor, &shaathMinor};
+std::pair<const KeyProfile::Table*, const KeyProfile::Table*> KeyProfile::tables(Name name) {
+    switch (name) {
+        case Name::krumhansl: return {&krumhanslMajor, &krumhanslMinor};
+        case Name::temperley: return {&temperleyMajor, &temperleyMinor};
+        case Name::shaath: return {&shaathMajor, &shaathMinor};
+        case Name::blend: break;
     }
     return {&blendMajor(), &blendMinor()};
 }

@@ -57,8 +57,9 @@ struct KeyProfile {
         shaathMinor;
     static const Table& blendMajor();
     static const Table& blendMinor();
-    // Reads TESSARO_PROFILE on every call: "krumhansl", "temperley", "shaath", else the blend.
-    static std::pair<const Table*, const Table*> selected();
+    enum class Name { blend, krumhansl, temperley, shaath };
+    // The major and minor tables of a profile.
+    static std::pair<const Table*, const Table*> tables(Name name);
 };
 
 // The note-strength line, without fonts or colours: the interface styles each cell.

@@ -3,14 +3,12 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <cstdio>
-#include <cstdlib>
 #include <limits>
 #include <numeric>
 #include <string>
+#include <utility>
 
 #include "BlockLevel.h"
-#include "Exp.h"
 #include "Format.h"
 
 namespace velquin {
@@ -66,12 +64,10 @@ public:
     int64_t M = 0;
 };
 
-TempoAnalyzer::TempoAnalyzer(double sampleRate, bool offline)
-    : fftSize_(fftSizeFor(hopFor(sampleRate))),
+TempoAnalyzer::TempoAnalyzer(double sampleRate, bool offline, Parameters parameters)
+    : parameters_(std::move(parameters)),
+      fftSize_(fftSizeFor(hopFor(sampleRate))),
       hop_(hopFor(sampleRate)),
-      historySeconds_(Exp::doubleValue("TEMPOHIST", 8.0)),
-      ratioHoldSeconds_(Exp::doubleValue("TEMPOHOLD", 10.0)),
-      switchSeconds_(Exp::doubleValue("TEMPOSWITCH", 2.0)),
       sampleRate_(sampleRate),
       fft_(fftSize_),
       mag_(static_cast<size_t>(fftSize_ / 2), 0.0f),
@@ -92,7 +88,7 @@ TempoAnalyzer::~TempoAnalyzer() = default;
 int64_t TempoAnalyzer::maxODFFrames() const {
     const double fps = framesPerSecond();
     if (offline_) return static_cast<int64_t>(fps * 300.0);
-    return static_cast<int64_t>(historySeconds_ * fps) + 8;
+    return static_cast<int64_t>(parameters_.historySeconds * fps) + 8;
 }
 
 void TempoAnalyzer::pushOnset(float value) {
@@ -183,8 +179,8 @@ double TempoAnalyzer::prior(double lag) const {
     const double bpm = framesPerSecond() * 60.0 / lag;
     const double centre = bpmRange_.contains(120.0) ? 120.0 : std::sqrt(bpmRange_.lower * bpmRange_.upper);
     const double x = std::log2(bpm / centre);
-    const double z = x / priorWidthOctaves_;
-    return std::exp(-0.5 * z * z) * std::exp(fasterTiebreak_ * x);
+    const double z = x / parameters_.priorWidthOctaves;
+    return std::exp(-0.5 * z * z) * std::exp(parameters_.fasterTiebreak * x);
 }
 
 std::optional<TempoAnalyzer::Periodicity> TempoAnalyzer::periodicity(double seconds) const {
@@ -216,7 +212,7 @@ std::optional<TempoAnalyzer::Periodicity> TempoAnalyzer::periodicity(double seco
     std::array<double, 9> g{};
     double gsum = 0;
     for (int k = -4; k <= 4; ++k) {
-        g[static_cast<size_t>(k + 4)] = std::exp(-double(k * k) / (2.0 * onsetBlurFrames_ * onsetBlurFrames_));
+        g[static_cast<size_t>(k + 4)] = std::exp(-double(k * k) / (2.0 * parameters_.onsetBlurFrames * parameters_.onsetBlurFrames));
         gsum += g[static_cast<size_t>(k + 4)];
     }
     for (double& v : g) v /= gsum;
@@ -266,7 +262,7 @@ std::optional<TempoAnalyzer::Periodicity> TempoAnalyzer::periodicity(double seco
     for (int64_t L = minLag + 1; L <= maxLag; ++L)
         if (scoreAt(L) > scoreAt(globalBest)) globalBest = L;
 
-    if (std::getenv("TESSARO_DEBUG") != nullptr) {
+    if (parameters_.onDebug) {
         s.lags.clear();
         for (int64_t L = minLag; L <= maxLag; ++L) s.lags.push_back(L);
         std::stable_sort(s.lags.begin(), s.lags.end(), [&](int64_t a, int64_t b) { return scoreAt(a) > scoreAt(b); });
@@ -277,7 +273,7 @@ std::optional<TempoAnalyzer::Periodicity> TempoAnalyzer::periodicity(double seco
             table += format("  %3d  %6.1f  %7.4f  %7.4f  %6.3f  %7.4f\n", L, bpm, s.acf[static_cast<size_t>(L)],
                             score(static_cast<double>(L), false), prior(static_cast<double>(L)), scoreAt(L));
         }
-        std::fwrite(table.data(), 1, table.size(), stderr);
+        parameters_.onDebug(table);
     }
 
     // Candidate peaks: interior local maxima (plateaus count), then the ends, then the global best.
@@ -361,7 +357,7 @@ double TempoAnalyzer::lock(double m, const Periodicity& p) {
             }
         const double sLocked = p.support(lockedBPM_);
         const double sNew = p.support(m);
-        const double hold = ratio && sLocked > 0 && sNew < 1.4 * sLocked ? ratioHoldSeconds_ : switchSeconds_;
+        const double hold = ratio && sLocked > 0 && sNew < 1.4 * sLocked ? parameters_.ratioHoldSeconds : parameters_.switchSeconds;
         if (hold * framesPerSecond() > static_cast<double>(framesSeen_ - candidateSinceFrame_)) return lockedBPM_;
         if (!ratio) ++regimeChanges_;
         lockedBPM_ = m;
@@ -376,11 +372,11 @@ double TempoAnalyzer::lock(double m, const Periodicity& p) {
 TempoEstimate TempoAnalyzer::estimate() {
     const double fps = framesPerSecond();
     if (static_cast<int64_t>(odf_.size()) < static_cast<int64_t>(fps * 3.0)) return {0, 0, rms_};
-    if (rms_ <= silenceFloor_) {
+    if (rms_ <= parameters_.silenceFloor) {
         recentBPM_.clear();
         return {0, 0, rms_};
     }
-    const auto p = periodicity(historySeconds_);
+    const auto p = periodicity(parameters_.historySeconds);
     if (!p) return {0, 0, rms_};
 
     recentBPM_.push_back(p->bpm);
@@ -403,7 +399,7 @@ TempoEstimate TempoAnalyzer::estimate() {
 }
 
 TempoEstimate TempoAnalyzer::estimateGlobal() const {
-    if (rms_ <= 0.002) return {0, 0, rms_};
+    if (rms_ <= parameters_.silenceFloor) return {0, 0, rms_};
     const double fps = framesPerSecond();
     if (static_cast<int64_t>(odf_.size()) < static_cast<int64_t>(fps * 3.0)) return {0, 0, rms_};
     const double seconds = std::min(static_cast<double>(odf_.size()) / fps, 60.0);

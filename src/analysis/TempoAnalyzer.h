@@ -7,9 +7,11 @@
 // `append` and `estimate` allocate nothing once the history has filled.
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <span>
+#include <string_view>
 #include <vector>
 
 #include "FFTMagnitude.h"
@@ -19,10 +21,35 @@
 
 namespace velquin {
 
+// The tempo analyzer's tunable constants. The defaults are the shipped behaviour; the conformance outputs
+// were produced with them.
+struct TempoParameters {
+    // Onset curve the live estimate reads: long enough for a few bars at 60 BPM, short enough to follow
+    // a change of song within seconds.
+    double historySeconds = 8.0;
+    // A reading at a simple ratio (½, 2, ⅔ …) of the locked tempo is usually the same music heard at
+    // another metrical level, so it must persist this long before the lock follows it.
+    double ratioHoldSeconds = 10.0;
+    // Any other new tempo must persist this long: two bars at 120 BPM.
+    double switchSeconds = 2.0;
+    // Gaussian blur of the onset curve (frames of 10 ms): merges onsets a frame apart.
+    double onsetBlurFrames = 1.3;
+    // Width of the log-normal tempo prior around 120 BPM, in octaves.
+    double priorWidthOctaves = 0.7;
+    // Slight preference for the faster of two equally periodic tempi (per octave).
+    double fasterTiebreak = 0.12;
+    // RMS below which the input counts as silence and no tempo is reported.
+    double silenceFloor = 0.002;
+    // Receives the periodicity table of every estimate when set (diagnostics; allocates).
+    std::function<void(std::string_view text)> onDebug;
+};
+
 class TempoAnalyzer {
 public:
+    using Parameters = TempoParameters;
+
     // `sampleRate` in Hz (positive); `offline` for a whole file (five minutes of onset history).
-    TempoAnalyzer(double sampleRate, bool offline);
+    TempoAnalyzer(double sampleRate, bool offline, Parameters parameters = {});
     ~TempoAnalyzer();
     TempoAnalyzer(const TempoAnalyzer&) = delete;
     TempoAnalyzer& operator=(const TempoAnalyzer&) = delete;
@@ -66,21 +93,15 @@ private:
     double lock(double median, const Periodicity& evidence);
     void pushOnset(float value);
 
-    const double onsetBlurFrames_ = 1.3;
+    Parameters parameters_;
     int64_t fftSize_;
     int64_t hop_;
-    double historySeconds_;
-    double ratioHoldSeconds_;
-    double switchSeconds_;
     double lockedBPM_ = 0;
     double candidateBPM_ = 0;
     int64_t candidateSinceFrame_ = 0;
     int64_t framesSeen_ = 0;
     int64_t regimeChanges_ = 0;
     BPMBounds bpmRange_{60, 200};
-    const double priorWidthOctaves_ = 0.7;
-    const double fasterTiebreak_ = 0.12;
-    const double silenceFloor_ = 0.002;
     double sampleRate_;
     FFTMagnitude fft_;
     std::vector<float> mag_;

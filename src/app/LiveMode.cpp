@@ -19,7 +19,7 @@
 #include <optional>
 #include <string_view>
 
-#include "Exp.h"
+#include "Environment.h"
 #include "Format.h"
 #include "OutputFile.h"
 #include "TempoService.h"
@@ -165,7 +165,7 @@ int writeOut(const std::string& text) {
 std::optional<double> durationFrom(const std::vector<std::string>& arguments) {
     double duration = 15.0;
     if (arguments.size() > 1) {
-        if (auto parsed = Exp::parseNumber(arguments[1].c_str())) duration = *parsed;
+        if (auto parsed = Environment::parseNumber(arguments[1].c_str())) duration = *parsed;
     }
     if (!(duration > 0) || !(duration < kLongestDuration)) return std::nullopt;  // also NaN
     return duration;

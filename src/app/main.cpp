@@ -7,6 +7,8 @@
 
 #include "Application.h"
 #include "Dispatch.h"
+#include "EngineSettings.h"
+#include "Environment.h"
 #include "FileModes.h"
 #include "LiveMode.h"
 #include "Log.h"
@@ -31,6 +33,7 @@ void holdClosedStandardStreams() {
 int main(int argc, char** argv) {
     using namespace velquin;
     holdClosedStandardStreams();
+    EngineSettings::install(Environment::read().parameters);
     const std::vector<std::string> arguments(argv, argv + argc);
     const Dispatch dispatch = Dispatch::from(arguments);
     switch (dispatch.mode) {

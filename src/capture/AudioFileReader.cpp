@@ -269,6 +269,13 @@ struct AudioFileReader::State {
         r = avcodec_parameters_to_context(decoder.get(), stream->codecpar);
         if (r < 0) fail(r);
         decoder->pkt_timebase = stream->time_base;
+        // Planar float is what the analyzers read: a decoder that can give it directly spares the converter.
+        decoder->request_sample_fmt = AV_SAMPLE_FMT_FLTP;
+        // Codecs that can decode on several threads do (the same samples, sooner); the rest ignore it.
+        if ((codec->capabilities & (AV_CODEC_CAP_FRAME_THREADS | AV_CODEC_CAP_SLICE_THREADS)) != 0) {
+            decoder->thread_count = 0;  // one per core
+            decoder->thread_type = FF_THREAD_FRAME | FF_THREAD_SLICE;
+        }
         r = avcodec_open2(decoder.get(), codec, nullptr);
         if (r < 0) fail(r);
 

@@ -7,49 +7,143 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <exception>
 #include <filesystem>
 #include <limits>
+#include <mutex>
 #include <optional>
+#include <stop_token>
 #include <string>
 #include <system_error>
+#include <thread>
+#include <vector>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "AudioFileReader.h"
+#include "ChunkQueue.h"
+#include "EngineSettings.h"
 #include "Format.h"
 #include "OutputFile.h"
 #include "KeyAnalyzer.h"
+#include "LiveAnalysis.h"
 #include "TempoAnalyzer.h"
 
 namespace velquin::FileAnalysis {
 
 namespace {
 
-// Decodes `reader` chunk by chunk (at most `maximumFrames`), mixing each chunk to mono for `consume`.
-// Checks for cancellation and reports progress after every chunk; returns the frames read.
-int64_t feed(AudioFileReader& reader, const FileAnalysisOptions& options, int64_t maximumFrames,
-             const std::function<void(std::span<const float>)>& consume) {
-    const double rate = reader.sampleRate();
-    const double total = reader.durationSeconds();
-    std::vector<float> mono(static_cast<size_t>(AudioFileReader::chunkFrames));
-    int64_t framesRead = 0;
-    while (framesRead < maximumFrames) {
-        if (options.stop.stop_requested()) throw AnalysisCancelled();
-        const int64_t frames = reader.read(std::min(AudioFileReader::chunkFrames, maximumFrames - framesRead));
-        if (frames <= 0) break;
-        reader.mixToMono(frames, mono.data());
-        consume(std::span<const float>(mono.data(), static_cast<size_t>(frames)));
-        framesRead += frames;
-        if (options.onProgress) options.onProgress(static_cast<double>(framesRead) / rate, total);
+// Chunks decoded ahead of the slowest analyzer: enough to ride out uneven chunk costs, small enough to
+// stay in cache.
+constexpr size_t queueSlots = 4;
+
+// One analyzer's share of a file: every chunk in order, then its decision.
+struct Consumer {
+    std::function<void(std::span<const float>)> feed;
+    std::function<void()> finish;
+};
+
+class Pipeline {
+public:
+    Pipeline(AudioFileReader& reader, const FileAnalysisOptions& options, int64_t maximumFrames)
+        : reader_(reader), options_(options), maximumFrames_(maximumFrames), total_(reader.durationSeconds()) {}
+
+    // Runs every consumer over the whole file; returns the frames decoded. Throws the first error (the
+    // decoder's or an analyzer's) or AnalysisCancelled once every thread has stopped.
+    int64_t run(std::vector<Consumer>& consumers) {
+        const bool threaded = options_.execution == Execution::automatic && consumers.size() > 1 &&
+                              std::thread::hardware_concurrency() > 1;
+        if (threaded) runThreaded(consumers);
+        else runSequential(consumers);
+        if (options_.stop.stop_requested()) throw AnalysisCancelled();
+        return framesRead_;
     }
-    if (options.stop.stop_requested()) throw AnalysisCancelled();
-    return framesRead;
-}
+
+private:
+    // Decodes the next chunk into `mono`; 0 at the end.
+    int64_t decode(std::span<float> mono) {
+        if (framesRead_ >= maximumFrames_) return 0;
+        const int64_t frames = reader_.read(std::min(AudioFileReader::chunkFrames, maximumFrames_ - framesRead_));
+        if (frames <= 0) return 0;
+        reader_.mixToMono(frames, mono.data());
+        framesRead_ += frames;
+        return frames;
+    }
+
+    void progress() const {
+        if (options_.onProgress)
+            options_.onProgress(static_cast<double>(framesRead_) / reader_.sampleRate(), total_);
+    }
+
+    void runSequential(std::vector<Consumer>& consumers) {
+        std::vector<float> mono(static_cast<size_t>(AudioFileReader::chunkFrames));
+        while (!options_.stop.stop_requested()) {
+            const auto frames = static_cast<size_t>(decode(mono));
+            if (frames == 0) break;
+            for (Consumer& consumer : consumers) consumer.feed(std::span<const float>(mono.data(), frames));
+            progress();
+        }
+        if (options_.stop.stop_requested()) return;
+        for (Consumer& consumer : consumers) consumer.finish();
+    }
+
+    // This thread decodes into the queue; each consumer reads it on a thread of its own.
+    void runThreaded(std::vector<Consumer>& consumers) {
+        ChunkQueue queue(queueSlots, static_cast<size_t>(AudioFileReader::chunkFrames), consumers.size());
+        std::mutex errorMutex;
+        std::exception_ptr error;
+        const auto fail = [&](std::exception_ptr e) {
+            {
+                std::lock_guard lock(errorMutex);
+                if (!error) error = std::move(e);
+            }
+            queue.close();
+        };
+        const std::stop_callback onStop(options_.stop, [&] { queue.close(); });
+        {
+            std::vector<std::jthread> threads;
+            threads.reserve(consumers.size());
+            for (size_t index = 0; index < consumers.size(); ++index) {
+                threads.emplace_back([&, index] {
+                    try {
+                        Consumer& consumer = consumers[index];
+                        for (auto chunk = queue.next(index); !chunk.empty(); chunk = queue.next(index)) {
+                            consumer.feed(chunk);
+                            queue.release(index);
+                        }
+                        if (!queue.closed()) consumer.finish();
+                    } catch (...) {
+                        fail(std::current_exception());
+                    }
+                });
+            }
+            try {
+                for (auto room = queue.acquire(); !room.empty(); room = queue.acquire()) {
+                    const auto frames = static_cast<size_t>(decode(room));
+                    if (frames == 0) break;
+                    queue.publish(frames);
+                    progress();
+                }
+                queue.finish();
+            } catch (...) {
+                fail(std::current_exception());
+            }
+        }  // joins the consumers
+        if (error) std::rethrow_exception(error);
+    }
+
+    AudioFileReader& reader_;
+    const FileAnalysisOptions& options_;
+    const int64_t maximumFrames_;
+    const double total_;
+    int64_t framesRead_ = 0;
+};
 
 using TickCallback = std::function<void(double seconds, const KeyEstimate&, const TempoEstimate&)>;
 
 struct Stream {
     TempoRange range = TempoRange::Auto;
+    bool withTempo = true;
     std::optional<double> everySeconds;  // the live pair's reading interval, for timelines
     TickCallback onTick;
     KeyAnalyzer* keyAnalyzer = nullptr;  // the offline key analyzer to use instead of a fresh one
@@ -63,60 +157,49 @@ struct Streamed {
     int64_t liveRestarts = 0;
 };
 
+// The offline pair (and for timelines the live pair) over the whole file. The analyzers are independent
+// of one another, so each may run on its own thread; the live pair stays together, since its key
+// analyzer restarts on its tempo analyzer's regime changes.
 Streamed streamFile(AudioFileReader& reader, const Stream& stream, const FileAnalysisOptions& options) {
     const double rate = reader.sampleRate();
     const auto bounds = velquin::bounds(stream.range);
+    const AnalyzerParameters& parameters = EngineSettings::parameters();
+    Streamed result;
+    std::vector<Consumer> consumers;
 
-    TempoAnalyzer tempo(rate, true);
-    tempo.setBpmRange(bounds);
+    std::optional<TempoAnalyzer> tempo;
+    if (stream.withTempo) {
+        tempo.emplace(rate, true, parameters.tempo);
+        tempo->setBpmRange(bounds);
+        consumers.push_back({[&](std::span<const float> block) { tempo->append(block); },
+                             [&] { result.tempo = tempo->estimateGlobal(); }});
+    }
     std::optional<KeyAnalyzer> ownKey;
-    KeyAnalyzer* keyAnalyzer = stream.keyAnalyzer;
-    if (keyAnalyzer == nullptr) keyAnalyzer = &ownKey.emplace(rate, true);
+    KeyAnalyzer* key = stream.keyAnalyzer;
+    if (key == nullptr) key = &ownKey.emplace(rate, true, parameters.key);
+    consumers.push_back({[&](std::span<const float> block) { key->append(block); },
+                         [&] { result.key = key->decide(std::numeric_limits<double>::infinity()); }});
 
-    std::optional<KeyAnalyzer> liveKey;
-    std::optional<TempoAnalyzer> liveTempo;
+    std::optional<LiveAnalysis> live;
+    int64_t liveFrames = 0;
     double nextTick = 0;
-    int64_t seenRegimes = 0;
-    int64_t seenRestarts = 0;
     if (stream.everySeconds) {
-        liveKey.emplace(rate, false);
-        liveTempo.emplace(rate, false);
-        liveTempo->setBpmRange(bounds);
+        live.emplace(rate, bounds, parameters);
         nextTick = *stream.everySeconds;
+        consumers.push_back({[&](std::span<const float> block) {
+                                 live->append(block);
+                                 liveFrames += static_cast<int64_t>(block.size());
+                                 const double t = static_cast<double>(liveFrames) / rate;
+                                 if (t < nextTick) return;
+                                 const LiveAnalysis::Reading reading = live->read();
+                                 stream.onTick(t, reading.key, reading.tempo);
+                                 nextTick += *stream.everySeconds;
+                             },
+                             [&] { result.liveRestarts = live->key().restarts(); }});
     }
 
-    int64_t framesRead = 0;
-    feed(reader, options, stream.maximumFrames, [&](std::span<const float> block) {
-        tempo.append(block);
-        keyAnalyzer->append(block);
-        if (liveKey) liveKey->append(block);
-        if (liveTempo) liveTempo->append(block);
-        framesRead += static_cast<int64_t>(block.size());
-
-        if (liveKey) {
-            const double t = static_cast<double>(framesRead) / rate;
-            if (t >= nextTick) {
-                const TempoEstimate liveTempoEstimate = liveTempo->estimate();
-                if (liveTempo->regimeChanges() != seenRegimes) {
-                    liveKey->restart(8.0);
-                    seenRegimes = liveTempo->regimeChanges();
-                }
-                const KeyEstimate key = liveKey->estimate();
-                if (liveKey->restarts() != seenRestarts) {
-                    liveTempo->unlock();
-                    seenRestarts = liveKey->restarts();
-                }
-                stream.onTick(t, key, liveTempoEstimate);
-                nextTick += *stream.everySeconds;
-            }
-        }
-    });
-
-    Streamed result;
-    result.tempo = tempo.estimateGlobal();
-    result.key = keyAnalyzer->decide(std::numeric_limits<double>::infinity());
-    result.durationSeconds = static_cast<double>(framesRead) / rate;
-    if (liveKey) result.liveRestarts = liveKey->restarts();
+    const int64_t frames = Pipeline(reader, options, stream.maximumFrames).run(consumers);
+    result.durationSeconds = static_cast<double>(frames) / rate;
     return result;
 }
 
@@ -154,9 +237,10 @@ Timeline keyTimeline(const std::string& path, double everySeconds, const FileAna
 
 void dumpChroma(const std::string& inputPath, const std::string& outputPath, const FileAnalysisOptions& options) {
     AudioFileReader reader(inputPath);
-    KeyAnalyzer analyzer(reader.sampleRate(), true);
+    KeyAnalyzer analyzer(reader.sampleRate(), true, EngineSettings::parameters().key);
     analyzer.dumpFrames = true;
     Stream stream;
+    stream.withTempo = false;  // the dump is the key analyzer's alone
     stream.keyAnalyzer = &analyzer;
     streamFile(reader, stream, options);
 

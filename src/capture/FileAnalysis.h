@@ -3,8 +3,9 @@
 // analyzer pair (and, for timelines, a live pair read at fixed intervals of file time). Shares nothing
 // with a running TempoService; every call owns its analyzers.
 //
-// The operations run on the calling thread (with helper threads of their own) and throw AudioFileError
-// or AudioSourceError (std::runtime_error; what() is the text to show), or AnalysisCancelled.
+// Each call decodes on the calling thread and runs the analyzers on threads of its own, joined before it
+// returns; progress is reported on the calling thread. They throw AudioFileError (std::runtime_error;
+// what() is the text to show), std::system_error when the CSV cannot be written, or AnalysisCancelled.
 
 #include <cstdint>
 #include <exception>
@@ -31,10 +32,15 @@ struct FileResult {
     double durationSeconds = 0;  // of the audio decoded
 };
 
+// How the analyzers share the work: each on its own thread behind a decoder (with one core, all on the
+// calling thread), or always all on the calling thread. Both give the same results, bit for bit.
+enum class Execution { automatic, sequential };
+
 struct FileAnalysisOptions {
-    std::function<void(double doneSeconds, double totalSeconds)>
-        onProgress;        // analysis thread; total 0 = unknown
+    // After every chunk, on the thread that called the operation; total 0 = unknown.
+    std::function<void(double doneSeconds, double totalSeconds)> onProgress;
     std::stop_token stop;  // requested -> AnalysisCancelled
+    Execution execution = Execution::automatic;
 };
 
 struct AnalysisCancelled : std::exception {

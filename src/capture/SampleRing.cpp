@@ -34,18 +34,18 @@ void SampleRing::write(const float* samples, int64_t count) {
     available_ = std::min(available_ + n, cap);
 }
 
-std::vector<float> SampleRing::drain() {
+void SampleRing::drainInto(std::vector<float>& out) {
     std::lock_guard guard(lock_);
     const int64_t n = available_;
-    if (n < 1) return {};
+    out.resize(static_cast<size_t>(std::max<int64_t>(n, 0)));
+    if (n < 1) return;
     const auto cap = static_cast<int64_t>(buffer_.size());
-    std::vector<float> result(static_cast<size_t>(n));
+    float* result = out.data();
     const int64_t start = (writeIndex_ - n + cap) % cap;
     const int64_t first = std::min(cap - start, n);
-    std::memcpy(result.data(), buffer_.data() + start, static_cast<size_t>(first) * sizeof(float));
-    if (first < n) std::memcpy(result.data() + first, buffer_.data(), static_cast<size_t>(n - first) * sizeof(float));
+    std::memcpy(result, buffer_.data() + start, static_cast<size_t>(first) * sizeof(float));
+    if (first < n) std::memcpy(result + first, buffer_.data(), static_cast<size_t>(n - first) * sizeof(float));
     available_ = 0;
-    return result;
 }
 
 }  // namespace velquin

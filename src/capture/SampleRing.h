@@ -14,8 +14,9 @@ public:
 
     // Real-time safe: no allocation, the lock is held for at most two block copies.
     void write(const float* samples, int64_t count);
-    // Every unread sample, oldest first.
-    std::vector<float> drain();
+    // Every unread sample, oldest first, into `out` (replacing its contents). Allocates only when `out`
+    // has less room than the unread samples, so a buffer reserved to the capacity never allocates.
+    void drainInto(std::vector<float>& out);
 
     // Empties the ring and gives it a new capacity, as a fresh ring would be. Allocates: never call it
     // from the capture thread (the writer only waits for the swap).

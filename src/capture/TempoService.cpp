@@ -8,12 +8,12 @@
 #include <QThread>
 #include <QTimer>
 #include <atomic>
+#include <optional>
+#include <vector>
 
-#include "KeyAnalyzer.h"
 #include "MicrophoneSource.h"
 #include "SampleRing.h"
 #include "SystemAudioSource.h"
-#include "TempoAnalyzer.h"
 
 namespace velquin {
 
@@ -26,25 +26,19 @@ constexpr double idleSampleRate = 48000;
 struct TempoService::Live {
     // State owned by the analysis thread; only tasks running there touch it.
     struct Engine {
-        std::unique_ptr<TempoAnalyzer> analyzer;
-        std::unique_ptr<KeyAnalyzer> keyAnalyzer;
+        std::optional<LiveAnalysis> analysis;
         std::unique_ptr<QTimer> timer;
-        int64_t seenRegimeChanges = 0;
-        int64_t seenKeyRestarts = 0;
-        BPMBounds bounds = velquin::bounds(TempoRange::Auto);
-
-        void rebuild(double rate) {
-            analyzer = std::make_unique<TempoAnalyzer>(rate, false);
-            analyzer->setBpmRange(bounds);
-            keyAnalyzer = std::make_unique<KeyAnalyzer>(rate, false);
-        }
+        std::vector<float> samples;  // the tick's drain buffer, reused
     };
 
     explicit Live(TempoService* owner) : owner(owner) {
         thread.setObjectName(QStringLiteral("com.orvane.velquin.analysis"));
         worker.moveToThread(&thread);
         thread.start();
-        post([this] { engine.rebuild(idleSampleRate); });
+        post([this, parameters = owner->parameters_] {
+            engine.analysis.emplace(idleSampleRate, velquin::bounds(TempoRange::Auto), parameters);
+            engine.samples.reserve(static_cast<size_t>(idleRingCapacity));
+        });
     }
 
     ~Live() {
@@ -72,31 +66,22 @@ struct TempoService::Live {
 
 void TempoService::Live::tick() {
     Engine& e = engine;
-    if (!e.analyzer || !e.keyAnalyzer) return;
-    const std::vector<float> samples = ring.drain();
-    if (!samples.empty()) {
-        e.analyzer->append(samples);
-        e.keyAnalyzer->append(samples);
-        if (owner->onCapturedSamples) owner->onCapturedSamples(samples);
+    if (!e.analysis) return;
+    ring.drainInto(e.samples);
+    if (!e.samples.empty()) {
+        e.analysis->append(e.samples);
+        if (owner->onCapturedSamples) owner->onCapturedSamples(e.samples);
     }
-    const TempoEstimate tempo = e.analyzer->estimate();
-    if (e.analyzer->regimeChanges() != e.seenRegimeChanges) {
-        e.seenRegimeChanges = e.analyzer->regimeChanges();
-        // A new tempo regime means a new song: keep only the last 8 seconds of key evidence.
-        e.keyAnalyzer->restart(8.0);
-    }
-    const KeyEstimate key = e.keyAnalyzer->estimate();
-    if (e.keyAnalyzer->restarts() != e.seenKeyRestarts) {
-        e.seenKeyRestarts = e.keyAnalyzer->restarts();
-        e.analyzer->unlock();
-    }
+    const LiveAnalysis::Reading reading = e.analysis->read();
     TempoService* service = owner;
     QMetaObject::invokeMethod(
-        service, [service, tempo, key] { service->publish(tempo, key); }, Qt::QueuedConnection);
+        service, [service, reading] { service->publish(reading.tempo, reading.key); }, Qt::QueuedConnection);
 }
 
-TempoService::TempoService(SourceFactory sourceFactory)
-    : sourceFactory_(std::move(sourceFactory)), live_(std::make_shared<Live>(this)) {}
+TempoService::TempoService(SourceFactory sourceFactory, AnalyzerParameters parameters)
+    : sourceFactory_(std::move(sourceFactory)),
+      parameters_(std::move(parameters)),
+      live_(std::make_shared<Live>(this)) {}
 
 TempoService::~TempoService() {
     stop();
@@ -111,14 +96,13 @@ TempoService::AnalysisCounters TempoService::analysisCounters() const {
     l->post(
         [l, &counters] {
             const Live::Engine& e = l->engine;
-            if (e.analyzer) {
-                counters.regimeChanges = e.analyzer->regimeChanges();
-                counters.analyzerSampleRate = e.analyzer->sampleRate();
-                counters.bpmRange = e.analyzer->bpmRange();
-            }
-            if (e.keyAnalyzer) counters.keyRestarts = e.keyAnalyzer->restarts();
-            counters.seenRegimeChanges = e.seenRegimeChanges;
-            counters.seenKeyRestarts = e.seenKeyRestarts;
+            if (!e.analysis) return;
+            counters.regimeChanges = e.analysis->tempo().regimeChanges();
+            counters.analyzerSampleRate = e.analysis->tempo().sampleRate();
+            counters.bpmRange = e.analysis->tempo().bpmRange();
+            counters.keyRestarts = e.analysis->key().restarts();
+            counters.seenRegimeChanges = e.analysis->seenRegimeChanges();
+            counters.seenKeyRestarts = e.analysis->seenKeyRestarts();
         },
         true);
     return counters;
@@ -154,9 +138,9 @@ void TempoService::start(AudioSourceKind kind) {
         live->captureSampleRate.store(rate);
         Live* l = live.get();
         live->post([l, rate] {
-            l->engine.rebuild(rate);
+            if (l->engine.analysis) l->engine.analysis->rebuild(rate);
             // Those samples were captured at the old rate.
-            l->ring.drain();
+            l->ring.drainInto(l->engine.samples);
         });
     };
     // What was heard before the server went away must not pass for a live reading: back to nothing.
@@ -197,7 +181,7 @@ void TempoService::start(AudioSourceKind kind) {
     l->ring.replace(static_cast<int64_t>(rate * 4));  // four seconds of audio
     isRunning_ = true;
     l->post([l, rate] {
-        l->engine.rebuild(rate);
+        if (l->engine.analysis) l->engine.analysis->rebuild(rate);
         auto timer = std::make_unique<QTimer>();
         timer->setTimerType(Qt::PreciseTimer);
         timer->setInterval(tickMilliseconds);
@@ -225,12 +209,9 @@ void TempoService::setRange(TempoRange range) {
     const BPMBounds bounds = velquin::bounds(range);
     Live* l = live_.get();  // tasks never outlive Live: its destructor drains the queue
     l->post([l, bounds] {
-        l->engine.bounds = bounds;
-        if (l->engine.analyzer) {
-            l->engine.analyzer->setBpmRange(bounds);
-            l->engine.analyzer->reset();
-        }
-        if (l->engine.keyAnalyzer) l->engine.keyAnalyzer->reset();
+        if (!l->engine.analysis) return;
+        l->engine.analysis->setBpmRange(bounds);
+        l->engine.analysis->reset();
     });
     reset();
 }
@@ -238,9 +219,8 @@ void TempoService::setRange(TempoRange range) {
 void TempoService::reset() {
     Live* l = live_.get();
     l->post([l] {
-        if (l->engine.analyzer) l->engine.analyzer->reset();
-        if (l->engine.keyAnalyzer) l->engine.keyAnalyzer->reset();
-        l->ring.drain();
+        if (l->engine.analysis) l->engine.analysis->reset();
+        l->ring.drainInto(l->engine.samples);
     });
     estimate_ = {};
     keyEstimate_ = KeyEstimate::unknown;

@@ -15,26 +15,23 @@
 #include <vector>
 
 #include "AudioSource.h"
-#include "FileAnalysis.h"
+#include "EngineSettings.h"
+#include "LiveAnalysis.h"
 #include "MusicalKey.h"
 #include "TempoEstimate.h"
 #include "TempoRange.h"
 
 namespace velquin {
 
-class KeyAnalyzer;
-
 class TempoService : public QObject {
     Q_OBJECT
 
 public:
-    // The desktop's file analyzer hook still names the result through the service.
-    using FileResult = FileAnalysis::FileResult;
-
     // Makes the capture source for a kind; tests substitute scripted sources.
     using SourceFactory = std::function<std::unique_ptr<AudioSource>(AudioSourceKind)>;
 
-    explicit TempoService(SourceFactory sourceFactory = {});
+    explicit TempoService(SourceFactory sourceFactory = {},
+                          AnalyzerParameters parameters = EngineSettings::parameters());
     ~TempoService() override;  // stops a running service
 
     void start(AudioSourceKind kind);
@@ -71,6 +68,7 @@ private:
     void publish(const TempoEstimate& tempo, const KeyEstimate& key);
 
     SourceFactory sourceFactory_;
+    AnalyzerParameters parameters_;
     AudioSourceKind kind_ = AudioSourceKind::systemAudio;
     TempoEstimate estimate_;
     KeyEstimate keyEstimate_ = KeyEstimate::unknown;

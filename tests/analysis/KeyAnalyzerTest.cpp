@@ -40,15 +40,6 @@ std::vector<std::vector<int>> cadence(int tonic, bool minor) {
     return {triad(root, minor), triad(root + 5, minor), triad(root + 7, false), triad(root, minor)};
 }
 
-class ScopedEnv {
-public:
-    ScopedEnv(const char* name, const char* value) : name_(name) { setenv(name, value, 1); }
-    ~ScopedEnv() { unsetenv(name_); }
-
-private:
-    const char* name_;
-};
-
 }  // namespace
 
 TEST(KeyAnalyzer, FramesFollowTheSampleRate) {
@@ -161,9 +152,9 @@ TEST(KeyAnalyzer, HoldsTheShownKeyBeforeSwitching) {
         double hold;
     };
     for (const Case& c : {Case{7, false, 2.0}, Case{9, true, 6.0}}) {
-        setenv("TESSARO_EXP_SHIFTTHR", "-2", 1);  // keep song-change detection out of this test
-        KeyAnalyzer analyzer(44100, false);
-        unsetenv("TESSARO_EXP_SHIFTTHR");
+        velquin::KeyParameters parameters;
+        parameters.shiftThreshold = -2;  // keep song-change detection out of this test
+        KeyAnalyzer analyzer(44100, false, parameters);
         auto music = velquin::test::progression({triad(60, false), triad(65, false), triad(67, false)}, 44100, 20.0);
         const auto second = velquin::test::progression(cadence(c.toTonic, c.toMinor), 44100, 40.0);
         music.insert(music.end(), second.begin(), second.end());
@@ -224,31 +215,10 @@ TEST(KeyAnalyzer, RestartKeepsTheLastSecondsAndResetDoesNotCount) {
     EXPECT_EQ(analyzer.rms(), 0);
 }
 
-TEST(KeyAnalyzer, ReadsItsOverrides) {
-    {
-        ScopedEnv harm("TESSARO_EXP_HARM", "1,x,0.5");
-        EXPECT_EQ(KeyAnalyzer(44100, true).harmonicWeights(), (std::vector<double>{1.0, 0.5}));
-    }
-    {
-        ScopedEnv harm("TESSARO_EXP_HARM", "1, 0.5");
-        EXPECT_EQ(KeyAnalyzer(44100, true).harmonicWeights(), (std::vector<double>{1.0}));
-    }
-    for (const char* value : {"abc", ""}) {
-        ScopedEnv harm("TESSARO_EXP_HARM", value);
-        EXPECT_EQ(KeyAnalyzer(44100, true).harmonicWeights(), (std::vector<double>{1.0, 0.55, 0.35, 0.22}));
-    }
-    {
-        // Chords off: the decision rests on the profiles alone and still finds the key.
-        ScopedEnv chords("TESSARO_EXP_CHORDW", "0");
-        KeyAnalyzer analyzer(44100, true);
-        feed(analyzer, velquin::test::progression(cadence(4, false), 44100, 10.0));
-        EXPECT_EQ(analyzer.decide(infinity).key, (MusicalKey{4, false}));
-    }
-    {
-        // A switch override that cannot be an integer keeps the default instead of overflowing.
-        ScopedEnv comp("TESSARO_EXP_COMP", "1e300");
-        KeyAnalyzer analyzer(44100, true);
-        feed(analyzer, velquin::test::progression(cadence(4, false), 44100, 6.0));
-        EXPECT_EQ(analyzer.decide(infinity).key, (MusicalKey{4, false}));
-    }
+TEST(KeyAnalyzer, WithoutChordsTheProfilesAloneFindTheKey) {
+    velquin::KeyParameters parameters;
+    parameters.chordWeight = 0;
+    KeyAnalyzer analyzer(44100, true, parameters);
+    feed(analyzer, velquin::test::progression(cadence(4, false), 44100, 10.0));
+    EXPECT_EQ(analyzer.decide(infinity).key, (MusicalKey{4, false}));
 }

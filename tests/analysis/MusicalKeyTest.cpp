@@ -71,18 +71,10 @@ TEST(KeyEstimate, ShortTextNamesTheRelativeByPreference) {
         EXPECT_EQ(velquin::relativePreferenceFromRaw(velquin::rawValue(preference)), preference);
 }
 
-TEST(KeyProfile, SelectionFollowsTheEnvironmentExactly) {
-    unsetenv("TESSARO_PROFILE");
-    EXPECT_EQ(KeyProfile::selected().first, &KeyProfile::blendMajor());
+TEST(KeyProfile, TheBlendIsTheMeanOfTwoProfiles) {
+    EXPECT_EQ(KeyProfile::tables(KeyProfile::Name::blend).first, &KeyProfile::blendMajor());
     EXPECT_DOUBLE_EQ(KeyProfile::blendMajor()[3], 2.15);
     EXPECT_DOUBLE_EQ(KeyProfile::blendMinor()[10], 2.9);
-    setenv("TESSARO_PROFILE", "krumhansl", 1);
-    EXPECT_EQ(KeyProfile::selected().second, &KeyProfile::krumhanslMinor);
-    setenv("TESSARO_PROFILE", "Krumhansl", 1);
-    EXPECT_EQ(KeyProfile::selected().second, &KeyProfile::blendMinor());
-    setenv("TESSARO_PROFILE", "shaath", 1);
-    EXPECT_EQ(KeyProfile::selected().first, &KeyProfile::shaathMajor);
-    unsetenv("TESSARO_PROFILE");
 }
 
 TEST(NoteMeter, BarsScaleAndStyle) {

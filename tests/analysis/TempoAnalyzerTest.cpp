@@ -61,11 +61,9 @@ TEST(TempoAnalyzer, FrameGeometryFollowsTheSampleRate) {
         EXPECT_EQ(live.maxODFFrames(), c.liveMax) << c.rate;
         EXPECT_EQ(offline.maxODFFrames(), c.offlineMax) << c.rate;
     }
-    ::setenv("TESSARO_EXP_TEMPOHIST", "12", 1);
-    EXPECT_EQ(TempoAnalyzer(48000, false).maxODFFrames(), 1208);
-    ::setenv("TESSARO_EXP_TEMPOHIST", "abc", 1);
-    EXPECT_EQ(TempoAnalyzer(48000, false).maxODFFrames(), 808);
-    ::unsetenv("TESSARO_EXP_TEMPOHIST");
+    velquin::TempoParameters longer;
+    longer.historySeconds = 12;
+    EXPECT_EQ(TempoAnalyzer(48000, false, longer).maxODFFrames(), 1208);
 }
 
 TEST(TempoAnalyzer, FramingPrimingAndLevel) {
@@ -226,17 +224,12 @@ TEST(TempoAnalyzer, SilenceKeepsTheLockAndUnlockForgetsIt) {
 }
 
 TEST(TempoAnalyzer, DebugTableOnlyWhenAsked) {
-    TempoAnalyzer a(48000, true);
+    std::string table;
+    velquin::TempoParameters parameters;
+    parameters.onDebug = [&](std::string_view text) { table += text; };
+    TempoAnalyzer a(48000, true, parameters);
     a.appendOnsetValuesForTesting(pulseCurve(120, 10), 0.1);
-    testing::internal::CaptureStderr();
     a.estimateGlobal();
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-
-    ::setenv("TESSARO_DEBUG", "", 1);
-    testing::internal::CaptureStderr();
-    a.estimateGlobal();
-    const std::string table = testing::internal::GetCapturedStderr();
-    ::unsetenv("TESSARO_DEBUG");
     EXPECT_EQ(table.rfind("  lag    bpm     acf     harm    prior   score\n", 0), 0u);
     EXPECT_EQ(std::count(table.begin(), table.end(), '\n'), 9);
     EXPECT_NE(table.find("   50   120.0"), std::string::npos) << table;

@@ -1,10 +1,14 @@
 #include <gtest/gtest.h>
 
+#include <array>
+#include <chrono>
 #include <cmath>
+#include <thread>
 
 #include "AudioFileReader.h"
 #include "AudioSource.h"
 #include "FileAnalysis.h"
+#include "Format.h"
 #include "TestSupport.h"
 
 using velquin::TempoRange;
@@ -44,6 +48,42 @@ TEST(FileAnalysis, StreamingMatchesOneWholeAnalysisAndNeedsAFile) {
     EXPECT_THROW(FileAnalysis::analyzeFile((dir / "absent.wav").string(), TempoRange::Auto), velquin::AudioFileError);
 }
 
+TEST(FileAnalysis, ThreadedAndSequentialAgreeBitForBit) {
+    test::TempDir dir;
+    auto song = test::clickTrain(120, 48000, 20);
+    test::mixInto(song, test::progression({{60, 64, 67}, {65, 69, 72}}, 48000, 20), 0.5f);
+    auto other = test::clickTrain(140, 48000, 20);
+    test::mixInto(other, test::progression({{66, 69, 73}, {61, 64, 68}}, 48000, 20), 0.5f);
+    song.insert(song.end(), other.begin(), other.end());  // a song change for the live pair
+    test::writeWav(dir / "change.wav", {song, song}, 48000, true);
+    auto long_ = test::progression({{63, 66, 70}, {59, 63, 66}, {66, 70, 73}}, 22050, 120);
+    test::mixInto(long_, test::clickTrain(93, 22050, 120), 0.6f);
+    test::writeWav(dir / "long.wav", {long_}, 22050);
+
+    using FileAnalysis::Execution;
+    for (const char* name : {"change.wav", "long.wav"}) {
+        const std::string path = (dir / name).string();
+        std::array<std::string, 2> text;
+        for (const Execution execution : {Execution::sequential, Execution::automatic}) {
+            FileAnalysis::FileAnalysisOptions options;
+            options.execution = execution;
+            std::string& out = text[execution == Execution::automatic];
+            for (const TempoRange range : {TempoRange::Auto, TempoRange::slow}) {
+                const auto r = FileAnalysis::analyzeFile(path, range, options);
+                out += velquin::format("%a %a %a %a %@|", r.tempo.bpm, r.tempo.confidence, r.key.confidence,
+                                       r.key.tuningCents, r.key.key ? r.key.key->shortName() : "-");
+            }
+            const auto timeline = FileAnalysis::keyTimeline(path, 1.0, options);
+            for (const auto& tick : timeline.ticks)
+                out += velquin::format("%a %a %a|", tick.seconds, tick.key.confidence, tick.tempo.bpm);
+            out += std::to_string(timeline.restarts);
+            FileAnalysis::dumpChroma(path, (dir / "chroma.csv").string(), options);
+            out += test::readText(dir / "chroma.csv");
+        }
+        EXPECT_TRUE(text[0] == text[1]) << name;
+    }
+}
+
 TEST(FileAnalysis, ReportsProgressAndDurationAndStopsWhenAsked) {
     test::TempDir dir;
     test::writeWav(dir / "three.wav", {test::clickTrain(120, 44100, 3)}, 44100);
@@ -59,8 +99,26 @@ TEST(FileAnalysis, ReportsProgressAndDurationAndStopsWhenAsked) {
     ASSERT_EQ(done.size(), 9u);  // 16384-frame chunks
     EXPECT_EQ(done.back(), 3.0);
 
+    for (const auto execution : {FileAnalysis::Execution::sequential, FileAnalysis::Execution::automatic}) {
+        std::stop_source stop;
+        options.stop = stop.get_token();
+        options.execution = execution;
+        options.onProgress = [&](double, double) { stop.request_stop(); };
+        EXPECT_THROW(FileAnalysis::analyzeFile(path, TempoRange::Auto, options), FileAnalysis::AnalysisCancelled);
+    }
+
+    // A stop from another thread ends a long analysis, every thread joined, well within 0.2 s.
+    test::writeWav(dir / "long.wav", {test::clickTrain(120, 44100, 600)}, 44100);
     std::stop_source stop;
-    options.stop = stop.get_token();
-    options.onProgress = [&](double, double) { stop.request_stop(); };
-    EXPECT_THROW(FileAnalysis::analyzeFile(path, TempoRange::Auto, options), FileAnalysis::AnalysisCancelled);
+    std::chrono::steady_clock::time_point asked;
+    std::jthread canceller([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        asked = std::chrono::steady_clock::now();
+        stop.request_stop();
+    });
+    FileAnalysis::FileAnalysisOptions cancelled;
+    cancelled.stop = stop.get_token();
+    EXPECT_THROW(FileAnalysis::analyzeFile((dir / "long.wav").string(), TempoRange::Auto, cancelled),
+                 FileAnalysis::AnalysisCancelled);
+    EXPECT_LT(std::chrono::steady_clock::now() - asked, std::chrono::milliseconds(200));
 }

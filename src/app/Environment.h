@@ -1,0 +1,27 @@
+#pragma once
+// The environment switches, read once at start:
+//   VELQUIN_DEBUG          analysis diagnostics (periodicity tables, key and chord lines) on standard error
+//   VELQUIN_PROFILE        "krumhansl", "temperley" or "shaath" key profiles; otherwise the blend
+//   VELQUIN_EXP_<NAME>     numeric overrides of the analyzers' parameters (names in Environment.cpp)
+// Each is also accepted under its older TESSARO_ spelling; the VELQUIN_ one wins when both are set.
+
+#include <optional>
+#include <string_view>
+
+#include "LiveAnalysis.h"
+
+namespace velquin::Environment {
+
+struct Switches {
+    bool debug = false;
+    AnalyzerParameters parameters;  // overrides applied, diagnostics routed to standard error
+};
+
+// Reads the process environment (call it once, at start).
+Switches read();
+
+// A number as strtod reads it in the "C" locale (hex, inf and nan included), the whole text and nothing
+// else: no leading white space, nothing after it.
+std::optional<double> parseNumber(const char* text);
+
+}  // namespace velquin::Environment

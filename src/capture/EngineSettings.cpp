@@ -1,0 +1,22 @@
+#include "EngineSettings.h"
+
+#include <utility>
+
+namespace velquin::EngineSettings {
+
+namespace {
+AnalyzerParameters& installed() {
+    static AnalyzerParameters value;
+    return value;
+}
+}  // namespace
+
+const AnalyzerParameters& parameters() {
+    return installed();
+}
+
+void install(AnalyzerParameters parameters) {
+    installed() = std::move(parameters);
+}
+
+}  // namespace velquin::EngineSettings

@@ -1,0 +1,12 @@
+#pragma once
+// The analyzer parameters this process runs with: the shipped defaults, unless the application installs
+// others (its environment overrides) once at start, before any analysis thread exists.
+
+#include "LiveAnalysis.h"
+
+namespace velquin::EngineSettings {
+
+const AnalyzerParameters& parameters();
+void install(AnalyzerParameters parameters);
+
+}  // namespace velquin::EngineSettings

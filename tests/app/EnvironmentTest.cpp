@@ -1,0 +1,79 @@
+#include <gtest/gtest.h>
+
+#include <clocale>
+#include <cmath>
+#include <cstdlib>
+
+#include "Environment.h"
+#include "Format.h"
+
+namespace Environment = velquin::Environment;
+
+namespace {
+
+class ScopedEnv {
+  public:
+    ScopedEnv(const char* name, const char* value) : name_(name) { ::setenv(name, value, 1); }
+    ~ScopedEnv() { ::unsetenv(name_); }
+
+  private:
+    const char* name_;
+};
+
+}  // namespace
+
+TEST(Environment, NumbersAreTheWholeTextInTheCLocale) {
+    struct Case {
+        const char* text;
+        std::optional<double> expected;
+    };
+    for (const Case& c : {Case{"12", 12},
+                          {"-0.25", -0.25},
+                          {"0x10", 16},
+                          {"1e3", 1000},
+                          {"", {}},
+                          {" 12", {}},
+                          {"\t1", {}},
+                          {"12 ", {}},
+                          {"12abc", {}},
+                          {"abc", {}},
+                          {"1,5", {}}})
+        EXPECT_EQ(Environment::parseNumber(c.text), c.expected) << '"' << c.text << '"';
+    EXPECT_TRUE(std::isinf(*Environment::parseNumber("inf")));
+    EXPECT_TRUE(std::isnan(*Environment::parseNumber("nan")));
+    EXPECT_FALSE(Environment::parseNumber(nullptr));
+
+    // A decimal-comma locale must change neither how "0.5" reads nor how numbers print.
+    if (std::setlocale(LC_NUMERIC, "de_DE.UTF-8") == nullptr) GTEST_SKIP() << "no de_DE locale";
+    EXPECT_EQ(Environment::parseNumber("0.5"), 0.5);
+    EXPECT_EQ(velquin::format("%.2f", 0.5), "0.50");
+    std::setlocale(LC_NUMERIC, "C");
+}
+
+TEST(Environment, OverridesFillTheParametersUnderEitherPrefix) {
+    const auto defaults = Environment::read();
+    EXPECT_FALSE(defaults.debug);
+    EXPECT_FALSE(defaults.parameters.key.onDebug);
+    EXPECT_EQ(defaults.parameters.key.harmonicWeights, (std::vector<double>{1.0, 0.55, 0.35, 0.22}));
+    {
+        ScopedEnv harm("VELQUIN_EXP_HARM", "1,x,,0.5");
+        ScopedEnv oldHarm("TESSARO_EXP_HARM", "2");  // the project's own spelling wins
+        ScopedEnv hist("TESSARO_EXP_TEMPOHIST", "12");
+        ScopedEnv comp("VELQUIN_EXP_COMP", "1e300");  // not an integer: the default stays
+        ScopedEnv profile("TESSARO_PROFILE", "krumhansl");
+        ScopedEnv debug("VELQUIN_DEBUG", "");
+        const auto switches = Environment::read();
+        EXPECT_EQ(switches.parameters.key.harmonicWeights, (std::vector<double>{1.0, 0.5}));
+        EXPECT_EQ(switches.parameters.tempo.historySeconds, 12);
+        EXPECT_EQ(switches.parameters.key.peakCompression, 0);
+        EXPECT_EQ(switches.parameters.key.profile, velquin::KeyProfile::Name::krumhansl);
+        EXPECT_TRUE(switches.debug && switches.parameters.tempo.onDebug && switches.parameters.key.onDebug);
+    }
+    for (const char* value : {"abc", "", "Krumhansl"}) {
+        ScopedEnv harm("VELQUIN_EXP_HARM", value);
+        ScopedEnv profile("VELQUIN_PROFILE", value);
+        const auto switches = Environment::read();
+        EXPECT_EQ(switches.parameters.key.harmonicWeights, defaults.parameters.key.harmonicWeights);
+        EXPECT_EQ(switches.parameters.key.profile, velquin::KeyProfile::Name::blend);
+    }
+}
