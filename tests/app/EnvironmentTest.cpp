@@ -6,39 +6,18 @@
 
 #include "Environment.h"
 #include "Format.h"
+#include "TestSupport.h"
 
 namespace Environment = velquin::Environment;
 
-namespace {
-
-class ScopedEnv {
-  public:
-    ScopedEnv(const char* name, const char* value) : name_(name) { ::setenv(name, value, 1); }
-    ~ScopedEnv() { ::unsetenv(name_); }
-
-  private:
-    const char* name_;
-};
-
-}  // namespace
+using velquin::test::ScopedEnv;
 
 TEST(Environment, NumbersAreTheWholeTextInTheCLocale) {
-    struct Case {
-        const char* text;
-        std::optional<double> expected;
-    };
-    for (const Case& c : {Case{"12", 12},
-                          {"-0.25", -0.25},
-                          {"0x10", 16},
-                          {"1e3", 1000},
-                          {"", {}},
-                          {" 12", {}},
-                          {"\t1", {}},
-                          {"12 ", {}},
-                          {"12abc", {}},
-                          {"abc", {}},
-                          {"1,5", {}}})
-        EXPECT_EQ(Environment::parseNumber(c.text), c.expected) << '"' << c.text << '"';
+    for (const auto& [text, value] :
+         {std::pair{"12", 12.0}, {"-0.25", -0.25}, {"0x10", 16.0}, {"1e3", 1000.0}})
+        EXPECT_EQ(Environment::parseNumber(text), value) << text;
+    for (const char* text : {"", " 12", "\t1", "12 ", "12abc", "abc", "1,5"})
+        EXPECT_FALSE(Environment::parseNumber(text)) << '"' << text << '"';
     EXPECT_TRUE(std::isinf(*Environment::parseNumber("inf")));
     EXPECT_TRUE(std::isnan(*Environment::parseNumber("nan")));
     EXPECT_FALSE(Environment::parseNumber(nullptr));
