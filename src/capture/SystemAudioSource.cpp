@@ -1,5 +1,7 @@
 #include "SystemAudioSource.h"
 
+#include "EngineSettings.h"
+
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -78,14 +80,15 @@ std::optional<AudioSourceError> SystemAudioSource::startLocked() {
 
     startListeningForChanges();
 
-    if (std::getenv("TESSARO_DEBUG")) {
+    // The analysis diagnostics switch covers the capture rates too: one place decides where they go.
+    if (const auto& debug = EngineSettings::parameters().tempo.onDebug) {
         const std::string lines =
             "tap format rate=" + pulse::rateText(spec.rate) + " ch=" + std::to_string(spec.channels) +
             " flags=" + std::to_string(static_cast<int>(spec.format)) + " bpf=" + std::to_string(pa_frame_size(&spec)) +
             "\naggregate nominal rate=" + pulse::rateText(monitor_.spec.rate) +
             "\noutput device nominal rate=" + pulse::rateText(sink.spec.rate > 0 ? double(sink.spec.rate) : -1.0) +
             "\nusing rate=" + pulse::rateText(sampleRate()) + "\n";
-        std::fwrite(lines.data(), 1, lines.size(), stderr);
+        debug(lines);
     }
 
     mixer_.reserve(kInitialMixFrames);

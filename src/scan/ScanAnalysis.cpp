@@ -11,6 +11,8 @@ int analysisVersion() {
 AnalysisCache::Entry analyzeFile(const std::string& path, TempoRange range, std::stop_token stop) {
     FileAnalysis::FileAnalysisOptions options;
     options.stop = std::move(stop);
+    // Each job is one thread: the scan already keeps every core busy with its own workers.
+    options.execution = FileAnalysis::Execution::sequential;
     const auto result = FileAnalysis::analyzeFile(path, range, options);
     return {result.tempo, result.key, result.durationSeconds};
 }

@@ -20,6 +20,7 @@
 #include <thread>
 #include <vector>
 
+#include "EngineSettings.h"
 #include "MicrophoneSource.h"
 #include "SystemAudioSource.h"
 #include "TestSupport.h"
@@ -179,9 +180,11 @@ std::string stderrOf(Run&& run) {
 TEST_F(PulseCapture, SystemAudioHearsWhatPlaysAtTheSinkRateMixedToMono) {
     SystemAudioSource source;
     Recorder recorder(source);
-    setenv("TESSARO_DEBUG", "1", 1);
+    AnalyzerParameters withDebug = EngineSettings::parameters();
+    withDebug.tempo.onDebug = [](std::string_view text) { std::fwrite(text.data(), 1, text.size(), stderr); };
+    EngineSettings::install(withDebug);
     const std::string debug = stderrOf([&] { source.start(); });
-    unsetenv("TESSARO_DEBUG");
+    EngineSettings::install({});
     EXPECT_EQ(debug,
               "tap format rate=48000.0 ch=2 flags=" + std::to_string(int(PA_SAMPLE_FLOAT32NE)) +
                   " bpf=8\naggregate nominal rate=48000.0\noutput device nominal rate=48000.0\nusing rate=48000.0\n");
