@@ -17,8 +17,8 @@ namespace {
 
 std::vector<float> music(double rate) {
     // i–VI–III–VII in E♭ minor at 93 BPM with clicks on the beats.
-    auto out = velquin::test::progression({{63, 66, 70}, {59, 63, 66}, {66, 70, 73}, {61, 65, 68}}, rate, 60.0,
-                                          60.0 / 93 * 4);
+    auto out = velquin::test::progression({{63, 66, 70}, {59, 63, 66}, {66, 70, 73}, {61, 65, 68}}, rate,
+                                          60.0, 60.0 / 93 * 4);
     velquin::test::mixInto(out, velquin::test::clickTrain(93, rate, 60.0), 0.6f);
     return out;
 }
@@ -38,7 +38,8 @@ void BM_OfflineEngine(benchmark::State& state) {
         benchmark::DoNotOptimize(key.decide(std::numeric_limits<double>::infinity()));
     }
     // Seconds of audio analysed per second of wall time.
-    state.counters["xRealTime"] = benchmark::Counter(60.0 * double(state.iterations()), benchmark::Counter::kIsRate);
+    state.counters["xRealTime"] =
+        benchmark::Counter(60.0 * double(state.iterations()), benchmark::Counter::kIsRate);
 }
 BENCHMARK(BM_OfflineEngine)->Unit(benchmark::kMillisecond)->MinTime(3.0);
 

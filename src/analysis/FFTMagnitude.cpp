@@ -25,7 +25,6 @@ T* allocate(size_t count) {
     return static_cast<T*>(p);
 }
 
-
 }  // namespace
 
 struct FFTMagnitude::Plan {
@@ -36,7 +35,9 @@ struct FFTMagnitude::Plan {
     }
 };
 
-void FFTMagnitude::FreeDeleter::operator()(void* p) const { fftwf_free(p); }
+void FFTMagnitude::FreeDeleter::operator()(void* p) const {
+    fftwf_free(p);
+}
 
 FFTMagnitude::FFTMagnitude(int64_t size) : size_(size), binCount_(size / 2) {
     if (size < 2 || (size & (size - 1)) != 0) throw std::invalid_argument("FFT size must be a power of two");
@@ -61,7 +62,8 @@ FFTMagnitude::FFTMagnitude(int64_t size) : size_(size), binCount_(size / 2) {
     // four-place value every published result was computed with.
     const double n = static_cast<double>(size_);
     for (int64_t i = 0; i < size_; ++i)
-        window_[i] = static_cast<float>(0.8165 * (1.0 - std::cos(2.0 * std::numbers::pi * static_cast<double>(i) / n)));
+        window_[i] = static_cast<float>(
+            0.8165 * (1.0 - std::cos(2.0 * std::numbers::pi * static_cast<double>(i) / n)));
     scale_ = static_cast<float>(1.0 / n);
 }
 

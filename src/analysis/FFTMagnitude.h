@@ -11,7 +11,7 @@
 namespace velquin {
 
 class FFTMagnitude {
-public:
+  public:
     // `size` must be a power of two ≥ 2 (else std::invalid_argument); throws std::runtime_error when FFTW
     // cannot plan it.
     explicit FFTMagnitude(int64_t size);
@@ -27,7 +27,7 @@ public:
     uint64_t log2n() const { return log2n_; }
     const float* window() const { return window_.get(); }
 
-private:
+  private:
     struct FreeDeleter {
         void operator()(void* p) const;
     };

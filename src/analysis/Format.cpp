@@ -1,7 +1,7 @@
 #include "Format.h"
 
-#include <cstdio>
 #include <locale.h>
+#include <cstdio>
 
 namespace velquin {
 
@@ -14,18 +14,22 @@ locale_t cLocale() {
 
 // Switches the calling thread to the "C" locale for the lifetime of the object.
 class CLocaleScope {
-public:
+  public:
     CLocaleScope() : previous_(uselocale(cLocale())) {}
     ~CLocaleScope() { uselocale(previous_); }
     CLocaleScope(const CLocaleScope&) = delete;
     CLocaleScope& operator=(const CLocaleScope&) = delete;
 
-private:
+  private:
     locale_t previous_;
 };
 
-bool isFlag(char c) { return c == '-' || c == '+' || c == ' ' || c == '#' || c == '0'; }
-bool isDigit(char c) { return c >= '0' && c <= '9'; }
+bool isFlag(char c) {
+    return c == '-' || c == '+' || c == ' ' || c == '#' || c == '0';
+}
+bool isDigit(char c) {
+    return c >= '0' && c <= '9';
+}
 
 std::string_view prefixOfCharacters(std::string_view text, size_t characters) {
     size_t seen = 0;
@@ -41,7 +45,8 @@ std::string_view prefixOfCharacters(std::string_view text, size_t characters) {
 void appendText(std::string& out, std::string_view text, bool leftAlign, int width, int precision) {
     if (precision >= 0) text = prefixOfCharacters(text, static_cast<size_t>(precision));
     const size_t count = characterCount(text);
-    const size_t pad = width > 0 && static_cast<size_t>(width) > count ? static_cast<size_t>(width) - count : 0;
+    const size_t pad =
+        width > 0 && static_cast<size_t>(width) > count ? static_cast<size_t>(width) - count : 0;
     if (!leftAlign) out.append(pad, ' ');
     out.append(text);
     if (leftAlign) out.append(pad, ' ');
@@ -109,12 +114,24 @@ std::string formatArgs(std::string_view fmt, std::initializer_list<FormatArg> ar
                     appendText(out, formatArgs("%g", {a}), leftAlign, width, precision);
                 }
                 continue;
-            case 'd': case 'i': case 'u': case 'x': case 'X': case 'o':
+            case 'd':
+            case 'i':
+            case 'u':
+            case 'x':
+            case 'X':
+            case 'o':
                 spec += "ll";
                 spec += conversion;
                 std::snprintf(buffer, sizeof buffer, spec.c_str(), a.integer());
                 break;
-            case 'f': case 'F': case 'e': case 'E': case 'g': case 'G': case 'a': case 'A':
+            case 'f':
+            case 'F':
+            case 'e':
+            case 'E':
+            case 'g':
+            case 'G':
+            case 'a':
+            case 'A':
                 spec += conversion;
                 std::snprintf(buffer, sizeof buffer, spec.c_str(), a.real());
                 break;

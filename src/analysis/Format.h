@@ -12,10 +12,10 @@
 namespace velquin {
 
 class FormatArg {
-public:
+  public:
     template <typename T>
-        requires std::is_integral_v<T>
-    FormatArg(T v) : kind_(Kind::Integer), integer_(static_cast<long long>(v)), real_(static_cast<double>(v)) {}
+    requires std::is_integral_v<T> FormatArg(T v)
+        : kind_(Kind::Integer), integer_(static_cast<long long>(v)), real_(static_cast<double>(v)) {}
     FormatArg(double v) : kind_(Kind::Real), real_(v) {}
     FormatArg(float v) : kind_(Kind::Real), real_(v) {}
     FormatArg(std::string_view v) : kind_(Kind::Text), text_(v) {}
@@ -28,7 +28,7 @@ public:
     double real() const { return real_; }
     std::string_view text() const { return text_; }
 
-private:
+  private:
     Kind kind_;
     long long integer_ = 0;
     double real_ = 0;

@@ -146,7 +146,8 @@ void KeyAnalyzer::spectralPeaks() {
     peaks_.clear();
     const double binHz = sampleRate_ / static_cast<double>(fftSize_);
     const auto lastUsable = static_cast<int64_t>(mag_.size()) - 2;
-    const int64_t lo = std::max<int64_t>(1, static_cast<int64_t>(truncatedCount(p_.minFrequency / binHz, 1 << 30)));
+    const int64_t lo =
+        std::max<int64_t>(1, static_cast<int64_t>(truncatedCount(p_.minFrequency / binHz, 1 << 30)));
     const int64_t hi =
         std::min<int64_t>(lastUsable, static_cast<int64_t>(truncatedCount(p_.maxFrequency / binHz, 1 << 30)));
     if (lo + 2 >= hi) return;
@@ -173,10 +174,18 @@ void KeyAnalyzer::spectralPeaks() {
         if (f < p_.minFrequency || f > p_.maxFrequency) continue;
         double weight;
         switch (p_.peakCompression) {
-            case 1: weight = std::log(static_cast<double>(x / thr) + 1); break;
-            case 2: weight = std::cbrt(static_cast<double>(x)); break;
-            case 3: weight = 1.0; break;
-            default: weight = std::sqrt(static_cast<double>(x)); break;
+            case 1:
+                weight = std::log(static_cast<double>(x / thr) + 1);
+                break;
+            case 2:
+                weight = std::cbrt(static_cast<double>(x));
+                break;
+            case 3:
+                weight = 1.0;
+                break;
+            default:
+                weight = std::sqrt(static_cast<double>(x));
+                break;
         }
         peaks_.push_back({f, weight});
     }
@@ -228,7 +237,8 @@ void KeyAnalyzer::addFrame() {
             for (double& v : chroma) v *= factor;
             break;
         }
-        case 2: break;
+        case 2:
+            break;
         default:
             for (double& v : chroma) v /= total;
             break;
@@ -241,8 +251,7 @@ void KeyAnalyzer::addFrame() {
     frames_.push_back(chroma);
     bassFrames_.push_back(bassPc);
     midFrames_.push_back(mid);
-    if (dumpFrames)
-        dumped_.push_back({static_cast<double>(samplesFed_) / sampleRate_, chroma, mid, bassPc});
+    if (dumpFrames) dumped_.push_back({static_cast<double>(samplesFed_) / sampleRate_, chroma, mid, bassPc});
     if (!offline_) {
         const auto limit = static_cast<size_t>(std::max<int64_t>(maxFrames(), 0));
         frames_.keepLast(limit);
@@ -308,7 +317,8 @@ double KeyAnalyzer::correlation(std::span<const double> a, std::span<const doubl
 std::array<double, 24> KeyAnalyzer::chordScores(double frameRate, size_t lastFrames) const {
     std::array<double, 24> scores{};
     if (!(p_.chordWeight > 0)) return scores;
-    const size_t win = std::max<size_t>(2, truncatedCount(p_.chordWindowSeconds * frameRate, size_t{1} << 40));
+    const size_t win =
+        std::max<size_t>(2, truncatedCount(p_.chordWindowSeconds * frameRate, size_t{1} << 40));
     const auto recent = midFrames_.last(lastFrames);
     if (recent.size() < win) return scores;
 
@@ -443,7 +453,8 @@ KeyEstimate KeyAnalyzer::decide(double usingLastSeconds) const {
         std::string text = "  chroma: ";
         for (size_t i = 0; i < 12; ++i) text += format("%@=%.2f ", asciiNoteNames[i], sum[i] / top);
         text += "\n  keys:   ";
-        for (size_t i = 0; i < 5; ++i) text += format("%@=%.3f  ", ranked[i].key.shortName(), ranked[i].score);
+        for (size_t i = 0; i < 5; ++i)
+            text += format("%@=%.3f  ", ranked[i].key.shortName(), ranked[i].score);
         text += "\n";
         p_.onDebug(text);
     }
@@ -503,8 +514,8 @@ KeyEstimate KeyAnalyzer::estimate() {
     if (static_cast<double>(frames_.size()) < p_.minimumSeconds * frameRate) return KeyEstimate::unknown;
 
     const KeyEstimate d = decide(p_.historySeconds);
-    const double ramp =
-        std::min(static_cast<double>(samplesFed_ - restartedAt_) / sampleRate_ / p_.confidenceRampSeconds, 1.0);
+    const double ramp = std::min(
+        static_cast<double>(samplesFed_ - restartedAt_) / sampleRate_ / p_.confidenceRampSeconds, 1.0);
     const double confidence = ramp * d.confidence;
     if (!d.key) {
         KeyEstimate result = d;
@@ -522,7 +533,8 @@ KeyEstimate KeyAnalyzer::estimate() {
     } else if (k == *shownKey_) {
         candidateKey_.reset();
     } else if (candidateKey_ && k == *candidateKey_) {
-        const double hold = k.isRelativeOf(*shownKey_) ? p_.relativeSwitchAfterSeconds : p_.switchAfterSeconds;
+        const double hold =
+            k.isRelativeOf(*shownKey_) ? p_.relativeSwitchAfterSeconds : p_.switchAfterSeconds;
         if (static_cast<double>(samplesFed_ - candidateSince_) >= hold * sampleRate_) {
             shownKey_ = k;
             candidateKey_.reset();

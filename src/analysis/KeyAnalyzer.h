@@ -80,7 +80,7 @@ struct KeyParameters {
 };
 
 class KeyAnalyzer {
-public:
+  public:
     using Chroma = std::array<double, 12>;
     using Parameters = KeyParameters;
 
@@ -126,7 +126,7 @@ public:
     int64_t restartedAt() const { return restartedAt_; }
     const std::vector<double>& harmonicWeights() const { return p_.harmonicWeights; }
 
-private:
+  private:
     struct Peak {
         double frequency = 0;
         double weight = 0;
@@ -174,8 +174,8 @@ private:
     SlidingWindow<Winner> recentWinners_;
     bool offline_;
 
-    std::vector<Peak> peaks_;                           // scratch of spectralPeaks, reused per frame
-    mutable std::vector<ChordSegment> segments_;        // scratch of chordScores, reused per tick
+    std::vector<Peak> peaks_;                     // scratch of spectralPeaks, reused per frame
+    mutable std::vector<ChordSegment> segments_;  // scratch of chordScores, reused per tick
 };
 
 }  // namespace velquin

@@ -11,7 +11,9 @@ namespace velquin {
 
 namespace {
 
-int64_t wrap12(int64_t value) { return ((value % 12) + 12) % 12; }
+int64_t wrap12(int64_t value) {
+    return ((value % 12) + 12) % 12;
+}
 
 MusicalKey relativeOf(const MusicalKey& key) {
     return key.isMinor ? MusicalKey{wrap12(key.tonic + 3), false} : MusicalKey{wrap12(key.tonic + 9), true};
@@ -52,7 +54,9 @@ std::string MusicalKey::shortName() const {
     return std::string(majorNames[static_cast<size_t>(wrap12(tonic))]);
 }
 
-bool MusicalKey::isRelativeOf(const MusicalKey& other) const { return *this == relativeOf(other); }
+bool MusicalKey::isRelativeOf(const MusicalKey& other) const {
+    return *this == relativeOf(other);
+}
 
 const KeyEstimate KeyEstimate::unknown{};
 
@@ -63,9 +67,12 @@ std::optional<std::pair<MusicalKey, std::optional<MusicalKey>>> KeyEstimate::dis
     if (alternative && alternative->isRelativeOf(k)) {
         const MusicalKey a = *alternative;
         switch (preference) {
-            case RelativePreference::both: return std::pair{k, std::optional<MusicalKey>(a)};
-            case RelativePreference::major: return std::pair{k.isMinor ? a : k, std::optional<MusicalKey>()};
-            case RelativePreference::minor: return std::pair{k.isMinor ? k : a, std::optional<MusicalKey>()};
+            case RelativePreference::both:
+                return std::pair{k, std::optional<MusicalKey>(a)};
+            case RelativePreference::major:
+                return std::pair{k.isMinor ? a : k, std::optional<MusicalKey>()};
+            case RelativePreference::minor:
+                return std::pair{k.isMinor ? k : a, std::optional<MusicalKey>()};
         }
     }
     return std::pair{k, std::optional<MusicalKey>()};
@@ -82,9 +89,12 @@ std::optional<std::string> KeyEstimate::shortText(bool camelot, RelativePreferen
 
 std::string_view rawValue(KeyEstimate::RelativePreference preference) {
     switch (preference) {
-        case KeyEstimate::RelativePreference::both: return "both";
-        case KeyEstimate::RelativePreference::major: return "major";
-        case KeyEstimate::RelativePreference::minor: return "minor";
+        case KeyEstimate::RelativePreference::both:
+            return "both";
+        case KeyEstimate::RelativePreference::major:
+            return "major";
+        case KeyEstimate::RelativePreference::minor:
+            return "minor";
     }
     return "both";
 }
@@ -106,10 +116,14 @@ const KeyProfile::Table KeyProfile::krumhanslMajor = {6.35, 2.23, 3.48, 2.33, 4.
                                                       2.52, 5.19, 2.39, 3.66, 2.29, 2.88};
 const KeyProfile::Table KeyProfile::krumhanslMinor = {6.33, 2.68, 3.52, 5.38, 2.6,  3.53,
                                                       2.54, 4.75, 3.98, 2.69, 3.34, 3.17};
-const KeyProfile::Table KeyProfile::temperleyMajor = {5.0, 2.0, 3.5, 2.0, 4.5, 4.0, 2.0, 4.5, 2.0, 3.5, 1.5, 4.0};
-const KeyProfile::Table KeyProfile::temperleyMinor = {5.0, 2.0, 3.5, 4.5, 2.0, 4.0, 2.0, 4.5, 3.5, 2.0, 1.5, 4.0};
-const KeyProfile::Table KeyProfile::shaathMajor = {6.6, 2.0, 3.5, 2.3, 4.6, 4.0, 2.5, 5.2, 2.4, 3.7, 2.3, 3.4};
-const KeyProfile::Table KeyProfile::shaathMinor = {6.5, 2.7, 3.5, 5.4, 2.6, 3.5, 2.5, 5.2, 4.0, 2.7, 4.3, 3.2};
+const KeyProfile::Table KeyProfile::temperleyMajor = {5.0, 2.0, 3.5, 2.0, 4.5, 4.0,
+                                                      2.0, 4.5, 2.0, 3.5, 1.5, 4.0};
+const KeyProfile::Table KeyProfile::temperleyMinor = {5.0, 2.0, 3.5, 4.5, 2.0, 4.0,
+                                                      2.0, 4.5, 3.5, 2.0, 1.5, 4.0};
+const KeyProfile::Table KeyProfile::shaathMajor = {6.6, 2.0, 3.5, 2.3, 4.6, 4.0,
+                                                   2.5, 5.2, 2.4, 3.7, 2.3, 3.4};
+const KeyProfile::Table KeyProfile::shaathMinor = {6.5, 2.7, 3.5, 5.4, 2.6, 3.5,
+                                                   2.5, 5.2, 4.0, 2.7, 4.3, 3.2};
 
 namespace {
 KeyProfile::Table mean(const KeyProfile::Table& a, const KeyProfile::Table& b) {
@@ -131,10 +145,14 @@ const KeyProfile::Table& KeyProfile::blendMinor() {
 
 std::pair<const KeyProfile::Table*, const KeyProfile::Table*> KeyProfile::tables(Name name) {
     switch (name) {
-        case Name::krumhansl: return {&krumhanslMajor, &krumhanslMinor};
-        case Name::temperley: return {&temperleyMajor, &temperleyMinor};
-        case Name::shaath: return {&shaathMajor, &shaathMinor};
-        case Name::blend: break;
+        case Name::krumhansl:
+            return {&krumhanslMajor, &krumhanslMinor};
+        case Name::temperley:
+            return {&temperleyMajor, &temperleyMinor};
+        case Name::shaath:
+            return {&shaathMajor, &shaathMinor};
+        case Name::blend:
+            break;
     }
     return {&blendMajor(), &blendMinor()};
 }
@@ -144,12 +162,13 @@ const std::array<std::string_view, 12> NoteMeter::names = {"C",  "C♯", "D",  "
 const std::array<std::string_view, 9> NoteMeter::bars = {"▁", "▁", "▂", "▃", "▄", "▅", "▆", "▇", "█"};
 
 namespace {
-constexpr std::array<bool, 12> majorScale = {true, false, true, false, true, true,
-                                             false, true, false, true, false, true};
-constexpr std::array<bool, 12> minorScale = {true, false, true, true, false, true,
-                                             false, true, true, false, true, false};
+constexpr std::array<bool, 12> majorScale = {true,  false, true,  false, true,  true,
+                                             false, true,  false, true,  false, true};
+constexpr std::array<bool, 12> minorScale = {true,  false, true, true,  false, true,
+                                             false, true,  true, false, true,  false};
 
-std::array<NoteMeter::Cell, 12> meterCells(const double* chroma, size_t count, std::optional<MusicalKey> key) {
+std::array<NoteMeter::Cell, 12> meterCells(const double* chroma, size_t count,
+                                           std::optional<MusicalKey> key) {
     std::array<NoteMeter::Cell, 12> cells;
     for (size_t i = 0; i < 12; ++i) {
         double v = i < count ? chroma[i] : 0.0;
@@ -172,7 +191,8 @@ std::array<NoteMeter::Cell, 12> meterCells(const double* chroma, size_t count, s
 }
 }  // namespace
 
-std::array<NoteMeter::Cell, 12> NoteMeter::cells(const std::vector<double>& chroma, std::optional<MusicalKey> key) {
+std::array<NoteMeter::Cell, 12> NoteMeter::cells(const std::vector<double>& chroma,
+                                                 std::optional<MusicalKey> key) {
     return meterCells(chroma.data(), chroma.size(), key);
 }
 

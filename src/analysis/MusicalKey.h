@@ -34,9 +34,9 @@ struct KeyEstimate {
 
     std::optional<MusicalKey> key;
     std::optional<MusicalKey> alternative;
-    double confidence = 0;              // 0…1
-    std::array<double, 12> chroma{};    // by pitch class; largest 1.0 when a key was decided
-    double tuningCents = 0;             // offset from A440 equal temperament, −50…+50
+    double confidence = 0;            // 0…1
+    std::array<double, 12> chroma{};  // by pitch class; largest 1.0 when a key was decided
+    double tuningCents = 0;           // offset from A440 equal temperament, −50…+50
 
     static const KeyEstimate unknown;
 
@@ -65,7 +65,7 @@ struct KeyProfile {
 // The note-strength line, without fonts or colours: the interface styles each cell.
 struct NoteMeter {
     struct Cell {
-        std::string text;  // note name padded to two characters, a bar, a blank
+        std::string text;    // note name padded to two characters, a bar, a blank
         bool bold = false;   // the key's tonic
         bool faint = false;  // outside the key's scale
     };

@@ -12,7 +12,7 @@ namespace velquin {
 
 template <typename T>
 class SlidingWindow {
-public:
+  public:
     // Room for about `expected` live values before the first compaction.
     void reserve(size_t expected) { storage_.reserve(std::max<size_t>(2 * expected, 16)); }
 
@@ -42,7 +42,7 @@ public:
         return {storage_.data() + storage_.size() - n, n};
     }
 
-private:
+  private:
     void compact() {
         std::move(storage_.begin() + static_cast<std::ptrdiff_t>(head_), storage_.end(), storage_.begin());
         storage_.resize(storage_.size() - head_);

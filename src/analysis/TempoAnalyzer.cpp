@@ -19,7 +19,9 @@ constexpr std::array<double, 4> lagHarmonicWeights{1.0, 0.5, 0.34, 0.25};
 constexpr double negativeInfinity = -std::numeric_limits<double>::infinity();
 constexpr size_t recentCapacity = 10;
 
-int64_t hopFor(double sampleRate) { return std::max<int64_t>(std::lround(sampleRate / 100.0), 64); }
+int64_t hopFor(double sampleRate) {
+    return std::max<int64_t>(std::lround(sampleRate / 100.0), 64);
+}
 
 int64_t fftSizeFor(int64_t hop) {
     int64_t size = 1024;
@@ -36,7 +38,8 @@ void keepBestInOrder(std::vector<int64_t>& values, size_t count, const Score& sc
         size_t best = k;
         for (size_t j = k + 1; j < values.size(); ++j)
             if (score(values[j]) > score(values[best])) best = j;
-        std::rotate(values.begin() + static_cast<std::ptrdiff_t>(k), values.begin() + static_cast<std::ptrdiff_t>(best),
+        std::rotate(values.begin() + static_cast<std::ptrdiff_t>(k),
+                    values.begin() + static_cast<std::ptrdiff_t>(best),
                     values.begin() + static_cast<std::ptrdiff_t>(best) + 1);
     }
     values.resize(count);
@@ -55,7 +58,7 @@ struct TempoAnalyzer::Periodicity {
 
 // Work buffers of the periodicity analysis, sized once for the longest history.
 class TempoAnalyzer::Scratch {
-public:
+  public:
     std::vector<double> d;
     std::vector<double> e;
     std::vector<double> acf;
@@ -95,7 +98,8 @@ void TempoAnalyzer::pushOnset(float value) {
     ++framesSeen_;
     odf_.push_back(value);
     const int64_t limit = maxODFFrames();
-    if (static_cast<int64_t>(odf_.size()) > limit) odf_.keepLast(static_cast<size_t>(std::max<int64_t>(limit, 0)));
+    if (static_cast<int64_t>(odf_.size()) > limit)
+        odf_.keepLast(static_cast<size_t>(std::max<int64_t>(limit, 0)));
 }
 
 void TempoAnalyzer::append(std::span<const float> samples) {
@@ -204,7 +208,8 @@ std::optional<TempoAnalyzer::Periodicity> TempoAnalyzer::periodicity(double seco
             while (hi < wantHi) windowSum += static_cast<double>(x[static_cast<size_t>(++hi)]);
             while (lo < wantLo) windowSum -= static_cast<double>(x[static_cast<size_t>(lo++)]);
             const double mean = windowSum / static_cast<double>(hi - lo + 1);
-            s.d[static_cast<size_t>(i)] = std::max(0.0, static_cast<double>(x[static_cast<size_t>(i)]) - mean);
+            s.d[static_cast<size_t>(i)] =
+                std::max(0.0, static_cast<double>(x[static_cast<size_t>(i)]) - mean);
         }
     }
 
@@ -212,7 +217,8 @@ std::optional<TempoAnalyzer::Periodicity> TempoAnalyzer::periodicity(double seco
     std::array<double, 9> g{};
     double gsum = 0;
     for (int k = -4; k <= 4; ++k) {
-        g[static_cast<size_t>(k + 4)] = std::exp(-double(k * k) / (2.0 * parameters_.onsetBlurFrames * parameters_.onsetBlurFrames));
+        g[static_cast<size_t>(k + 4)] =
+            std::exp(-double(k * k) / (2.0 * parameters_.onsetBlurFrames * parameters_.onsetBlurFrames));
         gsum += g[static_cast<size_t>(k + 4)];
     }
     for (double& v : g) v /= gsum;
@@ -255,7 +261,8 @@ std::optional<TempoAnalyzer::Periodicity> TempoAnalyzer::periodicity(double seco
     }
 
     s.scores.assign(static_cast<size_t>(maxLag + 1), negativeInfinity);
-    for (int64_t L = minLag; L <= maxLag; ++L) s.scores[static_cast<size_t>(L)] = score(static_cast<double>(L), true);
+    for (int64_t L = minLag; L <= maxLag; ++L)
+        s.scores[static_cast<size_t>(L)] = score(static_cast<double>(L), true);
     auto scoreAt = [&](int64_t L) { return s.scores[static_cast<size_t>(L)]; };
 
     int64_t globalBest = minLag;
@@ -265,13 +272,15 @@ std::optional<TempoAnalyzer::Periodicity> TempoAnalyzer::periodicity(double seco
     if (parameters_.onDebug) {
         s.lags.clear();
         for (int64_t L = minLag; L <= maxLag; ++L) s.lags.push_back(L);
-        std::stable_sort(s.lags.begin(), s.lags.end(), [&](int64_t a, int64_t b) { return scoreAt(a) > scoreAt(b); });
+        std::stable_sort(s.lags.begin(), s.lags.end(),
+                         [&](int64_t a, int64_t b) { return scoreAt(a) > scoreAt(b); });
         std::string table = "  lag    bpm     acf     harm    prior   score\n";
         for (size_t i = 0; i < std::min<size_t>(8, s.lags.size()); ++i) {
             const int64_t L = s.lags[i];
             const double bpm = fps * 60.0 / static_cast<double>(L);
-            table += format("  %3d  %6.1f  %7.4f  %7.4f  %6.3f  %7.4f\n", L, bpm, s.acf[static_cast<size_t>(L)],
-                            score(static_cast<double>(L), false), prior(static_cast<double>(L)), scoreAt(L));
+            table +=
+                format("  %3d  %6.1f  %7.4f  %7.4f  %6.3f  %7.4f\n", L, bpm, s.acf[static_cast<size_t>(L)],
+                       score(static_cast<double>(L), false), prior(static_cast<double>(L)), scoreAt(L));
         }
         parameters_.onDebug(table);
     }
@@ -348,7 +357,8 @@ double TempoAnalyzer::lock(double m, const Periodicity& p) {
         return lockedBPM_;
     }
     if (candidateBPM_ > 0 && std::abs(m - candidateBPM_) / candidateBPM_ < 0.04) {
-        static constexpr std::array<double, 8> ratios{2.0, 1.0 / 2, 3.0 / 2, 2.0 / 3, 3.0, 1.0 / 3, 4.0 / 3, 3.0 / 4};
+        static constexpr std::array<double, 8> ratios{2.0, 1.0 / 2, 3.0 / 2, 2.0 / 3,
+                                                      3.0, 1.0 / 3, 4.0 / 3, 3.0 / 4};
         bool ratio = false;
         for (double r : ratios)
             if (std::abs(m - r * lockedBPM_) / (r * lockedBPM_) < 0.02) {
@@ -357,8 +367,10 @@ double TempoAnalyzer::lock(double m, const Periodicity& p) {
             }
         const double sLocked = p.support(lockedBPM_);
         const double sNew = p.support(m);
-        const double hold = ratio && sLocked > 0 && sNew < 1.4 * sLocked ? parameters_.ratioHoldSeconds : parameters_.switchSeconds;
-        if (hold * framesPerSecond() > static_cast<double>(framesSeen_ - candidateSinceFrame_)) return lockedBPM_;
+        const double hold = ratio && sLocked > 0 && sNew < 1.4 * sLocked ? parameters_.ratioHoldSeconds
+                                                                         : parameters_.switchSeconds;
+        if (hold * framesPerSecond() > static_cast<double>(framesSeen_ - candidateSinceFrame_))
+            return lockedBPM_;
         if (!ratio) ++regimeChanges_;
         lockedBPM_ = m;
         candidateBPM_ = 0;
@@ -387,7 +399,8 @@ TempoEstimate TempoAnalyzer::estimate() {
     const size_t count = recentBPM_.size();
     std::copy(recentBPM_.begin(), recentBPM_.end(), sorted.begin());
     std::sort(sorted.begin(), sorted.begin() + static_cast<std::ptrdiff_t>(count));
-    const double median = count % 2 == 1 ? sorted[count / 2] : (sorted[count / 2 - 1] + sorted[count / 2]) / 2.0;
+    const double median =
+        count % 2 == 1 ? sorted[count / 2] : (sorted[count / 2 - 1] + sorted[count / 2]) / 2.0;
 
     const double shown = lock(median, *p);
     size_t agreeing = 0;

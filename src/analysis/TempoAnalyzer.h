@@ -45,7 +45,7 @@ struct TempoParameters {
 };
 
 class TempoAnalyzer {
-public:
+  public:
     using Parameters = TempoParameters;
 
     // `sampleRate` in Hz (positive); `offline` for a whole file (five minutes of onset history).
@@ -82,7 +82,7 @@ public:
     // Reads an onset curve given directly; lets tests drive the decision without audio.
     void appendOnsetValuesForTesting(std::span<const float> values, double level);
 
-private:
+  private:
     struct Periodicity;
     class Scratch;
 

@@ -6,22 +6,32 @@ namespace velquin {
 
 BPMBounds bounds(TempoRange range) {
     switch (range) {
-        case TempoRange::verySlow: return {40, 80};
-        case TempoRange::slow: return {70, 140};
-        case TempoRange::standard: return {85, 170};
-        case TempoRange::fast: return {100, 200};
-        case TempoRange::Auto: break;
+        case TempoRange::verySlow:
+            return {40, 80};
+        case TempoRange::slow:
+            return {70, 140};
+        case TempoRange::standard:
+            return {85, 170};
+        case TempoRange::fast:
+            return {100, 200};
+        case TempoRange::Auto:
+            break;
     }
     return {60, 200};
 }
 
 std::string_view rawValue(TempoRange range) {
     switch (range) {
-        case TempoRange::verySlow: return "verySlow";
-        case TempoRange::slow: return "slow";
-        case TempoRange::standard: return "standard";
-        case TempoRange::fast: return "fast";
-        case TempoRange::Auto: break;
+        case TempoRange::verySlow:
+            return "verySlow";
+        case TempoRange::slow:
+            return "slow";
+        case TempoRange::standard:
+            return "standard";
+        case TempoRange::fast:
+            return "fast";
+        case TempoRange::Auto:
+            break;
     }
     return "auto";
 }

@@ -58,13 +58,14 @@ std::string shortKeyText(const KeyEstimate& key) {
 }  // namespace
 
 std::string resultLine(const TempoEstimate& tempo, const KeyEstimate& key) {
-    const std::string tempoText =
-        tempo.bpm <= 0 ? "     no tempo     " : format("%7.2f BPM (%3.0f%%)", tempo.bpm, tempo.confidence * 100);
+    const std::string tempoText = tempo.bpm <= 0
+                                      ? "     no tempo     "
+                                      : format("%7.2f BPM (%3.0f%%)", tempo.bpm, tempo.confidence * 100);
     std::string keyText = "no key";
     if (key.key) {
         const std::string alternative = key.alternative ? " or " + key.alternative->shortName() : "";
-        keyText = format("%-4@ %-4@ (%3.0f%%)%@  tuning %+5.1f cents", key.key->shortName(), key.key->camelot(),
-                         key.confidence * 100, alternative, key.tuningCents);
+        keyText = format("%-4@ %-4@ (%3.0f%%)%@  tuning %+5.1f cents", key.key->shortName(),
+                         key.key->camelot(), key.confidence * 100, alternative, key.tuningCents);
     }
     return tempoText + "  " + keyText;
 }
@@ -94,9 +95,10 @@ int timeline(const std::vector<std::string>& arguments, std::FILE* out, std::FIL
             text += '\n';
         }
         const double confidence = std::trunc(result.final.confidence * 100);
-        text += "FINAL " + shortKeyText(result.final) + " " + std::to_string(static_cast<long long>(confidence)) +
-                "%  bpm:" + format("%.1f", result.finalTempo.bpm) + "  restarts:" + std::to_string(result.restarts) +
-                "  " + lastPathComponent(path) + "\n";
+        text += "FINAL " + shortKeyText(result.final) + " " +
+                std::to_string(static_cast<long long>(confidence)) +
+                "%  bpm:" + format("%.1f", result.finalTempo.bpm) +
+                "  restarts:" + std::to_string(result.restarts) + "  " + lastPathComponent(path) + "\n";
         putResult(out, text);
     });
 }

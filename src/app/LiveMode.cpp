@@ -50,7 +50,7 @@ void warn(const std::string& path, const std::string& reason) {
 // the main thread once the service has stopped. A failure is reported once, at once, and ends the
 // recording but not the run. The mutex keeps the finish from overlapping a write all the same.
 class Recorder {
-public:
+  public:
     Recorder(std::string path, int format) : path_(std::move(path)), format_(format) {}
     ~Recorder() { abandon(); }
 
@@ -100,7 +100,7 @@ public:
         return true;
     }
 
-private:
+  private:
     void fail(const std::string& reason) {
         warn(path_, reason);
         abandon();
@@ -122,7 +122,7 @@ private:
 // starts (threads inherit the mask) and read from a signalfd in the event loop, so no work ever runs in
 // a signal handler. A reader that goes away (`| head`) shows up as EPIPE on the next write.
 class StopSignals {
-public:
+  public:
     StopSignals() {
         sigemptyset(&set_);
         for (int signal : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&set_, signal);
@@ -146,7 +146,7 @@ public:
     }
     int received() const { return received_; }
 
-private:
+  private:
     sigset_t set_{};
     int fd_ = -1;
     int received_ = 0;
@@ -180,13 +180,13 @@ double secondsNow() {
 std::string readingLine(const TempoEstimate& tempo, const KeyEstimate& key) {
     const std::string tempoText = tempo.bpm > 0 ? format("%6.2f", tempo.bpm) : "  ----";
     const std::string keyText = key.key ? key.key->shortName() + " " + key.key->camelot() : "--";
-    return format("%@ BPM (%3.0f%%)   key %-8@ (%3.0f%%)   level %.4f", tempoText, tempo.confidence * 100, keyText,
-                  key.confidence * 100, tempo.level);
+    return format("%@ BPM (%3.0f%%)   key %-8@ (%3.0f%%)   level %.4f", tempoText, tempo.confidence * 100,
+                  keyText, key.confidence * 100, tempo.level);
 }
 
 int run(int argc, char** argv, const std::vector<std::string>& arguments) {
-    const AudioSourceKind kind =
-        !arguments.empty() && arguments[0] == "mic" ? AudioSourceKind::microphone : AudioSourceKind::systemAudio;
+    const AudioSourceKind kind = !arguments.empty() && arguments[0] == "mic" ? AudioSourceKind::microphone
+                                                                             : AudioSourceKind::systemAudio;
     const std::optional<double> duration = durationFrom(arguments);
     if (!duration) {
         std::fprintf(stderr,

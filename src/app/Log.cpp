@@ -113,11 +113,17 @@ void LogWriter::run() {
 
 namespace Log {
 
-void write(std::string_view message) { processLog().write(message); }
+void write(std::string_view message) {
+    processLog().write(message);
+}
 
-void flush() { processLog().flush(); }
+void flush() {
+    processLog().flush();
+}
 
-std::filesystem::path file() { return processLog().file(); }
+std::filesystem::path file() {
+    return processLog().file();
+}
 
 std::filesystem::path folder() {
     const std::filesystem::path state = xdg::stateHome();

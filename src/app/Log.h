@@ -19,7 +19,7 @@ namespace velquin {
 
 // One log file and its writer thread. Log below is the process-wide one; tests make their own.
 class LogWriter {
-public:
+  public:
     // An empty path disables writing. The file's folder must exist (it is not created here).
     explicit LogWriter(std::filesystem::path file);
     ~LogWriter();  // writes whatever is queued, then stops the thread
@@ -32,7 +32,7 @@ public:
     void flush();
     const std::filesystem::path& file() const { return file_; }
 
-private:
+  private:
     void run();
 
     const std::filesystem::path file_;

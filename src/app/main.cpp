@@ -39,11 +39,16 @@ int main(int argc, char** argv) {
     switch (dispatch.mode) {
         case Dispatch::Mode::help:
             return std::fputs(Dispatch::usage, stdout) >= 0 && std::fflush(stdout) == 0 ? 0 : 1;
-        case Dispatch::Mode::analyze: return FileModes::analyze(dispatch.arguments, stdout, stderr);
-        case Dispatch::Mode::timeline: return FileModes::timeline(dispatch.arguments, stdout, stderr);
-        case Dispatch::Mode::chroma: return FileModes::chroma(dispatch.arguments, stdout, stderr);
-        case Dispatch::Mode::live: return LiveMode::run(argc, argv, dispatch.arguments);
-        case Dispatch::Mode::menuBar: break;
+        case Dispatch::Mode::analyze:
+            return FileModes::analyze(dispatch.arguments, stdout, stderr);
+        case Dispatch::Mode::timeline:
+            return FileModes::timeline(dispatch.arguments, stdout, stderr);
+        case Dispatch::Mode::chroma:
+            return FileModes::chroma(dispatch.arguments, stdout, stderr);
+        case Dispatch::Mode::live:
+            return LiveMode::run(argc, argv, dispatch.arguments);
+        case Dispatch::Mode::menuBar:
+            break;
     }
     return runDesktopApp(argc, argv, [](std::string_view line) { Log::write(line); });
 }

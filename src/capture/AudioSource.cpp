@@ -29,7 +29,9 @@ std::string withAdvice(const std::string& failure, bool needsMonitor = true) {
            ", then restart Velquin.";
 }
 
-std::string errorCode(int32_t status) { return "(error " + std::to_string(status) + ")."; }
+std::string errorCode(int32_t status) {
+    return "(error " + std::to_string(status) + ").";
+}
 
 }  // namespace
 
@@ -41,17 +43,23 @@ AudioSourceError AudioSourceError::serverUnreachable(int32_t status, AudioSource
 }
 
 AudioSourceError AudioSourceError::streamCreationFailed(int32_t status) {
-    return {Case::streamCreationFailed, status, {},
+    return {Case::streamCreationFailed,
+            status,
+            {},
             withAdvice("Could not create the capture device " + errorCode(status))};
 }
 
 AudioSourceError AudioSourceError::monitorFormatUnavailable(int32_t status) {
-    return {Case::monitorFormatUnavailable, status, {},
+    return {Case::monitorFormatUnavailable,
+            status,
+            {},
             "Could not read the tap's audio format " + errorCode(status)};
 }
 
 AudioSourceError AudioSourceError::recordingFailed(int32_t status) {
-    return {Case::recordingFailed, status, {},
+    return {Case::recordingFailed,
+            status,
+            {},
             withAdvice("Could not start the capture callback " + errorCode(status))};
 }
 

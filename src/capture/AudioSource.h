@@ -12,16 +12,22 @@ namespace velquin {
 
 enum class AudioSourceKind { systemAudio, microphone };
 
-std::string_view rawValue(AudioSourceKind kind);                        // "systemAudio", "microphone"
+std::string_view rawValue(AudioSourceKind kind);                              // "systemAudio", "microphone"
 std::optional<AudioSourceKind> audioSourceKindFromRaw(std::string_view raw);  // case-sensitive
-std::string_view displayName(AudioSourceKind kind);                     // "System Audio", "Microphone"
+std::string_view displayName(AudioSourceKind kind);                           // "System Audio", "Microphone"
 
 // A capture failure; `what()` is the exact text the user sees.
 class AudioSourceError : public std::runtime_error {
-public:
+  public:
     // The status cases carry a PulseAudio error code (pa_strerror).
-    enum class Case { serverUnreachable, streamCreationFailed, monitorFormatUnavailable, recordingFailed,
-                      engineFailed, noOutputDevice };
+    enum class Case {
+        serverUnreachable,
+        streamCreationFailed,
+        monitorFormatUnavailable,
+        recordingFailed,
+        engineFailed,
+        noOutputDevice
+    };
 
     // No sound server answered. Both sources say so the same way; `kind` names what could not be heard.
     static AudioSourceError serverUnreachable(int32_t status,
@@ -36,11 +42,11 @@ public:
     static AudioSourceError noOutputDevice();
 
     Case errorCase() const { return case_; }
-    int32_t status() const { return status_; }      // the four status cases only
+    int32_t status() const { return status_; }         // the four status cases only
     const std::string& text() const { return text_; }  // engineFailed only
     std::string description() const { return what(); }
 
-private:
+  private:
     AudioSourceError(Case c, int32_t status, std::string text, const std::string& description);
     Case case_;
     int32_t status_;
@@ -50,7 +56,7 @@ private:
 // A capture back end. The owner sets the callbacks, then calls start(); callbacks run on the
 // source's own delivery thread and must only copy (no blocking, no allocation).
 class AudioSource {
-public:
+  public:
     virtual ~AudioSource() = default;
 
     // Rate of the samples `onSamples` delivers, Hz; the back end's default (48000) before start().

@@ -2,6 +2,8 @@
 
 #include "FileAnalysis.h"
 
+#include <sys/stat.h>
+#include <unistd.h>
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
@@ -17,16 +19,14 @@
 #include <system_error>
 #include <thread>
 #include <vector>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include "AudioFileReader.h"
 #include "ChunkQueue.h"
 #include "EngineSettings.h"
 #include "Format.h"
-#include "OutputFile.h"
 #include "KeyAnalyzer.h"
 #include "LiveAnalysis.h"
+#include "OutputFile.h"
 #include "TempoAnalyzer.h"
 
 namespace velquin::FileAnalysis {
@@ -44,26 +44,32 @@ struct Consumer {
 };
 
 class Pipeline {
-public:
+  public:
     Pipeline(AudioFileReader& reader, const FileAnalysisOptions& options, int64_t maximumFrames)
-        : reader_(reader), options_(options), maximumFrames_(maximumFrames), total_(reader.durationSeconds()) {}
+        : reader_(reader),
+          options_(options),
+          maximumFrames_(maximumFrames),
+          total_(reader.durationSeconds()) {}
 
     // Runs every consumer over the whole file; returns the frames decoded. Throws the first error (the
     // decoder's or an analyzer's) or AnalysisCancelled once every thread has stopped.
     int64_t run(std::vector<Consumer>& consumers) {
         const bool threaded = options_.execution == Execution::automatic && consumers.size() > 1 &&
                               std::thread::hardware_concurrency() > 1;
-        if (threaded) runThreaded(consumers);
-        else runSequential(consumers);
+        if (threaded)
+            runThreaded(consumers);
+        else
+            runSequential(consumers);
         if (options_.stop.stop_requested()) throw AnalysisCancelled();
         return framesRead_;
     }
 
-private:
+  private:
     // Decodes the next chunk into `mono`; 0 at the end.
     int64_t decode(std::span<float> mono) {
         if (framesRead_ >= maximumFrames_) return 0;
-        const int64_t frames = reader_.read(std::min(AudioFileReader::chunkFrames, maximumFrames_ - framesRead_));
+        const int64_t frames =
+            reader_.read(std::min(AudioFileReader::chunkFrames, maximumFrames_ - framesRead_));
         if (frames <= 0) return 0;
         reader_.mixToMono(frames, mono.data());
         framesRead_ += frames;
@@ -210,7 +216,8 @@ FileResult analyzeReader(AudioFileReader& reader, TempoRange range, const FileAn
     Stream stream;
     stream.range = range;
     const double frames = std::floor(maximumSeconds * reader.sampleRate());
-    if (frames < static_cast<double>(stream.maximumFrames)) stream.maximumFrames = static_cast<int64_t>(frames);
+    if (frames < static_cast<double>(stream.maximumFrames))
+        stream.maximumFrames = static_cast<int64_t>(frames);
     const Streamed streamed = streamFile(reader, stream, options);
     return {streamed.tempo, streamed.key, streamed.durationSeconds};
 }
@@ -235,7 +242,8 @@ Timeline keyTimeline(const std::string& path, double everySeconds, const FileAna
     return timeline;
 }
 
-void dumpChroma(const std::string& inputPath, const std::string& outputPath, const FileAnalysisOptions& options) {
+void dumpChroma(const std::string& inputPath, const std::string& outputPath,
+                const FileAnalysisOptions& options) {
     AudioFileReader reader(inputPath);
     KeyAnalyzer analyzer(reader.sampleRate(), true, EngineSettings::parameters().key);
     analyzer.dumpFrames = true;

@@ -10,7 +10,9 @@ constexpr uint32_t kFragmentFrames = 2048;
 constexpr std::chrono::milliseconds kRetryInterval{1000};
 constexpr const char* kEmptyFormat = "input device reported an empty format";
 
-AudioSourceError failed(int error) { return AudioSourceError::engineFailed(pa_strerror(error)); }
+AudioSourceError failed(int error) {
+    return AudioSourceError::engineFailed(pa_strerror(error));
+}
 
 AudioSourceError unreachable(int error) {
     return AudioSourceError::serverUnreachable(error, AudioSourceKind::microphone);
@@ -24,7 +26,9 @@ void unrefIfAny(pa_operation* op) {
 
 MicrophoneSource::MicrophoneSource() = default;
 
-MicrophoneSource::~MicrophoneSource() { stop(); }
+MicrophoneSource::~MicrophoneSource() {
+    stop();
+}
 
 void MicrophoneSource::start() {
     stop();
@@ -63,7 +67,8 @@ std::optional<AudioSourceError> MicrophoneSource::startLocked() {
     // Blocks may come larger than requested; start with room for a few so the buffer rarely grows.
     mixer_.reserve(4 * kFragmentFrames);
     pa_stream_set_read_callback(stream_.get(), readCallback, this);
-    if (const int error = pulse::connectRecord(loop, context, stream_.get(), input.name.c_str(), kFragmentFrames))
+    if (const int error =
+            pulse::connectRecord(loop, context, stream_.get(), input.name.c_str(), kFragmentFrames))
         return failed(error);
     retryTimer_ = std::make_unique<pulse::Timer>(loop, [this] { retryConnection(); });
     pa_context_set_state_callback(context, contextStateCallback, this);

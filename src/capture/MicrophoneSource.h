@@ -19,7 +19,7 @@
 namespace velquin {
 
 class MicrophoneSource final : public AudioSource {
-public:
+  public:
     MicrophoneSource();
     // Stops as well: a PulseAudio thread must not outlive the object it calls into.
     ~MicrophoneSource() override;
@@ -31,11 +31,11 @@ public:
     void stop() override;
 
     // Mixes `frames` interleaved float frames of `channels` channels to mono and hands them to
-    // onSamples; empty blocks and null data are skipped. Allocates only when the block is larger than any before.
-    // Runs on the PulseAudio thread; public so the mixing can be tested without a server.
+    // onSamples; empty blocks and null data are skipped. Allocates only when the block is larger than any
+    // before. Runs on the PulseAudio thread; public so the mixing can be tested without a server.
     void handle(const float* data, size_t frames, unsigned channels);
 
-private:
+  private:
     std::optional<AudioSourceError> startLocked();
     void connectionLost();
     void retryConnection();

@@ -13,11 +13,19 @@ namespace velquin::pulse {
 
 namespace {
 
-void signalLoop(pa_threaded_mainloop* loop) { pa_threaded_mainloop_signal(loop, 0); }
+void signalLoop(pa_threaded_mainloop* loop) {
+    pa_threaded_mainloop_signal(loop, 0);
+}
 
-void contextStateSignal(pa_context*, void* userdata) { signalLoop(static_cast<pa_threaded_mainloop*>(userdata)); }
-void streamStateSignal(pa_stream*, void* userdata) { signalLoop(static_cast<pa_threaded_mainloop*>(userdata)); }
-void operationStateSignal(pa_operation*, void* userdata) { signalLoop(static_cast<pa_threaded_mainloop*>(userdata)); }
+void contextStateSignal(pa_context*, void* userdata) {
+    signalLoop(static_cast<pa_threaded_mainloop*>(userdata));
+}
+void streamStateSignal(pa_stream*, void* userdata) {
+    signalLoop(static_cast<pa_threaded_mainloop*>(userdata));
+}
+void operationStateSignal(pa_operation*, void* userdata) {
+    signalLoop(static_cast<pa_threaded_mainloop*>(userdata));
+}
 
 // Waits for `op` to finish (its callback sets `done`), for the context to drop it, or for the timeout.
 // A null `op` means the context refused the request (it is not READY): never unref it.
@@ -177,7 +185,8 @@ ContextPtr newContext(pa_threaded_mainloop* loop) {
     return context;
 }
 
-bool waitUntil(pa_threaded_mainloop* loop, std::chrono::milliseconds timeout, const std::function<bool()>& done) {
+bool waitUntil(pa_threaded_mainloop* loop, std::chrono::milliseconds timeout,
+               const std::function<bool()>& done) {
     if (done()) return true;
     bool expired = false;
     Timer timer(loop, [&] {
@@ -202,13 +211,15 @@ int connect(pa_threaded_mainloop* loop, pa_context* context, std::chrono::millis
         return state == PA_CONTEXT_READY || !PA_CONTEXT_IS_GOOD(state);
     });
     if (!settled) return PA_ERR_TIMEOUT;
-    if (pa_context_get_state(context) != PA_CONTEXT_READY) return lastError(context, PA_ERR_CONNECTIONREFUSED);
+    if (pa_context_get_state(context) != PA_CONTEXT_READY)
+        return lastError(context, PA_ERR_CONNECTIONREFUSED);
     return 0;
 }
 
 int queryServerInfo(pa_threaded_mainloop* loop, pa_context* context, ServerInfo& out) {
     ServerQuery q{loop, &out};
-    return runOperation(loop, context, pa_context_get_server_info(context, serverInfoCallback, &q), q.done, q.error);
+    return runOperation(loop, context, pa_context_get_server_info(context, serverInfoCallback, &q), q.done,
+                        q.error);
 }
 
 int querySinkInfo(pa_threaded_mainloop* loop, pa_context* context, const std::string& name, DeviceInfo& out) {
@@ -217,7 +228,8 @@ int querySinkInfo(pa_threaded_mainloop* loop, pa_context* context, const std::st
     return runOperation(loop, context, op, q.done, q.error);
 }
 
-int querySourceInfo(pa_threaded_mainloop* loop, pa_context* context, const std::string& name, DeviceInfo& out) {
+int querySourceInfo(pa_threaded_mainloop* loop, pa_context* context, const std::string& name,
+                    DeviceInfo& out) {
     DeviceQuery q{loop, &out};
     pa_operation* op = pa_context_get_source_info_by_name(context, name.c_str(), sourceInfoCallback, &q);
     return runOperation(loop, context, op, q.done, q.error);
@@ -225,7 +237,8 @@ int querySourceInfo(pa_threaded_mainloop* loop, pa_context* context, const std::
 
 int subscribe(pa_threaded_mainloop* loop, pa_context* context, pa_subscription_mask_t mask) {
     SuccessQuery q{loop};
-    return runOperation(loop, context, pa_context_subscribe(context, mask, successCallback, &q), q.done, q.error);
+    return runOperation(loop, context, pa_context_subscribe(context, mask, successCallback, &q), q.done,
+                        q.error);
 }
 
 StreamPtr newRecordStream(pa_context* context, const char* name, const DeviceInfo& device) {

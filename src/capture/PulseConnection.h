@@ -39,20 +39,20 @@ using StreamPtr = std::unique_ptr<pa_stream, StreamDeleter>;
 using OperationPtr = std::unique_ptr<pa_operation, OperationDeleter>;
 
 class Lock {
-public:
+  public:
     explicit Lock(pa_threaded_mainloop* loop) : loop_(loop) { pa_threaded_mainloop_lock(loop_); }
     ~Lock() { pa_threaded_mainloop_unlock(loop_); }
     Lock(const Lock&) = delete;
     Lock& operator=(const Lock&) = delete;
 
-private:
+  private:
     pa_threaded_mainloop* loop_;
 };
 
 // A one-shot or re-armable timer on the loop; `fire` runs on the loop's thread with the lock held.
 // Create, arm and destroy it with the lock held.
 class Timer {
-public:
+  public:
     Timer(pa_threaded_mainloop* loop, std::function<void()> fire);
     ~Timer();
     Timer(const Timer&) = delete;
@@ -60,7 +60,7 @@ public:
     void arm(std::chrono::milliseconds after);
     void disarm();
 
-private:
+  private:
     static void trampoline(pa_mainloop_api*, pa_time_event*, const struct timeval*, void* userdata);
     pa_mainloop_api* api_;
     pa_time_event* event_ = nullptr;
@@ -75,12 +75,14 @@ ContextPtr newContext(pa_threaded_mainloop* loop);
 
 // Waits until `done()` holds or `timeout` passes; true if `done()` held. Whatever makes `done()`
 // true must call pa_threaded_mainloop_signal.
-bool waitUntil(pa_threaded_mainloop* loop, std::chrono::milliseconds timeout, const std::function<bool()>& done);
+bool waitUntil(pa_threaded_mainloop* loop, std::chrono::milliseconds timeout,
+               const std::function<bool()>& done);
 
 // Connects `context` (no autospawn) and waits for READY. Returns 0, or the PulseAudio error code
 // (PA_ERR_TIMEOUT when the server did not answer in time). Replaces the context's state callback;
 // the caller installs its own afterwards.
-int connect(pa_threaded_mainloop* loop, pa_context* context, std::chrono::milliseconds timeout = kRequestTimeout);
+int connect(pa_threaded_mainloop* loop, pa_context* context,
+            std::chrono::milliseconds timeout = kRequestTimeout);
 
 struct ServerInfo {
     std::string defaultSinkName;
@@ -100,7 +102,8 @@ struct DeviceInfo {
 // PA_ERR_TIMEOUT when no answer came).
 int queryServerInfo(pa_threaded_mainloop* loop, pa_context* context, ServerInfo& out);
 int querySinkInfo(pa_threaded_mainloop* loop, pa_context* context, const std::string& name, DeviceInfo& out);
-int querySourceInfo(pa_threaded_mainloop* loop, pa_context* context, const std::string& name, DeviceInfo& out);
+int querySourceInfo(pa_threaded_mainloop* loop, pa_context* context, const std::string& name,
+                    DeviceInfo& out);
 
 // Subscribes the context to `mask` events and waits for the server's answer; 0 or an error code.
 int subscribe(pa_threaded_mainloop* loop, pa_context* context, pa_subscription_mask_t mask);
@@ -139,7 +142,7 @@ void mixInterleavedToMono(const float* interleaved, size_t frames, unsigned chan
 // holes become silence. It grows only when a block is larger than any before and never shrinks.
 // Runs on the loop's thread.
 class MonoMixer {
-public:
+  public:
     using Deliver = std::function<void(const float* samples, int64_t count)>;
 
     void reserve(size_t frames);
@@ -149,7 +152,7 @@ public:
     // Everything the stream holds, frames of `channels` floats each.
     void read(pa_stream* stream, unsigned channels, const Deliver& deliver);
 
-private:
+  private:
     std::vector<float> mono_;
 };
 

@@ -5,7 +5,8 @@
 
 namespace velquin {
 
-SampleRing::SampleRing(int64_t capacity) : buffer_(static_cast<size_t>(std::max<int64_t>(capacity, 0)), 0.0f) {}
+SampleRing::SampleRing(int64_t capacity)
+    : buffer_(static_cast<size_t>(std::max<int64_t>(capacity, 0)), 0.0f) {}
 
 void SampleRing::replace(int64_t capacity) {
     std::vector<float> fresh(static_cast<size_t>(std::max<int64_t>(capacity, 0)), 0.0f);
@@ -29,7 +30,8 @@ void SampleRing::write(const float* samples, int64_t count) {
     samples += count - n;  // a batch longer than the ring keeps only its newest samples
     const int64_t first = std::min(cap - writeIndex_, n);
     std::memcpy(buffer_.data() + writeIndex_, samples, static_cast<size_t>(first) * sizeof(float));
-    if (first < n) std::memcpy(buffer_.data(), samples + first, static_cast<size_t>(n - first) * sizeof(float));
+    if (first < n)
+        std::memcpy(buffer_.data(), samples + first, static_cast<size_t>(n - first) * sizeof(float));
     writeIndex_ = (writeIndex_ + n) % cap;
     available_ = std::min(available_ + n, cap);
 }
@@ -44,7 +46,8 @@ void SampleRing::drainInto(std::vector<float>& out) {
     const int64_t start = (writeIndex_ - n + cap) % cap;
     const int64_t first = std::min(cap - start, n);
     std::memcpy(result, buffer_.data() + start, static_cast<size_t>(first) * sizeof(float));
-    if (first < n) std::memcpy(result + first, buffer_.data(), static_cast<size_t>(n - first) * sizeof(float));
+    if (first < n)
+        std::memcpy(result + first, buffer_.data(), static_cast<size_t>(n - first) * sizeof(float));
     available_ = 0;
 }
 

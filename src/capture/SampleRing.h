@@ -9,7 +9,7 @@
 namespace velquin {
 
 class SampleRing {
-public:
+  public:
     explicit SampleRing(int64_t capacity);
 
     // Real-time safe: no allocation, the lock is held for at most two block copies.
@@ -24,7 +24,7 @@ public:
 
     int64_t capacity() const;
 
-private:
+  private:
     std::vector<float> buffer_;
     int64_t writeIndex_ = 0;
     int64_t available_ = 0;

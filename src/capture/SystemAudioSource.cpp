@@ -30,7 +30,9 @@ void unrefIfAny(pa_operation* op) {
 
 SystemAudioSource::SystemAudioSource() = default;
 
-SystemAudioSource::~SystemAudioSource() { stop(); }
+SystemAudioSource::~SystemAudioSource() {
+    stop();
+}
 
 void SystemAudioSource::start() {
     stop();
@@ -82,12 +84,14 @@ std::optional<AudioSourceError> SystemAudioSource::startLocked() {
 
     // The analysis diagnostics switch covers the capture rates too: one place decides where they go.
     if (const auto& debug = EngineSettings::parameters().tempo.onDebug) {
-        const std::string lines =
-            "tap format rate=" + pulse::rateText(spec.rate) + " ch=" + std::to_string(spec.channels) +
-            " flags=" + std::to_string(static_cast<int>(spec.format)) + " bpf=" + std::to_string(pa_frame_size(&spec)) +
-            "\naggregate nominal rate=" + pulse::rateText(monitor_.spec.rate) +
-            "\noutput device nominal rate=" + pulse::rateText(sink.spec.rate > 0 ? double(sink.spec.rate) : -1.0) +
-            "\nusing rate=" + pulse::rateText(sampleRate()) + "\n";
+        const std::string lines = "tap format rate=" + pulse::rateText(spec.rate) +
+                                  " ch=" + std::to_string(spec.channels) +
+                                  " flags=" + std::to_string(static_cast<int>(spec.format)) +
+                                  " bpf=" + std::to_string(pa_frame_size(&spec)) +
+                                  "\naggregate nominal rate=" + pulse::rateText(monitor_.spec.rate) +
+                                  "\noutput device nominal rate=" +
+                                  pulse::rateText(sink.spec.rate > 0 ? double(sink.spec.rate) : -1.0) +
+                                  "\nusing rate=" + pulse::rateText(sampleRate()) + "\n";
         debug(lines);
     }
 
@@ -181,8 +185,8 @@ void SystemAudioSource::askForRestart() {
     if (onNeedsRestart) onNeedsRestart();
 }
 
-void SystemAudioSource::subscribeCallback(pa_context* context, pa_subscription_event_type_t event, uint32_t index,
-                                          void* userdata) {
+void SystemAudioSource::subscribeCallback(pa_context* context, pa_subscription_event_type_t event,
+                                          uint32_t index, void* userdata) {
     auto* self = static_cast<SystemAudioSource*>(userdata);
     const auto facility = event & PA_SUBSCRIPTION_EVENT_FACILITY_MASK;
     const auto type = event & PA_SUBSCRIPTION_EVENT_TYPE_MASK;
@@ -190,7 +194,8 @@ void SystemAudioSource::subscribeCallback(pa_context* context, pa_subscription_e
     // Fire the query and return: callbacks must never wait.
     if (facility == PA_SUBSCRIPTION_EVENT_SERVER) {
         unrefIfAny(pa_context_get_server_info(context, serverInfoCallback, self));
-    } else if (facility == PA_SUBSCRIPTION_EVENT_SOURCE && index == self->monitor_.index && !self->serverLost_) {
+    } else if (facility == PA_SUBSCRIPTION_EVENT_SOURCE && index == self->monitor_.index &&
+               !self->serverLost_) {
         unrefIfAny(pa_context_get_source_info_by_index(context, index, monitorInfoCallback, self));
     }
 }
@@ -212,7 +217,8 @@ void SystemAudioSource::serverInfoCallback(pa_context*, const pa_server_info* in
     }
 }
 
-void SystemAudioSource::monitorInfoCallback(pa_context*, const pa_source_info* info, int eol, void* userdata) {
+void SystemAudioSource::monitorInfoCallback(pa_context*, const pa_source_info* info, int eol,
+                                            void* userdata) {
     if (eol != 0 || !info) return;
     static_cast<SystemAudioSource*>(userdata)->followMonitorRate(*info);
 }

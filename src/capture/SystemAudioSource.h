@@ -21,7 +21,7 @@
 namespace velquin {
 
 class SystemAudioSource final : public AudioSource {
-public:
+  public:
     SystemAudioSource();
     ~SystemAudioSource() override;  // stops
     SystemAudioSource(const SystemAudioSource&) = delete;
@@ -36,7 +36,7 @@ public:
     // Runs on the PulseAudio thread; public so the mixing can be tested without a server.
     void handle(const float* data, size_t bytes, unsigned channels);
 
-private:
+  private:
     std::optional<AudioSourceError> startLocked();
     void startListeningForChanges();
     void connectionLost();

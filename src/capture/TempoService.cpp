@@ -61,7 +61,7 @@ struct TempoService::Live {
     Engine engine;
     SampleRing ring{idleRingCapacity};  // shared with the capture thread; it has its own lock
     std::atomic<double> captureSampleRate{idleSampleRate};
-    std::unique_ptr<AudioSource> source;            // main thread
+    std::unique_ptr<AudioSource> source;  // main thread
 };
 
 void TempoService::Live::tick() {
@@ -88,7 +88,9 @@ TempoService::~TempoService() {
     live_.reset();
 }
 
-double TempoService::captureSampleRate() const { return live_->captureSampleRate.load(); }
+double TempoService::captureSampleRate() const {
+    return live_->captureSampleRate.load();
+}
 
 TempoService::AnalysisCounters TempoService::analysisCounters() const {
     AnalysisCounters counters;

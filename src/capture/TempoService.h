@@ -26,7 +26,7 @@ namespace velquin {
 class TempoService : public QObject {
     Q_OBJECT
 
-public:
+  public:
     // Makes the capture source for a kind; tests substitute scripted sources.
     using SourceFactory = std::function<std::unique_ptr<AudioSource>(AudioSourceKind)>;
 
@@ -49,8 +49,8 @@ public:
 
     // What the analysis thread has seen so far; waits for the tasks queued before it.
     struct AnalysisCounters {
-        int64_t regimeChanges = 0;    // of the current tempo analyzer
-        int64_t keyRestarts = 0;      // of the current key analyzer
+        int64_t regimeChanges = 0;  // of the current tempo analyzer
+        int64_t keyRestarts = 0;    // of the current key analyzer
         int64_t seenRegimeChanges = 0;
         int64_t seenKeyRestarts = 0;
         double analyzerSampleRate = 0;
@@ -63,7 +63,7 @@ public:
     std::function<void(const std::vector<float>& samples)> onCapturedSamples;
     std::function<void(const std::string& message)> onError;
 
-private:
+  private:
     struct Live;
     void publish(const TempoEstimate& tempo, const KeyEstimate& key);
 

@@ -6,8 +6,8 @@
 #include <QKeyEvent>
 #include <QLabel>
 #include <QScreen>
-#include <algorithm>
 #include <QWidgetAction>
+#include <algorithm>
 
 #include "ReadingText.h"
 

@@ -12,14 +12,15 @@ namespace {
 
 // Copy when the source allows it; some file managers offer only move or link.
 void acceptCopy(QDropEvent* event) {
-    event->setDropAction((event->possibleActions() & Qt::CopyAction) ? Qt::CopyAction : event->proposedAction());
+    event->setDropAction((event->possibleActions() & Qt::CopyAction) ? Qt::CopyAction
+                                                                     : event->proposedAction());
     event->accept();
 }
 
 // Playlists and cue sheets carry audio MIME types but hold only names of other files.
 bool isPlaylist(const QString& path) {
-    static const QStringList extensions = {QStringLiteral("m3u"), QStringLiteral("m3u8"), QStringLiteral("pls"),
-                                           QStringLiteral("cue")};
+    static const QStringList extensions = {QStringLiteral("m3u"), QStringLiteral("m3u8"),
+                                           QStringLiteral("pls"), QStringLiteral("cue")};
     const QString suffix = path.section(QLatin1Char('.'), -1).toLower();
     return path.contains(QLatin1Char('.')) && extensions.contains(suffix);
 }
@@ -49,7 +50,8 @@ std::optional<QUrl> BarDropTarget::audioURL(const QMimeData* from) {
     const QMimeDatabase types;
     for (const QUrl& url : from->urls()) {
         if (!url.isLocalFile() || isPlaylist(url.fileName())) continue;
-        if (isAudioOrMovie(types.mimeTypeForFile(url.toLocalFile(), QMimeDatabase::MatchExtension))) return url;
+        if (isAudioOrMovie(types.mimeTypeForFile(url.toLocalFile(), QMimeDatabase::MatchExtension)))
+            return url;
     }
     return std::nullopt;
 }

@@ -18,7 +18,7 @@ namespace velquin {
 class BarDropTarget : public QObject {
     Q_OBJECT
 
-public:
+  public:
     explicit BarDropTarget(LogSink log = {});
 
     std::function<void(const QUrl& url)> onDrop;
@@ -36,10 +36,10 @@ public:
     // the name is judged; the file is not opened.
     static std::optional<QUrl> audioURL(const QMimeData* from);
 
-protected:
+  protected:
     bool eventFilter(QObject* watched, QEvent* event) override;
 
-private:
+  private:
     LogSink log_;
 };
 

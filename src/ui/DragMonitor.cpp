@@ -113,8 +113,7 @@ void DragMonitor::poll() {
         xcb_query_pointer_reply(x_->c, xcb_query_pointer(x_->c, x_->root), nullptr));
     const bool held = pointer && (pointer->mask & XCB_BUTTON_MASK_1);
     if (held) {
-        const QPoint position =
-            x_->usedByQt ? QCursor::pos() : QPoint(pointer->root_x, pointer->root_y);
+        const QPoint position = x_->usedByQt ? QCursor::pos() : QPoint(pointer->root_x, pointer->root_y);
         // Dragged events come from movement only; a pointer at rest must not look like a new event.
         if (position != lastPosition_) {
             lastPosition_ = position;

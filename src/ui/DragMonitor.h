@@ -23,7 +23,7 @@ namespace velquin {
 class DragMonitor : public QObject {
     Q_OBJECT
 
-public:
+  public:
     DragMonitor();
     ~DragMonitor() override;
 
@@ -36,7 +36,7 @@ public:
     // Watches the display Qt itself uses; false unless Qt runs on X11 (xcb) and XFixes is there.
     bool install();
 
-private:
+  private:
     struct Connection;
 
     bool connectTo(const char* display, bool usedByQt);

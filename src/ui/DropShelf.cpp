@@ -35,7 +35,8 @@ bool compositing() {
     if (!x11 || !x11->connection()) return true;
     xcb_connection_t* c = x11->connection();
     static constexpr char name[] = "_NET_WM_CM_S0";
-    xcb_intern_atom_reply_t* atom = xcb_intern_atom_reply(c, xcb_intern_atom(c, 0, sizeof name - 1, name), nullptr);
+    xcb_intern_atom_reply_t* atom =
+        xcb_intern_atom_reply(c, xcb_intern_atom(c, 0, sizeof name - 1, name), nullptr);
     if (!atom) return true;
     xcb_get_selection_owner_reply_t* owner =
         xcb_get_selection_owner_reply(c, xcb_get_selection_owner(c, atom->atom), nullptr);

@@ -38,7 +38,8 @@ void drawCentred(QPainter& painter, const QRectF& box, const QString& text, cons
 }
 
 void acceptCopy(QDropEvent* event) {
-    event->setDropAction((event->possibleActions() & Qt::CopyAction) ? Qt::CopyAction : event->proposedAction());
+    event->setDropAction((event->possibleActions() & Qt::CopyAction) ? Qt::CopyAction
+                                                                     : event->proposedAction());
     event->accept();
 }
 

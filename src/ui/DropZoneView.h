@@ -15,7 +15,7 @@ namespace velquin {
 class DropZoneView : public QWidget {
     Q_OBJECT
 
-public:
+  public:
     static constexpr const char* idleTitle = "Drop an audio file here";
     static constexpr const char* idleDetail = "Key and BPM in a few seconds";
 
@@ -31,14 +31,14 @@ public:
     bool showingResult = false;
     QStringList resultLines;  // only the first three are drawn
 
-protected:
+  protected:
     void paintEvent(QPaintEvent* event) override;
     void dragEnterEvent(QDragEnterEvent* event) override;
     void dragMoveEvent(QDragMoveEvent* event) override;
     void dragLeaveEvent(QDragLeaveEvent* event) override;
     void dropEvent(QDropEvent* event) override;
 
-private:
+  private:
     void drawIdle(QPainter& painter) const;
     void drawResult(QPainter& painter) const;
     static std::optional<QUrl> audioURL(const QDropEvent* from);

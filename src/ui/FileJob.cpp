@@ -23,7 +23,8 @@ void onMainThread(const QPointer<QObject>& owner, F f) {
 
 }  // namespace
 
-FileAnalysisResult analyzeAudioFile(const std::string& path, TempoRange range, const FileJobControl& control) {
+FileAnalysisResult analyzeAudioFile(const std::string& path, TempoRange range,
+                                    const FileJobControl& control) {
     return FileAnalysis::analyzeFile(path, range, control);
 }
 

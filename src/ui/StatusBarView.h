@@ -16,15 +16,15 @@ namespace velquin {
 class StatusBarView : public QWidget {
     Q_OBJECT
 
-public:
+  public:
     explicit StatusBarView(QWidget* parent = nullptr);
 
     QString keyText = QStringLiteral("-");
     QString bpmText = QStringLiteral("---");
-    double confidence = 0;  // ring fill, 0…1
-    bool compact = false;   // two-line layout
-    int keySlot = 6;        // characters reserved for the key
-    int bpmSlot = 3;        // characters reserved for the BPM
+    double confidence = 0;     // ring fill, 0…1
+    bool compact = false;      // two-line layout
+    int keySlot = 6;           // characters reserved for the key
+    int bpmSlot = 3;           // characters reserved for the BPM
     bool showingFile = false;  // texts in the accent colour while a dropped file's result shows
     // Shown instead of the key and BPM when not empty ("listening…" before the first reading).
     QString hint;
@@ -52,13 +52,13 @@ public:
     // A pressed look (accent wash behind the content), e.g. while the bar's menu is open.
     void setHighlighted(bool highlighted);
 
-protected:
+  protected:
     void paintEvent(QPaintEvent* event) override;
     void mousePressEvent(QMouseEvent* event) override;
     void mouseMoveEvent(QMouseEvent* event) override;
     void mouseReleaseEvent(QMouseEvent* event) override;
 
-private:
+  private:
     void drawOneLine(QPainter& painter, double x, const QColor& color) const;
     void drawTwoLines(QPainter& painter, double x, const QColor& color) const;
 

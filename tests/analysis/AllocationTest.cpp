@@ -19,25 +19,42 @@ void* operator new(size_t size) {
     if (void* p = std::malloc(size == 0 ? 1 : size)) return p;
     throw std::bad_alloc();
 }
-void* operator new[](size_t size) { return operator new(size); }
+void* operator new[](size_t size) {
+    return operator new(size);
+}
 // The non-throwing forms too (std::stable_sort's buffer uses them), so every form pairs with free().
 void* operator new(size_t size, const std::nothrow_t&) noexcept {
     if (counting) ++allocations;
     return std::malloc(size == 0 ? 1 : size);
 }
-void* operator new[](size_t size, const std::nothrow_t& tag) noexcept { return operator new(size, tag); }
-void operator delete(void* p, const std::nothrow_t&) noexcept { std::free(p); }
-void operator delete[](void* p, const std::nothrow_t&) noexcept { std::free(p); }
-void operator delete(void* p) noexcept { std::free(p); }
-void operator delete[](void* p) noexcept { std::free(p); }
-void operator delete(void* p, size_t) noexcept { std::free(p); }
-void operator delete[](void* p, size_t) noexcept { std::free(p); }
+void* operator new[](size_t size, const std::nothrow_t& tag) noexcept {
+    return operator new(size, tag);
+}
+void operator delete(void* p, const std::nothrow_t&) noexcept {
+    std::free(p);
+}
+void operator delete[](void* p, const std::nothrow_t&) noexcept {
+    std::free(p);
+}
+void operator delete(void* p) noexcept {
+    std::free(p);
+}
+void operator delete[](void* p) noexcept {
+    std::free(p);
+}
+void operator delete(void* p, size_t) noexcept {
+    std::free(p);
+}
+void operator delete[](void* p, size_t) noexcept {
+    std::free(p);
+}
 
 TEST(Allocation, LiveTicksAllocateNothingOnceTheHistoriesAreFull) {
     constexpr double rate = 48000;
     constexpr size_t tick = 5760;  // 0.12 s
     // Music long enough to fill both histories (tempo: about 8 s; key: 45 s), then keep going.
-    auto music = velquin::test::progression({{60, 64, 67}, {65, 69, 72}, {67, 71, 74}, {57, 60, 64}}, rate, 80.0);
+    auto music =
+        velquin::test::progression({{60, 64, 67}, {65, 69, 72}, {67, 71, 74}, {57, 60, 64}}, rate, 80.0);
     velquin::test::mixInto(music, velquin::test::clickTrain(120, rate, 80.0), 0.5f);
     velquin::TempoAnalyzer tempo(rate, false);
     velquin::KeyAnalyzer key(rate, false);

@@ -46,7 +46,8 @@ TEST(FFTMagnitude, ScalingOfZerosConstantSineAndNyquist) {
     // A full-scale sine on a bin: 0.8165 at the bin, half of it on each neighbour.
     for (int k0 : {1, 37, n / 2 - 2}) {
         std::vector<float> frame(n);
-        for (int i = 0; i < n; ++i) frame[static_cast<size_t>(i)] = static_cast<float>(std::sin(2 * std::numbers::pi * k0 * i / n));
+        for (int i = 0; i < n; ++i)
+            frame[static_cast<size_t>(i)] = static_cast<float>(std::sin(2 * std::numbers::pi * k0 * i / n));
         auto out = run(fft, frame);
         EXPECT_NEAR(out[static_cast<size_t>(k0)], 0.8165, 1e-4) << k0;
         EXPECT_NEAR(out[static_cast<size_t>(k0 + 1)], 0.8165 / 2, 1e-4) << k0;

@@ -32,7 +32,9 @@ std::vector<KeyEstimate> feedTicks(KeyAnalyzer& analyzer, const std::vector<floa
     return estimates;
 }
 
-std::vector<int> triad(int root, bool minor) { return {root, root + (minor ? 3 : 4), root + 7}; }
+std::vector<int> triad(int root, bool minor) {
+    return {root, root + (minor ? 3 : 4), root + 7};
+}
 
 // I–IV–V–I in a major key, i–iv–V–i (harmonic minor) in a minor key, around middle C.
 std::vector<std::vector<int>> cadence(int tonic, bool minor) {
@@ -94,7 +96,8 @@ TEST(KeyAnalyzer, FindsEveryKeyOfACadence) {
         feed(analyzer, velquin::test::progression(chords, 22050, 16.0));
         const KeyEstimate estimate = analyzer.decide(infinity);
         ASSERT_TRUE(estimate.key) << key.shortName();
-        EXPECT_EQ(*estimate.key, key) << "expected " << key.shortName() << ", got " << estimate.key->shortName();
+        EXPECT_EQ(*estimate.key, key)
+            << "expected " << key.shortName() << ", got " << estimate.key->shortName();
         EXPECT_GT(estimate.confidence, 0.3) << key.shortName();
         EXPECT_DOUBLE_EQ(*std::max_element(estimate.chroma.begin(), estimate.chroma.end()), 1.0);
     }
@@ -107,7 +110,8 @@ TEST(KeyAnalyzer, ReportsTheTuningOffsetInCents) {
         const KeyEstimate estimate = analyzer.decide(infinity);
         ASSERT_TRUE(estimate.key);
         EXPECT_EQ(estimate.key->shortName(), "G");
-        // The phasor also hears the partials' small inharmonic spread; 3 cents is well inside a semitone's 100.
+        // The phasor also hears the partials' small inharmonic spread; 3 cents is well inside a semitone's
+        // 100.
         EXPECT_NEAR(estimate.tuningCents, cents, 3.0);
     }
 }
@@ -155,7 +159,8 @@ TEST(KeyAnalyzer, HoldsTheShownKeyBeforeSwitching) {
         velquin::KeyParameters parameters;
         parameters.shiftThreshold = -2;  // keep song-change detection out of this test
         KeyAnalyzer analyzer(44100, false, parameters);
-        auto music = velquin::test::progression({triad(60, false), triad(65, false), triad(67, false)}, 44100, 20.0);
+        auto music =
+            velquin::test::progression({triad(60, false), triad(65, false), triad(67, false)}, 44100, 20.0);
         const auto second = velquin::test::progression(cadence(c.toTonic, c.toMinor), 44100, 40.0);
         music.insert(music.end(), second.begin(), second.end());
         const auto estimates = feedTicks(analyzer, music);
@@ -166,7 +171,8 @@ TEST(KeyAnalyzer, HoldsTheShownKeyBeforeSwitching) {
         // Before the switch the old key is held and the challenger offered as the alternative. Ticks where
         // the old key still won may look the same, so the run measured here is at least the real hold.
         size_t start = switchedAt;
-        while (start > 0 && estimates[start - 1].key == from && estimates[start - 1].alternative == to) --start;
+        while (start > 0 && estimates[start - 1].key == from && estimates[start - 1].alternative == to)
+            --start;
         EXPECT_GE((switchedAt - start) * 0.12, c.hold - 0.01) << c.toTonic;
         EXPECT_LT(switchedAt * 0.12, 58.0) << c.toTonic;  // the 45 s history must first turn
         EXPECT_EQ(estimates.back().key, to);

@@ -79,12 +79,12 @@ TEST(KeyProfile, TheBlendIsTheMeanOfTwoProfiles) {
 
 TEST(NoteMeter, BarsScaleAndStyle) {
     std::array<double, 12> chroma{};
-    chroma[0] = 0.06;     // rounds to level 0
-    chroma[1] = 0.0625;   // half rounds up to level 1, drawn like 0
-    chroma[2] = 0.3;      // 2.4 → level 2
+    chroma[0] = 0.06;    // rounds to level 0
+    chroma[1] = 0.0625;  // half rounds up to level 1, drawn like 0
+    chroma[2] = 0.3;     // 2.4 → level 2
     chroma[4] = 1.0;
-    chroma[5] = 7.0;      // clamped
-    chroma[6] = -1.0;     // clamped
+    chroma[5] = 7.0;   // clamped
+    chroma[6] = -1.0;  // clamped
     chroma[7] = std::nan("");
     const auto cells = NoteMeter::cells(chroma, MusicalKey{0, false});
     EXPECT_EQ(cells[0].text, "C ▁ ");
@@ -96,7 +96,7 @@ TEST(NoteMeter, BarsScaleAndStyle) {
     EXPECT_EQ(cells[7].text, "G ▁ ");
     EXPECT_TRUE(cells[0].bold);
     EXPECT_FALSE(cells[2].bold);
-    EXPECT_TRUE(cells[1].faint);   // C♯ is outside C major
+    EXPECT_TRUE(cells[1].faint);    // C♯ is outside C major
     EXPECT_FALSE(cells[11].faint);  // B is inside
     const std::string line = NoteMeter::plainText(cells);
     EXPECT_EQ(velquin::characterCount(line), 48u);

@@ -37,7 +37,8 @@ TempoEstimate feedTicks(TempoAnalyzer& analyzer, const std::vector<float>& curve
     return last;
 }
 
-TempoEstimate analyzeWhole(const std::vector<float>& samples, double rate, TempoRange range = TempoRange::Auto) {
+TempoEstimate analyzeWhole(const std::vector<float>& samples, double rate,
+                           TempoRange range = TempoRange::Auto) {
     TempoAnalyzer analyzer(rate, true);
     analyzer.setBpmRange(velquin::bounds(range));
     for (size_t i = 0; i < samples.size(); i += 16384)
@@ -52,9 +53,12 @@ TEST(TempoAnalyzer, FrameGeometryFollowsTheSampleRate) {
         double rate;
         int64_t hop, fft, liveMax, offlineMax;
     };
-    for (const Case& c : {Case{48000, 480, 1024, 808, 30000}, {44100, 441, 1024, 808, 30000},
-                          {96000, 960, 2048, 808, 30000}, {8000, 80, 1024, 808, 30000},
-                          {4000, 64, 1024, 508, 18750}, {192000, 1920, 4096, 808, 30000}}) {
+    for (const Case& c : {Case{48000, 480, 1024, 808, 30000},
+                          {44100, 441, 1024, 808, 30000},
+                          {96000, 960, 2048, 808, 30000},
+                          {8000, 80, 1024, 808, 30000},
+                          {4000, 64, 1024, 508, 18750},
+                          {192000, 1920, 4096, 808, 30000}}) {
         TempoAnalyzer live(c.rate, false), offline(c.rate, true);
         EXPECT_EQ(live.hop(), c.hop) << c.rate;
         EXPECT_EQ(live.fftSize(), c.fft) << c.rate;

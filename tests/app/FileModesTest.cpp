@@ -28,9 +28,9 @@ ProgramRun runVelquin(const std::string& arguments, const test::TempDir& dir,
     EXPECT_NE(bin, nullptr);
     const auto out = dir / "stdout.txt", err = dir / "stderr.txt";
     const std::string command = "cd '" + dir.path().string() + "' && env " + environment + " '" +
-                                std::string(bin ? bin : "velquin") + "' " +
-                                arguments + (stdoutTo.empty() ? " >'" + out.string() + "'" : " " + stdoutTo) +
-                                " 2>'" + err.string() + "'";
+                                std::string(bin ? bin : "velquin") + "' " + arguments +
+                                (stdoutTo.empty() ? " >'" + out.string() + "'" : " " + stdoutTo) + " 2>'" +
+                                err.string() + "'";
     const int status = std::system(command.c_str());
     return {WEXITSTATUS(status), test::readText(out), test::readText(err)};
 }
@@ -108,7 +108,8 @@ TEST(FileModes, OutputsReplaceOnlyOrdinaryFilesAndWritesAreChecked) {
     EXPECT_TRUE(fs::is_character_file("/dev/null"));
 
     // An unknown range word reads as auto.
-    EXPECT_EQ(runVelquin("--analyze tone.wav bogus", dir).out, runVelquin("--analyze tone.wav auto", dir).out);
+    EXPECT_EQ(runVelquin("--analyze tone.wav bogus", dir).out,
+              runVelquin("--analyze tone.wav auto", dir).out);
 
     // A link is written through: the file it names gets the CSV, the link stays a link.
     EXPECT_EQ(runVelquin("--chroma tone.wav link.csv", dir).exitCode, 0);
@@ -121,8 +122,8 @@ TEST(FileModes, OutputsReplaceOnlyOrdinaryFilesAndWritesAreChecked) {
     // A result that cannot be written is an error, not a silent success.
     for (const char* mode : {"--analyze tone.wav", "--timeline tone.wav"}) {
         using Case = std::pair<std::string, std::string>;
-        for (const auto& [to, reason] : {Case{">/dev/full", "No space left on device"},
-                                         Case{">&-", "Bad file descriptor"}}) {
+        for (const auto& [to, reason] :
+             {Case{">/dev/full", "No space left on device"}, Case{">&-", "Bad file descriptor"}}) {
             const ProgramRun run = runVelquin(mode, dir, to);
             EXPECT_EQ(run.exitCode, 1) << mode << to;
             EXPECT_EQ(run.err, "Error: could not write the result: " + reason + "\n") << mode << to;

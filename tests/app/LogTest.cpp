@@ -14,8 +14,8 @@
 #include <vector>
 
 #include "Log.h"
-#include "XdgPaths.h"
 #include "TestSupport.h"
+#include "XdgPaths.h"
 
 namespace velquin {
 namespace {

@@ -270,8 +270,8 @@ TEST_F(AudioFileReaderTest, ATruncatedTailIsReadToItsEndADamagedMiddleIsAnError)
             double seconds;  // decoded, within 0.6 s; 0 = the damage error
         };
         const std::vector<Case> cases = {
-            {"half", bytes.substr(0, bytes.size() / 2), 30.0},     // cut short: read up to the cut
-            {"speck", garbled(bytes.size() / 2, 4096), 60.0},      // a few bad packets are skipped
+            {"half", bytes.substr(0, bytes.size() / 2), 30.0},           // cut short: read up to the cut
+            {"speck", garbled(bytes.size() / 2, 4096), 60.0},            // a few bad packets are skipped
             {"middle", garbled(bytes.size() / 3, bytes.size() / 3), 0},  // nothing can stand in for this
         };
         for (const Case& c : cases) {

@@ -45,7 +45,8 @@ TEST(FileAnalysis, StreamingMatchesOneWholeAnalysisAndNeedsAFile) {
     EXPECT_EQ(mono.key.confidence, stereo.key.confidence);
     EXPECT_NEAR(mono.tempo.bpm, 96, 0.5);
 
-    EXPECT_THROW(FileAnalysis::analyzeFile((dir / "absent.wav").string(), TempoRange::Auto), velquin::AudioFileError);
+    EXPECT_THROW(FileAnalysis::analyzeFile((dir / "absent.wav").string(), TempoRange::Auto),
+                 velquin::AudioFileError);
 }
 
 TEST(FileAnalysis, ThreadedAndSequentialAgreeBitForBit) {
@@ -104,7 +105,8 @@ TEST(FileAnalysis, ReportsProgressAndDurationAndStopsWhenAsked) {
         options.stop = stop.get_token();
         options.execution = execution;
         options.onProgress = [&](double, double) { stop.request_stop(); };
-        EXPECT_THROW(FileAnalysis::analyzeFile(path, TempoRange::Auto, options), FileAnalysis::AnalysisCancelled);
+        EXPECT_THROW(FileAnalysis::analyzeFile(path, TempoRange::Auto, options),
+                     FileAnalysis::AnalysisCancelled);
     }
 
     // A stop from another thread ends a long analysis, every thread joined, well within 0.2 s.

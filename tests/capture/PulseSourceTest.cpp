@@ -81,7 +81,8 @@ TEST(PulseMix, MixBufferGrowsForLargerBlocksAndDeliversOnlyTheBlock) {
         EXPECT_EQ(got.blocks[0], std::vector<float>(2048, 0.5f));
         EXPECT_EQ(got.pointers[0], got.pointers[1]) << "the buffer is reused";
         EXPECT_EQ(got.blocks[2], std::vector<float>(4096, 0.5f));
-        EXPECT_EQ(got.blocks[3], std::vector<float>(1024, -1.0f)) << "nothing left over from the larger block";
+        EXPECT_EQ(got.blocks[3], std::vector<float>(1024, -1.0f))
+            << "nothing left over from the larger block";
         EXPECT_EQ(got.pointers[2], got.pointers[3]);
 
         // An empty block is skipped, and so is everything when nobody listens.

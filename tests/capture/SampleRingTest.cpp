@@ -60,7 +60,7 @@ TEST(SampleRing, WriteEndingAtTheEndWrapsToTheStart) {
     drain(ring);
     ring.write(four.data(), 4);  // ends exactly at the end of the storage
     EXPECT_EQ(drain(ring), four);
-    ring.write(two.data(), 2);   // so this starts at index 0
+    ring.write(two.data(), 2);  // so this starts at index 0
     EXPECT_EQ(drain(ring), two);
 }
 

@@ -22,14 +22,15 @@ namespace {
 
 // A capture source whose samples, rate changes and failures the test scripts.
 class ScriptedSource : public AudioSource {
-public:
+  public:
     struct Registry {
         std::atomic<int> created{0};
         std::atomic<int> running{0};
         std::atomic<int> stops{0};
     };
 
-    ScriptedSource(Registry& registry, double rate, bool fail) : registry_(registry), rate_(rate), fail_(fail) {
+    ScriptedSource(Registry& registry, double rate, bool fail)
+        : registry_(registry), rate_(rate), fail_(fail) {
         ++registry_.created;
     }
     ~ScriptedSource() override { stop(); }
@@ -46,7 +47,7 @@ public:
         running_ = false;
     }
 
-private:
+  private:
     Registry& registry_;
     double rate_;
     bool fail_;
@@ -67,7 +68,9 @@ struct Harness {
     std::vector<std::string> errors;
 
     Harness() {
-        service.onUpdate = [this](const TempoEstimate& t, const KeyEstimate& k) { updates.emplace_back(t, k); };
+        service.onUpdate = [this](const TempoEstimate& t, const KeyEstimate& k) {
+            updates.emplace_back(t, k);
+        };
         service.onError = [this](const std::string& message) {
             errors.push_back(message);
             EXPECT_TRUE(updates.empty() || updates.size() == updatesBeforeError);
@@ -194,7 +197,8 @@ TEST(TempoService, RegimeChangeRestartsTheKeyAnalyzerOnce) {
     std::atomic<bool> done = false;
     std::thread capture([&] {
         for (size_t i = 0; i < audio.size(); i += 8000) {
-            h.last->onSamples(audio.data() + i, static_cast<int64_t>(std::min<size_t>(8000, audio.size() - i)));
+            h.last->onSamples(audio.data() + i,
+                              static_cast<int64_t>(std::min<size_t>(8000, audio.size() - i)));
             std::this_thread::sleep_for(std::chrono::milliseconds(120));
         }
         done = true;
@@ -212,7 +216,8 @@ TEST(TempoService, RegimeChangeRestartsTheKeyAnalyzerOnce) {
 TEST(TempoService, DestroyingARunningServiceStopsIt) {
     ScriptedSource::Registry registry;
     {
-        TempoService service([&](AudioSourceKind) { return std::make_unique<ScriptedSource>(registry, 48000, false); });
+        TempoService service(
+            [&](AudioSourceKind) { return std::make_unique<ScriptedSource>(registry, 48000, false); });
         service.onUpdate = [](const TempoEstimate&, const KeyEstimate&) {};
         service.start(AudioSourceKind::systemAudio);
         pump(0.3);

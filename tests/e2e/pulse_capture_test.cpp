@@ -14,8 +14,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
-#include <new>
 #include <mutex>
+#include <new>
 #include <string>
 #include <thread>
 #include <vector>
@@ -36,11 +36,21 @@ void* operator new(size_t size) {
     if (void* p = std::malloc(size == 0 ? 1 : size)) return p;
     throw std::bad_alloc();
 }
-void* operator new[](size_t size) { return operator new(size); }
-void operator delete(void* p) noexcept { std::free(p); }
-void operator delete[](void* p) noexcept { std::free(p); }
-void operator delete(void* p, size_t) noexcept { std::free(p); }
-void operator delete[](void* p, size_t) noexcept { std::free(p); }
+void* operator new[](size_t size) {
+    return operator new(size);
+}
+void operator delete(void* p) noexcept {
+    std::free(p);
+}
+void operator delete[](void* p) noexcept {
+    std::free(p);
+}
+void operator delete(void* p, size_t) noexcept {
+    std::free(p);
+}
+void operator delete[](void* p, size_t) noexcept {
+    std::free(p);
+}
 
 namespace velquin {
 namespace {
@@ -55,7 +65,7 @@ void harness(const std::string& command) {
 
 // Collects what a source delivers; the callbacks only copy into reserved storage.
 class Recorder {
-public:
+  public:
     explicit Recorder(AudioSource& source) {
         samples_.reserve(48000 * 30);
         source.onSamples = [this](const float* data, int64_t count) {
@@ -90,7 +100,7 @@ public:
         return changed_.wait_for(lock, timeout, [&] { return restarts_ >= count; });
     }
 
-private:
+  private:
     int locked(const int& counter) {
         std::lock_guard lock(mutex_);
         return counter;
@@ -141,16 +151,17 @@ std::vector<float> captureWhilePlaying(Recorder& recorder, const std::string& fi
 }
 
 class PulseCapture : public ::testing::Test {
-protected:
+  protected:
     static void SetUpTestSuite() {
         ASSERT_NE(std::getenv("PULSE_ENV_SH"), nullptr) << "run me through run-capture-e2e.sh";
         dir_ = std::make_unique<test::TempDir>();
         constexpr double amplitude = 0.5;
         // Left only, so that the mono mix must halve it: a sum or a copy of one channel would not.
-        test::writeWav(file("left-1k.wav"), {test::sine(1000, 48000, 2.0, amplitude), std::vector<float>(96000)},
-                       48000, true);
+        test::writeWav(file("left-1k.wav"),
+                       {test::sine(1000, 48000, 2.0, amplitude), std::vector<float>(96000)}, 48000, true);
         test::writeWav(file("both-1k.wav"),
-                       {test::sine(1000, 48000, 2.0, amplitude), test::sine(1000, 48000, 2.0, amplitude)}, 48000, true);
+                       {test::sine(1000, 48000, 2.0, amplitude), test::sine(1000, 48000, 2.0, amplitude)},
+                       48000, true);
         test::writeWav(file("mono-300.wav"), {test::sine(300, 44100, 2.0, amplitude)}, 44100, true);
     }
     static void TearDownTestSuite() { dir_.reset(); }
@@ -185,9 +196,9 @@ TEST_F(PulseCapture, SystemAudioHearsWhatPlaysAtTheSinkRateMixedToMono) {
     EngineSettings::install(withDebug);
     const std::string debug = stderrOf([&] { source.start(); });
     EngineSettings::install({});
-    EXPECT_EQ(debug,
-              "tap format rate=48000.0 ch=2 flags=" + std::to_string(int(PA_SAMPLE_FLOAT32NE)) +
-                  " bpf=8\naggregate nominal rate=48000.0\noutput device nominal rate=48000.0\nusing rate=48000.0\n");
+    EXPECT_EQ(debug, "tap format rate=48000.0 ch=2 flags=" + std::to_string(int(PA_SAMPLE_FLOAT32NE)) +
+                         " bpf=8\naggregate nominal rate=48000.0\noutput device nominal rate=48000.0\nusing "
+                         "rate=48000.0\n");
     ASSERT_EQ(source.sampleRate(), 48000);
 
     // Samples flow steadily even in silence (20 ms fragments, not 2 s bursts), at the sink's rate.

@@ -15,7 +15,8 @@ std::vector<float> sine(double frequency, double sampleRate, double seconds, dou
     const auto n = static_cast<size_t>(seconds * sampleRate);
     std::vector<float> out(n);
     for (size_t i = 0; i < n; ++i)
-        out[i] = static_cast<float>(amplitude * std::sin(2 * std::numbers::pi * frequency * double(i) / sampleRate));
+        out[i] = static_cast<float>(amplitude *
+                                    std::sin(2 * std::numbers::pi * frequency * double(i) / sampleRate));
     return out;
 }
 
@@ -28,7 +29,8 @@ std::vector<float> clickTrain(double bpm, double sampleRate, double seconds, dou
         const auto start = static_cast<size_t>(std::llround(t * sampleRate));
         for (size_t i = 0; i < clickLength && start + i < n; ++i) {
             const double decay = std::exp(-double(i) / (0.002 * sampleRate));
-            out[start + i] += static_cast<float>(amplitude * decay * std::sin(2 * std::numbers::pi * 1000.0 * double(i) / sampleRate));
+            out[start + i] += static_cast<float>(
+                amplitude * decay * std::sin(2 * std::numbers::pi * 1000.0 * double(i) / sampleRate));
         }
     }
     return out;
@@ -74,14 +76,16 @@ void mixInto(std::vector<float>& a, const std::vector<float>& b, float gain) {
 }
 
 namespace {
-void put16(std::ostream& o, uint16_t v) { o.put(char(v & 0xff)).put(char(v >> 8)); }
+void put16(std::ostream& o, uint16_t v) {
+    o.put(char(v & 0xff)).put(char(v >> 8));
+}
 void put32(std::ostream& o, uint32_t v) {
     for (int i = 0; i < 4; ++i) o.put(char((v >> (8 * i)) & 0xff));
 }
 }  // namespace
 
-void writeWav(const std::filesystem::path& path, const std::vector<std::vector<float>>& channels, int sampleRate,
-              bool asFloat) {
+void writeWav(const std::filesystem::path& path, const std::vector<std::vector<float>>& channels,
+              int sampleRate, bool asFloat) {
     const auto nch = static_cast<uint16_t>(channels.size());
     size_t frames = 0;
     for (const auto& c : channels) frames = std::max(frames, c.size());

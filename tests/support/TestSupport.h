@@ -33,7 +33,7 @@ void writeWav(const std::filesystem::path& path, const std::vector<std::vector<f
 
 // A fresh, empty folder under the system temp folder, removed when the object dies.
 class TempDir {
-public:
+  public:
     TempDir();
     ~TempDir();
     TempDir(const TempDir&) = delete;
@@ -41,7 +41,7 @@ public:
     const std::filesystem::path& path() const { return path_; }
     std::filesystem::path operator/(const std::string& name) const { return path_ / name; }
 
-private:
+  private:
     std::filesystem::path path_;
 };
 

@@ -238,8 +238,8 @@ TEST_F(DesktopAppTest, RenderFillsTheBarAndTheInformationLines) {
 TEST_F(DesktopAppTest, ThePlayingFilesReadingStandsInForTheLiveOneWhileFollowed) {
     launch();
     EXPECT_TRUE(items().followItem->isChecked());
-    app->showPlaying(PlayerReading{"Playing: Artist \u2014 Song", "/music/song.mp3", {134.4, 0.9, 0},
-                                   keyOf(9, true, 0.8), 1.05});
+    app->showPlaying(PlayerReading{
+        "Playing: Artist \u2014 Song", "/music/song.mp3", {134.4, 0.9, 0}, keyOf(9, true, 0.8), 1.05});
     EXPECT_EQ(view().keyText, "Am");
     EXPECT_EQ(view().bpmText, "134");
     EXPECT_TRUE(view().showingFile);

@@ -10,9 +10,9 @@
 #include <string>
 #include <vector>
 
-#include "DropZoneView.h"
-#include "BarWindow.h"
 #include "BarDropTarget.h"
+#include "BarWindow.h"
+#include "DropZoneView.h"
 #include "UiTestSupport.h"
 
 namespace velquin {

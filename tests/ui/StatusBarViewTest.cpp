@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "ConfidenceRing.h"
 #include "BarWindow.h"
+#include "ConfidenceRing.h"
 #include "UiTestSupport.h"
 
 namespace velquin {
@@ -37,17 +37,14 @@ TEST(ConfidenceRing, ArcGrowsClockwiseFromTheTopInTheColourOfItsConfidence) {
     constexpr double d = 48;
     struct Case {
         double confidence;
-        Shade arc;           // colour of the drawn arc
-        double insideArc;    // an angle the arc covers
-        double outsideArc;   // an angle it does not (track only)
+        Shade arc;          // colour of the drawn arc
+        double insideArc;   // an angle the arc covers
+        double outsideArc;  // an angle it does not (track only)
     };
     const std::vector<Case> cases = {
         {0.02, Shade::orange, 3.6, 20},  // 7.2° long: a short arc right of the top
-        {0.34, Shade::orange, 100, 140},
-        {0.35, Shade::yellow, 110, 140},
-        {0.69, Shade::yellow, 240, 265},
-        {0.7, Shade::green, 240, 265},
-        {1.4, Shade::green, 359, -1},  // clamped to a full circle
+        {0.34, Shade::orange, 100, 140}, {0.35, Shade::yellow, 110, 140}, {0.69, Shade::yellow, 240, 265},
+        {0.7, Shade::green, 240, 265},   {1.4, Shade::green, 359, -1},  // clamped to a full circle
     };
     for (const Case& c : cases) {
         SCOPED_TRACE("confidence " + std::to_string(c.confidence));
@@ -73,7 +70,7 @@ TEST(ConfidenceRing, RendersSharplyOnScaledScreens) {
 }
 
 class StatusBarViewTest : public ::testing::Test {
-protected:
+  protected:
     BarWindow item;
     StatusBarView& view = item.view();
     const QColor background = item.palette().color(QPalette::Window);
@@ -130,7 +127,8 @@ TEST_F(StatusBarViewTest, PreferredWidthHoldsFullSlotsInEveryLayout) {
     for (const bool compact : {false, true}) {
         for (const int keySlot : {6, 7}) {
             for (const int bpmSlot : {3, 5}) {
-                SCOPED_TRACE(testing::Message() << "compact " << compact << " slots " << keySlot << "/" << bpmSlot);
+                SCOPED_TRACE(testing::Message()
+                             << "compact " << compact << " slots " << keySlot << "/" << bpmSlot);
                 view.compact = compact;
                 view.keySlot = keySlot;
                 view.bpmSlot = bpmSlot;
