@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# The whole test suite: installs what is missing, then builds and tests a normal build and an
+# The whole test suite: installs what is missing, checks the C++ formatting, then builds and tests a normal build and an
 # AddressSanitizer + UndefinedBehaviorSanitizer build, then the threaded capture code under ThreadSanitizer,
 # then a minute of fuzzing the file decoder.
 set -euo pipefail
@@ -15,6 +15,9 @@ fi
 
 jobs=$(nproc)
 status=0
+
+echo "== format"
+"$VELQUIN_ROOT/scripts/check-format.sh" || status=1
 
 run_ctest() {
     local dir=$1

@@ -7,7 +7,7 @@ set -euo pipefail
 VELQUIN_ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 
 VELQUIN_PACKAGES=(
-    build-essential cmake ninja-build pkg-config python3
+    build-essential cmake ninja-build pkg-config python3 clang-format
     qt6-base-dev libfftw3-dev libavformat-dev libavcodec-dev libavutil-dev libswresample-dev
     libsndfile1-dev libpulse-dev libxcb1-dev libxcb-xfixes0-dev
     libgtest-dev libgmock-dev libbenchmark-dev libtag1-dev libsqlite3-dev
