@@ -98,15 +98,24 @@ AnalysisCache::AnalysisCache(const std::filesystem::path& file) : db_(std::make_
 
 AnalysisCache::~AnalysisCache() = default;
 
-std::optional<AnalysisCache::Entry> AnalysisCache::lookup(const Key& key) const {
-    std::lock_guard lock(db_->mutex);
-    sqlite3_stmt* s = db_->lookup;
+namespace {
+
+// Both statements take the key as their first five parameters.
+void bindKey(sqlite3_stmt* s, const AnalysisCache::Key& key) {
     sqlite3_reset(s);
     sqlite3_bind_text(s, 1, key.path.data(), static_cast<int>(key.path.size()), SQLITE_TRANSIENT);
     sqlite3_bind_text(s, 2, key.range.data(), static_cast<int>(key.range.size()), SQLITE_TRANSIENT);
     sqlite3_bind_int64(s, 3, key.size);
     sqlite3_bind_int64(s, 4, key.mtimeNs);
     sqlite3_bind_int(s, 5, key.version);
+}
+
+}  // namespace
+
+std::optional<AnalysisCache::Entry> AnalysisCache::lookup(const Key& key) const {
+    std::lock_guard lock(db_->mutex);
+    sqlite3_stmt* s = db_->lookup;
+    bindKey(s, key);
     if (sqlite3_step(s) != SQLITE_ROW) return std::nullopt;
     Entry entry;
     entry.tempo = {sqlite3_column_double(s, 0), sqlite3_column_double(s, 1), sqlite3_column_double(s, 2)};
@@ -124,12 +133,7 @@ std::optional<AnalysisCache::Entry> AnalysisCache::lookup(const Key& key) const 
 void AnalysisCache::store(const Key& key, const Entry& entry) {
     std::lock_guard lock(db_->mutex);
     sqlite3_stmt* s = db_->store;
-    sqlite3_reset(s);
-    sqlite3_bind_text(s, 1, key.path.data(), static_cast<int>(key.path.size()), SQLITE_TRANSIENT);
-    sqlite3_bind_text(s, 2, key.range.data(), static_cast<int>(key.range.size()), SQLITE_TRANSIENT);
-    sqlite3_bind_int64(s, 3, key.size);
-    sqlite3_bind_int64(s, 4, key.mtimeNs);
-    sqlite3_bind_int(s, 5, key.version);
+    bindKey(s, key);
     sqlite3_bind_double(s, 6, entry.tempo.bpm);
     sqlite3_bind_double(s, 7, entry.tempo.confidence);
     sqlite3_bind_double(s, 8, entry.tempo.level);
