@@ -110,7 +110,7 @@ void TempoAnalyzer::append(std::span<const float> samples) {
     const size_t bins = mag_.size();
     size_t offset = 0;
     while (pending_.size() - offset >= static_cast<size_t>(fftSize_)) {
-        fft_.magnitudes(pending_.data() + offset, mag_.data());
+        fft_.magnitudes(std::span(pending_).subspan(offset), mag_);
         for (size_t i = 0; i < bins; ++i) mag_[i] = std::log1p(50.0f * mag_[i]);
         if (haveFirstFrame_) {
             float flux = 0.0f;
