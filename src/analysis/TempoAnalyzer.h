@@ -87,6 +87,10 @@ class TempoAnalyzer {
     class Scratch;
 
     std::optional<Periodicity> periodicity(double seconds) const;
+    void reportLags(size_t minLag, size_t maxLag) const;
+    void collectCandidates(size_t minLag, size_t maxLag, size_t globalBest) const;
+    double climb(double start) const;
+    double clarity(double bestScore, size_t minLag, size_t maxLag) const;
     double score(double lag, bool usePrior) const;
     double acfAt(double lag) const;
     double prior(double lag) const;
