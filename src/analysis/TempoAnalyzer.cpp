@@ -19,12 +19,12 @@ constexpr std::array<double, 4> lagHarmonicWeights{1.0, 0.5, 0.34, 0.25};
 constexpr double negativeInfinity = -std::numeric_limits<double>::infinity();
 constexpr size_t recentCapacity = 10;
 
-int64_t hopFor(double sampleRate) {
-    return std::max<int64_t>(std::lround(sampleRate / 100.0), 64);
+size_t hopFor(double sampleRate) {
+    return static_cast<size_t>(std::max(std::lround(sampleRate / 100.0), 64L));
 }
 
-int64_t fftSizeFor(int64_t hop) {
-    int64_t size = 1024;
+size_t fftSizeFor(size_t hop) {
+    size_t size = 1024;
     while (size < 2 * hop) size *= 2;
     return size;
 }
@@ -38,9 +38,9 @@ void keepBestInOrder(std::vector<size_t>& values, size_t count, const Score& sco
         size_t best = k;
         for (size_t j = k + 1; j < values.size(); ++j)
             if (score(values[j]) > score(values[best])) best = j;
-        std::rotate(values.begin() + static_cast<std::ptrdiff_t>(k),
-                    values.begin() + static_cast<std::ptrdiff_t>(best),
-                    values.begin() + static_cast<std::ptrdiff_t>(best) + 1);
+        const auto first = values.begin();
+        std::rotate(first + std::ptrdiff_t(k), first + std::ptrdiff_t(best),
+                    first + std::ptrdiff_t(best + 1));
     }
     values.resize(count);
 }
@@ -137,12 +137,12 @@ TempoAnalyzer::TempoAnalyzer(double sampleRate, bool offline, Parameters paramet
       hop_(hopFor(sampleRate)),
       sampleRate_(sampleRate),
       fft_(fftSize_),
-      mag_(static_cast<size_t>(fftSize_ / 2), 0.0f),
-      prevMag_(static_cast<size_t>(fftSize_ / 2), 0.0f),
+      mag_(fftSize_ / 2, 0.0f),
+      prevMag_(fftSize_ / 2, 0.0f),
       offline_(offline),
       scratch_(std::make_unique<Scratch>()) {
-    pending_.reserve(static_cast<size_t>(4 * fftSize_));
-    const auto maxFrames = static_cast<size_t>(std::max<int64_t>(maxODFFrames(), 0));
+    pending_.reserve(4 * fftSize_);
+    const size_t maxFrames = maxODFFrames();
     odf_.reserve(maxFrames);
     recentBPM_.reserve(recentCapacity + 1);
     const size_t analysed = offline_ ? static_cast<size_t>(framesPerSecond() * 60.0) + 1 : maxFrames;
@@ -152,18 +152,18 @@ TempoAnalyzer::TempoAnalyzer(double sampleRate, bool offline, Parameters paramet
 
 TempoAnalyzer::~TempoAnalyzer() = default;
 
-int64_t TempoAnalyzer::maxODFFrames() const {
+size_t TempoAnalyzer::maxODFFrames() const {
     const double fps = framesPerSecond();
-    if (offline_) return static_cast<int64_t>(fps * 300.0);
-    return static_cast<int64_t>(parameters_.historySeconds * fps) + 8;
+    if (offline_) return static_cast<size_t>(fps * 300.0);
+    return static_cast<size_t>(
+        std::max<int64_t>(static_cast<int64_t>(parameters_.historySeconds * fps) + 8, 0));
 }
 
 void TempoAnalyzer::pushOnset(float value) {
     ++framesSeen_;
     odf_.push_back(value);
-    const int64_t limit = maxODFFrames();
-    if (static_cast<int64_t>(odf_.size()) > limit)
-        odf_.keepLast(static_cast<size_t>(std::max<int64_t>(limit, 0)));
+    const size_t limit = maxODFFrames();
+    if (odf_.size() > limit) odf_.keepLast(limit);
 }
 
 void TempoAnalyzer::append(std::span<const float> samples) {
@@ -173,7 +173,7 @@ void TempoAnalyzer::append(std::span<const float> samples) {
 
     const size_t bins = mag_.size();
     size_t offset = 0;
-    while (pending_.size() - offset >= static_cast<size_t>(fftSize_)) {
+    while (pending_.size() - offset >= fftSize_) {
         fft_.magnitudes(std::span(pending_).subspan(offset), mag_);
         for (size_t i = 0; i < bins; ++i) mag_[i] = std::log1p(50.0f * mag_[i]);
         if (haveFirstFrame_) {
@@ -183,7 +183,7 @@ void TempoAnalyzer::append(std::span<const float> samples) {
         }
         std::swap(mag_, prevMag_);
         haveFirstFrame_ = true;
-        offset += static_cast<size_t>(hop_);
+        offset += hop_;
     }
     if (offset > 0) pending_.erase(pending_.begin(), pending_.begin() + static_cast<std::ptrdiff_t>(offset));
 }
