@@ -15,6 +15,7 @@
 #include <string_view>
 #include <vector>
 
+#include "ChordEvidence.h"
 #include "FFTMagnitude.h"
 #include "MusicalKey.h"
 #include "SlidingWindow.h"
@@ -131,12 +132,11 @@ class KeyAnalyzer {
         double frequency = 0;
         double weight = 0;
     };
-    struct ChordSegment {
-        int64_t root = 0;
-        bool isMinor = false;
-        double confidence = 0;
-        int64_t frames = 0;
+    struct Ranked {
+        MusicalKey key;
+        double score = 0;
     };
+    using Ranking = std::array<Ranked, 24>;
     struct Winner {
         int64_t at = 0;
         MusicalKey key;
@@ -144,7 +144,8 @@ class KeyAnalyzer {
 
     void spectralPeaks();
     void addFrame();
-    std::array<double, 24> chordScores(double frameRate, size_t lastFrames) const;
+    Ranking rank(const Chroma& sum, const Chroma& bass, const std::array<double, 24>& chords) const;
+    KeyEstimate verdict(const Ranking& ranked) const;
     void detectSongChange();
     static double correlation(std::span<const double> a, std::span<const double> b);
     size_t framesFor(double seconds) const;
@@ -176,8 +177,8 @@ class KeyAnalyzer {
     SlidingWindow<Winner> recentWinners_;
     bool offline_;
 
-    std::vector<Peak> peaks_;                     // scratch of spectralPeaks, reused per frame
-    mutable std::vector<ChordSegment> segments_;  // scratch of chordScores, reused per tick
+    std::vector<Peak> peaks_;  // scratch of spectralPeaks, reused per frame
+    mutable ChordEvidence chords_;
 };
 
 }  // namespace velquin
