@@ -15,16 +15,16 @@ namespace velquin {
 
 namespace {
 
-int64_t fftSizeFor(double sampleRate) {
-    int64_t size = 1024;
+size_t fftSizeFor(double sampleRate) {
+    size_t size = 1024;
     // The cap only matters for absurd rates; a frame must last at least 0.37 s.
-    while (static_cast<double>(size) / sampleRate < 0.37 && size < (int64_t{1} << 26)) size *= 2;
+    while (double(size) / sampleRate < 0.37 && size < (size_t{1} << 26)) size *= 2;
     return size;
 }
 
-int64_t pitchClass(double roundedPitch) {
+size_t pitchClass(double roundedPitch) {
     const auto r = static_cast<int64_t>(roundedPitch);
-    return ((r % 12) + 12) % 12;
+    return static_cast<size_t>(((r % 12) + 12) % 12);
 }
 
 }  // namespace
@@ -34,18 +34,16 @@ KeyAnalyzer::KeyAnalyzer(double sampleRate, bool offline, Parameters parameters)
       sampleRate_(sampleRate),
       fftSize_(fftSizeFor(sampleRate)),
       hop_(fftSize_ / 4),
-      fft_(fftSize_),
+      fft_(static_cast<int64_t>(fftSize_)),
       offline_(offline) {
-    const double binHz = sampleRate_ / static_cast<double>(fftSize_);
-    const int64_t lastUsable = fft_.binCount() - 2;
-    peakLo_ = std::max<int64_t>(1, static_cast<int64_t>(truncatedCount(p_.minFrequency / binHz, 1 << 30)));
-    peakHi_ =
-        std::min<int64_t>(lastUsable, static_cast<int64_t>(truncatedCount(p_.maxFrequency / binHz, 1 << 30)));
-    if (peakLo_ + 2 < peakHi_) mag_.assign(static_cast<size_t>(peakHi_ + 2), 0.0f);
-    pending_.reserve(static_cast<size_t>(2 * fftSize_));
+    const double binHz = sampleRate_ / double(fftSize_);
+    peakLo_ = std::max<size_t>(1, truncatedCount(p_.minFrequency / binHz, 1 << 30));
+    peakHi_ = std::min(fftSize_ / 2 - 2, truncatedCount(p_.maxFrequency / binHz, 1 << 30));
+    if (peakLo_ + 2 < peakHi_) mag_.assign(peakHi_ + 2, 0.0f);
+    pending_.reserve(2 * fftSize_);
     peaks_.reserve(64);
     if (!offline_) {
-        const auto capacity = static_cast<size_t>(std::max<int64_t>(maxFrames(), 0)) + 1;
+        const size_t capacity = maxFrames() + 1;
         frames_.reserve(capacity);
         chords_ = ChordEvidence(capacity);
         bassFrames_.reserve(capacity);
@@ -55,13 +53,12 @@ KeyAnalyzer::KeyAnalyzer(double sampleRate, bool offline, Parameters parameters)
     }
 }
 
-int64_t KeyAnalyzer::maxFrames() const {
-    const double frames = p_.historySeconds * sampleRate_ / static_cast<double>(hop_);
-    return static_cast<int64_t>(truncatedCount(frames, size_t{1} << 40)) + 2;
+size_t KeyAnalyzer::maxFrames() const {
+    return truncatedCount(p_.historySeconds * sampleRate_ / double(hop_), size_t{1} << 40) + 2;
 }
 
 size_t KeyAnalyzer::framesFor(double seconds) const {
-    return truncatedCount(sampleRate_ / static_cast<double>(hop_) * seconds, frames_.size());
+    return truncatedCount(framesPerSecond() * seconds, frames_.size());
 }
 
 double KeyAnalyzer::tuningOffsetSemitones() const {
@@ -73,13 +70,13 @@ void KeyAnalyzer::append(std::span<const float> samples) {
     const auto n = static_cast<int64_t>(samples.size());
     if (n == 0) return;
     const float level = blockLevel(samples);
-    rms_ = 0.85 * rms_ + 0.15 * static_cast<double>(level);
+    rms_ = 0.85 * rms_ + 0.15 * level;
     samplesFed_ += n;
 
-    if (static_cast<double>(level) < p_.silenceFloor) {
+    if (level < p_.silenceFloor) {
         silentSamples_ += n;
-        if (!offline_ && static_cast<double>(silentSamples_) > p_.silenceResetSeconds * sampleRate_ &&
-            static_cast<double>(frames_.size()) > 8 * sampleRate_ / static_cast<double>(hop_)) {
+        if (!offline_ && double(silentSamples_) > p_.silenceResetSeconds * sampleRate_ &&
+            double(frames_.size()) > 8 * sampleRate_ / double(hop_)) {
             restart(0);
             silentSamples_ = 0;
         }
@@ -89,29 +86,25 @@ void KeyAnalyzer::append(std::span<const float> samples) {
 
     pending_.insert(pending_.end(), samples.begin(), samples.end());
     size_t start = 0;
-    const auto size = static_cast<size_t>(fftSize_);
-    while (pending_.size() - start >= size) {
+    while (pending_.size() - start >= fftSize_) {
         fft_.magnitudes(std::span(pending_).subspan(start), mag_);
         addFrame();
-        start += static_cast<size_t>(hop_);
+        start += hop_;
     }
-    pending_.erase(pending_.begin(), pending_.begin() + static_cast<std::ptrdiff_t>(start));
+    pending_.erase(pending_.begin(), pending_.begin() + std::ptrdiff_t(start));
 }
 
 void KeyAnalyzer::spectralPeaks() {
     peaks_.clear();
     if (mag_.empty()) return;
-    const double binHz = sampleRate_ / static_cast<double>(fftSize_);
-    const int64_t lo = peakLo_;
-    const int64_t hi = peakHi_;
-
+    const double binHz = sampleRate_ / double(fftSize_);
+    const std::span<const float> band = std::span(mag_).subspan(peakLo_, peakHi_ - peakLo_ + 1);
     float top = 0;
-    for (int64_t i = lo; i <= hi; ++i) top = std::max(top, mag_[static_cast<size_t>(i)]);
+    for (float v : band) top = std::max(top, v);
     if (!(top > 1e-7f)) return;
     const float thr = top * static_cast<float>(p_.peakThreshold);
 
-    for (int64_t i = lo; i <= hi; ++i) {
-        const auto k = static_cast<size_t>(i);
+    for (size_t k = peakLo_; k <= peakHi_; ++k) {
         const float x = mag_[k];
         if (!(x > thr && mag_[k - 1] < x && mag_[k + 1] <= x)) continue;
         const float a = std::log(std::max(mag_[k - 1], 1e-12f));
@@ -123,21 +116,21 @@ void KeyAnalyzer::spectralPeaks() {
             const float offset = 0.5f * (a - c) / d;
             if (std::fabs(offset) <= 0.5f) p = offset;
         }
-        const double f = binHz * (static_cast<double>(i) + static_cast<double>(p));
+        const double f = binHz * (double(k) + double(p));
         if (f < p_.minFrequency || f > p_.maxFrequency) continue;
         double weight;
         switch (p_.peakCompression) {
             case 1:
-                weight = std::log(static_cast<double>(x / thr) + 1);
+                weight = std::log(double(x / thr) + 1);
                 break;
             case 2:
-                weight = std::cbrt(static_cast<double>(x));
+                weight = std::cbrt(double(x));
                 break;
             case 3:
                 weight = 1.0;
                 break;
             default:
-                weight = std::sqrt(static_cast<double>(x));
+                weight = std::sqrt(double(x));
                 break;
         }
         peaks_.push_back({f, weight});
@@ -163,20 +156,20 @@ void KeyAnalyzer::addFrame() {
     for (const Peak& peak : peaks_) {
         if (p_.harmonicWeights.empty() || peak.frequency < p_.minFrequency) continue;
         for (size_t h = 0; h < p_.harmonicWeights.size(); ++h) {
-            const double f0 = peak.frequency / static_cast<double>(h + 1);
+            const double f0 = peak.frequency / double(h + 1);
             if (f0 < p_.minFrequency) break;
             const double m = 12 * std::log2(f0 / 440) + 69 - delta;
             const double r = std::round(m);
             const double dev = std::fabs(m - r);
             if (!(dev < p_.semitoneTolerance)) continue;
-            const auto pc = static_cast<size_t>(pitchClass(r));
+            const size_t pc = pitchClass(r);
             const double c = peak.weight * p_.harmonicWeights[h] * (1 - dev / p_.semitoneTolerance);
             const bool bass = h == 0 && peak.frequency < p_.bassMaxHz;
             chroma[pc] += c * (bass ? p_.bassBoost : 1.0);
             if (f0 >= p_.midMinHz) mid[pc] += c;
             if (bass && peak.weight > bestBass) {
                 bestBass = peak.weight;
-                bassPc = static_cast<int64_t>(pc);
+                bassPc = int64_t(pc);
             }
         }
     }
@@ -204,9 +197,9 @@ void KeyAnalyzer::addFrame() {
     frames_.push_back(chroma);
     bassFrames_.push_back(bassPc);
     midFrames_.push_back(mid);
-    if (dumpFrames) dumped_.push_back({static_cast<double>(samplesFed_) / sampleRate_, chroma, mid, bassPc});
+    if (dumpFrames) dumped_.push_back({double(samplesFed_) / sampleRate_, chroma, mid, bassPc});
     if (!offline_) {
-        const auto limit = static_cast<size_t>(std::max<int64_t>(maxFrames(), 0));
+        const size_t limit = maxFrames();
         frames_.keepLast(limit);
         bassFrames_.keepLast(limit);
         midFrames_.keepLast(limit);
@@ -268,7 +261,7 @@ double KeyAnalyzer::correlation(std::span<const double> a, std::span<const doubl
 }
 
 KeyEstimate KeyAnalyzer::decide(double usingLastSeconds) const {
-    const double frameRate = sampleRate_ / double(hop_);
+    const double frameRate = framesPerSecond();
     size_t n = frames_.size();
     if (std::isfinite(usingLastSeconds)) n = truncatedCount(frameRate * usingLastSeconds, size_t{1} << 40);
     n = std::max<size_t>(n, 1);
@@ -361,7 +354,7 @@ KeyEstimate KeyAnalyzer::verdict(const Ranking& ranked) const {
 }
 
 void KeyAnalyzer::detectSongChange() {
-    const double frameRate = sampleRate_ / static_cast<double>(hop_);
+    const double frameRate = framesPerSecond();
     const size_t shortSpan = truncatedCount(p_.shiftShortSeconds * frameRate, size_t{1} << 40);
     const size_t base = truncatedCount(8 * frameRate, size_t{1} << 40);
     if (frames_.size() >= shortSpan + base) {
@@ -384,7 +377,7 @@ void KeyAnalyzer::detectSongChange() {
 
 KeyEstimate KeyAnalyzer::estimate() {
     if (!(rms_ > p_.silenceFloor)) return KeyEstimate::unknown;
-    const double frameRate = sampleRate_ / static_cast<double>(hop_);
+    const double frameRate = framesPerSecond();
     if (!offline_) detectSongChange();
     if (static_cast<double>(frames_.size()) < p_.minimumSeconds * frameRate) return KeyEstimate::unknown;
 

@@ -114,18 +114,11 @@ class KeyAnalyzer {
     bool dumpFrames = false;
     const std::vector<DumpRow>& dumped() const { return dumped_; }
 
-    int64_t fftSize() const { return fftSize_; }
-    int64_t hop() const { return hop_; }
-    int64_t maxFrames() const;
     size_t frameCount() const { return frames_.size(); }
-    std::span<const Chroma> frames() const { return frames_.view(); }
-    std::span<const Chroma> midFrames() const { return midFrames_.view(); }
-    std::span<const int64_t> bassFrames() const { return bassFrames_.view(); }
     double tuningOffsetSemitones() const;
     double rms() const { return rms_; }
     int64_t samplesFed() const { return samplesFed_; }
     int64_t restartedAt() const { return restartedAt_; }
-    const std::vector<double>& harmonicWeights() const { return p_.harmonicWeights; }
 
   private:
     struct Peak {
@@ -142,6 +135,8 @@ class KeyAnalyzer {
         MusicalKey key;
     };
 
+    double framesPerSecond() const { return sampleRate_ / double(hop_); }
+    size_t maxFrames() const;
     void spectralPeaks();
     void addFrame();
     Ranking rank(const Chroma& sum, const Chroma& bass, const std::array<double, 24>& chords) const;
@@ -152,11 +147,11 @@ class KeyAnalyzer {
 
     Parameters p_;
     double sampleRate_;
-    int64_t fftSize_;
-    int64_t hop_;
+    size_t fftSize_;
+    size_t hop_;
     FFTMagnitude fft_;
-    int64_t peakLo_ = 0;  // the bins spectralPeaks searches, [peakLo_, peakHi_]
-    int64_t peakHi_ = 0;
+    size_t peakLo_ = 0;  // the bins spectralPeaks searches, [peakLo_, peakHi_]
+    size_t peakHi_ = 0;
     std::vector<float> mag_;  // bins up to peakHi_ + 1, the last one a peak's neighbour can be
     std::vector<float> pending_;
     SlidingWindow<Chroma> frames_;
