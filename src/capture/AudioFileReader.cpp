@@ -3,6 +3,8 @@
 
 #include "AudioFileReader.h"
 
+#include "FFmpegSupport.h"
+
 #include <sys/stat.h>
 #include <algorithm>
 #include <cmath>
@@ -27,6 +29,8 @@ namespace velquin {
 
 namespace {
 
+using namespace ffmpeg;
+
 // swresample handles at most this many channels; a file claiming more is damaged or not for listening.
 constexpr int maximumChannels = 64;
 
@@ -42,116 +46,6 @@ constexpr int maximumFailuresInARow = 16;
 constexpr double maximumMissingSeconds = 1.0;
 
 constexpr int ioBufferSize = 64 * 1024;
-
-// What went wrong, in words; FFmpeg's own text where there is nothing better to say.
-std::string errorText(int code) {
-    if (code == AVERROR(ENOENT)) return "no such file";
-    if (code == AVERROR(EACCES) || code == AVERROR(EPERM)) return "permission denied";
-    if (code == AVERROR(EISDIR)) return "is a folder, not a file";
-    if (code == AVERROR_INVALIDDATA) return "not an audio file FFmpeg can read";
-    if (code == AVERROR_STREAM_NOT_FOUND) return "the file has no audio track";
-    if (code == AVERROR(ENOMEM)) return "out of memory";
-    char text[AV_ERROR_MAX_STRING_SIZE] = {};
-    if (av_strerror(code, text, sizeof text) < 0) return "decoder error " + std::to_string(code);
-    return text;
-}
-
-// "0:42", "61:05": where in the audio, as a player shows it.
-std::string clockText(double seconds) {
-    const auto whole = static_cast<long long>(std::max(0.0, seconds));
-    char text[32];
-    std::snprintf(text, sizeof text, "%lld:%02lld", whole / 60, whole % 60);
-    return text;
-}
-
-// Failures that mean the decoder itself is broken or out of memory, as opposed to bad input data.
-bool isHardFailure(int code) {
-    return code == AVERROR(ENOMEM) || code == AVERROR_BUG || code == AVERROR_BUG2;
-}
-
-struct FormatCloser {
-    void operator()(AVFormatContext* p) const { avformat_close_input(&p); }
-};
-struct CodecFreer {
-    void operator()(AVCodecContext* p) const { avcodec_free_context(&p); }
-};
-struct FrameFreer {
-    void operator()(AVFrame* p) const { av_frame_free(&p); }
-};
-struct PacketFreer {
-    void operator()(AVPacket* p) const { av_packet_free(&p); }
-};
-struct SwrFreer {
-    void operator()(SwrContext* p) const { swr_free(&p); }
-};
-struct FifoFreer {
-    void operator()(AVAudioFifo* p) const { av_audio_fifo_free(p); }
-};
-struct IOFreer {
-    void operator()(AVIOContext* p) const {
-        av_freep(&p->buffer);
-        avio_context_free(&p);
-    }
-};
-
-// AVChannelLayout owns memory for custom orders; this frees it on every path.
-struct Layout {
-    AVChannelLayout value{};
-    Layout() = default;
-    Layout(const Layout&) = delete;
-    Layout& operator=(const Layout&) = delete;
-    ~Layout() { av_channel_layout_uninit(&value); }
-};
-
-struct MemorySource {
-    std::span<const std::uint8_t> bytes;
-    int64_t position = 0;
-
-    static int read(void* opaque, uint8_t* buffer, int size) {
-        auto* self = static_cast<MemorySource*>(opaque);
-        const auto remaining = static_cast<int64_t>(self->bytes.size()) - self->position;
-        const auto n = static_cast<int>(std::min<int64_t>(remaining, size));
-        if (n <= 0) return AVERROR_EOF;
-        std::memcpy(buffer, self->bytes.data() + self->position, static_cast<size_t>(n));
-        self->position += n;
-        return n;
-    }
-
-    static int64_t seek(void* opaque, int64_t offset, int whence) {
-        auto* self = static_cast<MemorySource*>(opaque);
-        const auto size = static_cast<int64_t>(self->bytes.size());
-        int64_t target = 0;
-        switch (whence & ~AVSEEK_FORCE) {
-            case AVSEEK_SIZE:
-                return size;
-            case SEEK_SET:
-                target = offset;
-                break;
-            case SEEK_CUR:
-                target = self->position + offset;
-                break;
-            case SEEK_END:
-                target = size + offset;
-                break;
-            default:
-                return AVERROR(EINVAL);
-        }
-        if (target < 0 || target > size) return AVERROR(EINVAL);
-        self->position = target;
-        return target;
-    }
-};
-
-// An in-memory input must not reach out to other files or the network (playlists, references in
-// containers): every nested open is refused.
-int refuseNestedOpen(AVFormatContext*, AVIOContext**, const char*, int, AVDictionary**) {
-    return AVERROR(EPERM);
-}
-
-void quietLibrary() {
-    static std::once_flag once;
-    std::call_once(once, [] { av_log_set_level(AV_LOG_QUIET); });
-}
 
 }  // namespace
 
