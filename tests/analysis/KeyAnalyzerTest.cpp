@@ -44,19 +44,6 @@ std::vector<std::vector<int>> cadence(int tonic, bool minor) {
 
 }  // namespace
 
-TEST(KeyAnalyzer, FramesFollowTheSampleRate) {
-    // At 44.1 kHz: one frame once 16384 samples have arrived, then one per 4096, however the blocks are cut.
-    const auto tone = velquin::test::sine(440, 44100, 2.0);
-    KeyAnalyzer analyzer(44100, true);
-    analyzer.append(std::span(tone).first(16383));
-    EXPECT_EQ(analyzer.frameCount(), 0u);
-    analyzer.append(std::span(tone).subspan(16383, 1));
-    EXPECT_EQ(analyzer.frameCount(), 1u);
-    for (size_t i = 16384; i < 16384 + 4096; i += 1000)
-        analyzer.append(std::span(tone).subspan(i, std::min<size_t>(1000, 16384 + 4096 - i)));
-    EXPECT_EQ(analyzer.frameCount(), 2u);
-}
-
 TEST(KeyAnalyzer, SinesFoldToTheirPitchClassWithSubharmonicReadings) {
     KeyAnalyzer a440(44100, true);
     a440.dumpFrames = true;

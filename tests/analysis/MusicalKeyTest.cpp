@@ -8,7 +8,6 @@
 #include "MusicalKey.h"
 
 using velquin::KeyEstimate;
-using velquin::KeyProfile;
 using velquin::MusicalKey;
 using velquin::NoteMeter;
 using Preference = KeyEstimate::RelativePreference;
@@ -69,12 +68,6 @@ TEST(KeyEstimate, ShortTextNamesTheRelativeByPreference) {
     EXPECT_FALSE(velquin::relativePreferenceFromRaw("Both"));
     for (auto preference : velquin::allRelativePreferences())
         EXPECT_EQ(velquin::relativePreferenceFromRaw(velquin::rawValue(preference)), preference);
-}
-
-TEST(KeyProfile, TheBlendIsTheMeanOfTwoProfiles) {
-    EXPECT_EQ(KeyProfile::tables(KeyProfile::Name::blend).first, &KeyProfile::blendMajor());
-    EXPECT_DOUBLE_EQ(KeyProfile::blendMajor()[3], 2.15);
-    EXPECT_DOUBLE_EQ(KeyProfile::blendMinor()[10], 2.9);
 }
 
 TEST(NoteMeter, BarsScaleAndStyle) {
