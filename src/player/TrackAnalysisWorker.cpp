@@ -1,6 +1,11 @@
 #include "TrackAnalysisWorker.h"
 
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <exception>
+#include <system_error>
 #include <utility>
 
 #include "FileAnalysis.h"
@@ -16,10 +21,21 @@ std::optional<TrackResult> analyzeTrackFile(const std::string& path, TempoRange 
     }
 }
 
-TrackAnalysisWorker::TrackAnalysisWorker(std::shared_ptr<TrackCache> cache, Done onDone, Analyze analyze)
+namespace {
+
+// Before the thread starts, so that a failure leaves nothing to join.
+int makeEventFd() {
+    const int fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (fd < 0) throw std::system_error(errno, std::generic_category(), "eventfd");
+    return fd;
+}
+
+}  // namespace
+
+TrackAnalysisWorker::TrackAnalysisWorker(std::shared_ptr<TrackCache> cache, Analyze analyze)
     : cache_(std::move(cache)),
-      onDone_(std::move(onDone)),
       analyze_(std::move(analyze)),
+      readyFd_(makeEventFd()),
       thread_([this] { run(); }) {}
 
 TrackAnalysisWorker::~TrackAnalysisWorker() {
@@ -31,6 +47,7 @@ TrackAnalysisWorker::~TrackAnalysisWorker() {
         wake_.notify_one();
     }
     thread_.join();
+    close(readyFd_);
 }
 
 void TrackAnalysisWorker::request(Job job) {
@@ -47,6 +64,8 @@ void TrackAnalysisWorker::cancel() {
 }
 
 std::optional<TrackAnalysisWorker::Outcome> TrackAnalysisWorker::takeOutcome() {
+    eventfd_t count;
+    eventfd_read(readyFd_, &count);  // resets the descriptor; fails harmlessly when it was not set
     std::lock_guard lock(mutex_);
     return std::exchange(ready_, std::nullopt);
 }
@@ -73,7 +92,7 @@ void TrackAnalysisWorker::run() {
         std::stop_source jobStop;
         const std::optional<Job> job = takeJob(&jobStop);
         if (!job) return;
-        if (finishJob(process(*job, jobStop.get_token())) && onDone_) onDone_();
+        if (finishJob(process(*job, jobStop.get_token()))) eventfd_write(readyFd_, 1);
     }
 }
 

@@ -227,7 +227,9 @@ TEST(PlayerFollow, FloodAndCrashNeitherBlockNorLeaveWorkBehind) {
     flood.start(10);
     waitFor([&] { return sent >= 100; });
     flood.stop();
-    EXPECT_LT(longestGap, 250);  // the timer's 10 ms, and scheduling on a shared two-core machine
+    // The timer's 10 ms plus scheduling: under the race detector the analysis threads can hold both
+    // cores of a shared machine for a few hundred milliseconds.
+    EXPECT_LT(longestGap, 500);
     player->play(url("c.wav"));
     ASSERT_TRUE(waitFor([&] { return rig->running > 0; }));
     player->crash();
