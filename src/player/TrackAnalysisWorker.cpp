@@ -92,15 +92,20 @@ void TrackAnalysisWorker::run() {
         std::stop_source jobStop;
         const std::optional<Job> job = takeJob(&jobStop);
         if (!job) return;
-        if (finishJob(process(*job, jobStop.get_token()))) eventfd_write(readyFd_, 1);
+        TrackCacheKey key{job->path, 0, 0, job->range};
+        Outcome outcome = process(*job, jobStop.get_token(), key);
+        // The reading goes out first; the cache write (a commit to disk) is nobody's wait.
+        const auto fresh = outcome.fromCache ? std::nullopt : outcome.result;
+        if (finishJob(std::move(outcome))) eventfd_write(readyFd_, 1);
+        if (cache_ && fresh) cache_->store(key, *fresh);
     }
 }
 
 // An outcome with id 0 is not reported: the analysis stopped early on request.
-TrackAnalysisWorker::Outcome TrackAnalysisWorker::process(const Job& job, std::stop_token stop) {
+TrackAnalysisWorker::Outcome TrackAnalysisWorker::process(const Job& job, std::stop_token stop,
+                                                          TrackCacheKey& key) {
     Outcome outcome;
     outcome.id = job.id;
-    TrackCacheKey key{job.path, 0, 0, job.range};
     outcome.error = checkPlayableFile(job.path, &key.size, &key.modifiedNanos);
     if (!outcome.error.empty()) return outcome;
     if (cache_) {
@@ -114,9 +119,7 @@ TrackAnalysisWorker::Outcome TrackAnalysisWorker::process(const Job& job, std::s
         if (!outcome.result) return Outcome{};
     } catch (const std::exception& e) {
         outcome.error = e.what();
-        return outcome;
     }
-    if (cache_) cache_->store(key, *outcome.result);
     return outcome;
 }
 

@@ -58,7 +58,8 @@ class TrackAnalysisWorker {
     // The hand-over with the other threads, under the lock: the next job (none: quit), then its outcome.
     std::optional<Job> takeJob(std::stop_source* stop);
     bool finishJob(Outcome&& outcome);
-    Outcome process(const Job& job, std::stop_token stop);
+    // Fills in the key's size and modification time.
+    Outcome process(const Job& job, std::stop_token stop, TrackCacheKey& key);
 
     std::shared_ptr<TrackCache> cache_;
     Analyze analyze_;

@@ -180,6 +180,7 @@ TEST(PlayerFollow, MalformedTracksLeaveTheLiveReading) {
         {"no url", QVariantMap{{"xesam:title", "x"}}, 0},
         {"folder", ScriptedPlayer::metadata(url("folder")), 1},
         {"device", ScriptedPlayer::metadata("file:///dev/zero"), 1},
+        {"null device", ScriptedPlayer::metadata("file:///dev/null"), 1},
         {"empty file", ScriptedPlayer::metadata(url("empty.wav")), 1},
         {"missing file", ScriptedPlayer::metadata(url("absent.wav")), 1},
         {"not audio", ScriptedPlayer::metadata(url("notes.txt")), 1},
