@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # The whole test suite: installs what is missing, checks the C++ formatting, then builds and tests a normal build and an
-# AddressSanitizer + UndefinedBehaviorSanitizer build, then the threaded capture code under ThreadSanitizer,
+# AddressSanitizer + UndefinedBehaviorSanitizer build, then the threaded capture code and the player follower under ThreadSanitizer,
 # then a minute of fuzzing the file decoder.
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/scripts/setup.sh"
@@ -35,13 +35,13 @@ export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
 velquin_build "$VELQUIN_ROOT/build-asan" -DCMAKE_BUILD_TYPE=Debug -DVELQUIN_SANITIZE=ON
 run_ctest "$VELQUIN_ROOT/build-asan"
 
-echo "== ThreadSanitizer build (sample ring, service, capture sources)"
+echo "== ThreadSanitizer build (sample ring, service, capture sources, player follower)"
 export TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1:suppressions=$VELQUIN_ROOT/tests/sanitizers/tsan.supp}
 tsan="$VELQUIN_ROOT/build-tsan"
 [ -f "$tsan/build.ninja" ] ||
     cmake -S "$VELQUIN_ROOT" -B "$tsan" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DVELQUIN_TSAN=ON >/dev/null
-cmake --build "$tsan" -j "$jobs" --target capture_tests
-run_ctest "$tsan" -R '^(SampleRing|TempoService|PulseSource|FileAnalysis)\.'
+cmake --build "$tsan" -j "$jobs" --target capture_tests player_tests
+run_ctest "$tsan" -R '^(SampleRing|TempoService|PulseSource|FileAnalysis|PlayerFollow)\.'
 
 echo "== decoder fuzzing (one minute)"
 "$VELQUIN_ROOT/scripts/fuzz.sh" 60 || status=1

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # How fast the reading follows the player: a scripted MPRIS player on a private session bus changes track
-# ten times, to ten copies of a 4-minute MP3 (so each is read), then to the same ten again (now cached);
-# the medians from its PropertiesChanged to the follower's new reading are printed.
+# ten times, to ten copies of a 4-minute MP3 (so each is read), then to the same ten again (now cached, in
+# the desktop's cache on disk, here in a fresh folder); the medians from its PropertiesChanged to the
+# follower's new reading are printed.
 #   bench/player.sh [MP3]   (default: a generated 4-minute stereo MP3)
 # The program is $PLAYER_BENCH_BIN, or build/tests/player_bench under the project root.
 set -euo pipefail
@@ -13,6 +14,7 @@ command -v dbus-daemon >/dev/null || { echo "dbus-daemon is not installed" >&2; 
 
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
+export XDG_CACHE_HOME=$work/cache
 source=${1:-}
 if [ -z "$source" ]; then
     command -v ffmpeg >/dev/null || { echo "ffmpeg is not installed" >&2; exit 2; }

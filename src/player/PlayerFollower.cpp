@@ -1,6 +1,6 @@
 #include "PlayerFollower.h"
 
-#include <QMetaObject>
+#include <QSocketNotifier>
 
 namespace velquin {
 
@@ -22,21 +22,16 @@ PlayerFollower::PlayerFollower(QDBusConnection bus, std::shared_ptr<TrackCache> 
                                TrackAnalysisWorker::Analyze analyze, QObject* parent)
     : QObject(parent), watcher_(std::move(bus)) {
     watcher_.onChange = [this] { update(); };
-    // The worker reports on its own thread; the result is handled here, or dropped with this object.
-    worker_ = std::make_unique<TrackAnalysisWorker>(
-        std::move(cache),
-        [this] {
-            QMetaObject::invokeMethod(
-                this,
-                [this] {
-                    if (auto outcome = worker_->takeOutcome()) finished(std::move(*outcome));
-                },
-                Qt::QueuedConnection);
-        },
-        std::move(analyze));
+    worker_ = std::make_unique<TrackAnalysisWorker>(std::move(cache), std::move(analyze));
+    // The worker only marks its descriptor; the outcome is fetched on this thread.
+    workerReady_ = new QSocketNotifier(worker_->readyFd(), QSocketNotifier::Read, this);
+    connect(workerReady_, &QSocketNotifier::activated, this, [this] {
+        if (auto outcome = worker_->takeOutcome()) finished(std::move(*outcome));
+    });
 }
 
 PlayerFollower::~PlayerFollower() {
+    delete workerReady_;  // before the descriptor it watches closes
     worker_.reset();
 }
 

@@ -7,6 +7,7 @@
 
 #include <QDBusConnection>
 #include <QObject>
+#include <QSocketNotifier>
 #include <QString>
 #include <cstdint>
 #include <functional>
@@ -75,6 +76,7 @@ class PlayerFollower : public QObject {
     uint64_t jobId_ = 0;
     std::optional<PlayerReading> reading_;
     std::unique_ptr<TrackAnalysisWorker> worker_;
+    QSocketNotifier* workerReady_ = nullptr;
 };
 
 }  // namespace velquin

@@ -1,6 +1,11 @@
 #include "TrackAnalysisWorker.h"
 
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <exception>
+#include <system_error>
 #include <utility>
 
 #include "FileAnalysis.h"
@@ -16,10 +21,21 @@ std::optional<TrackResult> analyzeTrackFile(const std::string& path, TempoRange 
     }
 }
 
-TrackAnalysisWorker::TrackAnalysisWorker(std::shared_ptr<TrackCache> cache, Done onDone, Analyze analyze)
+namespace {
+
+// Before the thread starts, so that a failure leaves nothing to join.
+int makeEventFd() {
+    const int fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (fd < 0) throw std::system_error(errno, std::generic_category(), "eventfd");
+    return fd;
+}
+
+}  // namespace
+
+TrackAnalysisWorker::TrackAnalysisWorker(std::shared_ptr<TrackCache> cache, Analyze analyze)
     : cache_(std::move(cache)),
-      onDone_(std::move(onDone)),
       analyze_(std::move(analyze)),
+      readyFd_(makeEventFd()),
       thread_([this] { run(); }) {}
 
 TrackAnalysisWorker::~TrackAnalysisWorker() {
@@ -31,6 +47,7 @@ TrackAnalysisWorker::~TrackAnalysisWorker() {
         wake_.notify_one();
     }
     thread_.join();
+    close(readyFd_);
 }
 
 void TrackAnalysisWorker::request(Job job) {
@@ -47,6 +64,8 @@ void TrackAnalysisWorker::cancel() {
 }
 
 std::optional<TrackAnalysisWorker::Outcome> TrackAnalysisWorker::takeOutcome() {
+    eventfd_t count;
+    eventfd_read(readyFd_, &count);  // resets the descriptor; fails harmlessly when it was not set
     std::lock_guard lock(mutex_);
     return std::exchange(ready_, std::nullopt);
 }
@@ -73,15 +92,20 @@ void TrackAnalysisWorker::run() {
         std::stop_source jobStop;
         const std::optional<Job> job = takeJob(&jobStop);
         if (!job) return;
-        if (finishJob(process(*job, jobStop.get_token())) && onDone_) onDone_();
+        TrackCacheKey key{job->path, 0, 0, job->range};
+        Outcome outcome = process(*job, jobStop.get_token(), key);
+        // The reading goes out first; the cache write (a commit to disk) is nobody's wait.
+        const auto fresh = outcome.fromCache ? std::nullopt : outcome.result;
+        if (finishJob(std::move(outcome))) eventfd_write(readyFd_, 1);
+        if (cache_ && fresh) cache_->store(key, *fresh);
     }
 }
 
 // An outcome with id 0 is not reported: the analysis stopped early on request.
-TrackAnalysisWorker::Outcome TrackAnalysisWorker::process(const Job& job, std::stop_token stop) {
+TrackAnalysisWorker::Outcome TrackAnalysisWorker::process(const Job& job, std::stop_token stop,
+                                                          TrackCacheKey& key) {
     Outcome outcome;
     outcome.id = job.id;
-    TrackCacheKey key{job.path, 0, 0, job.range};
     outcome.error = checkPlayableFile(job.path, &key.size, &key.modifiedNanos);
     if (!outcome.error.empty()) return outcome;
     if (cache_) {
@@ -95,9 +119,7 @@ TrackAnalysisWorker::Outcome TrackAnalysisWorker::process(const Job& job, std::s
         if (!outcome.result) return Outcome{};
     } catch (const std::exception& e) {
         outcome.error = e.what();
-        return outcome;
     }
-    if (cache_) cache_->store(key, *outcome.result);
     return outcome;
 }
 

@@ -36,12 +36,9 @@ class TrackAnalysisWorker {
     };
     using Analyze =
         std::function<std::optional<TrackResult>(const std::string&, TempoRange, std::stop_token)>;
-    // Runs on the worker thread when takeOutcome() has something; never for a job whose analysis
-    // stopped early on request.
-    using Done = std::function<void()>;
 
     // `cache` may be null (every request is analysed).
-    TrackAnalysisWorker(std::shared_ptr<TrackCache> cache, Done onDone, Analyze analyze = analyzeTrackFile);
+    explicit TrackAnalysisWorker(std::shared_ptr<TrackCache> cache, Analyze analyze = analyzeTrackFile);
     ~TrackAnalysisWorker();  // cancels what runs and waits for the thread
     TrackAnalysisWorker(const TrackAnalysisWorker&) = delete;
     TrackAnalysisWorker& operator=(const TrackAnalysisWorker&) = delete;
@@ -49,8 +46,11 @@ class TrackAnalysisWorker {
     // Any thread. Replaces a request not yet started and asks the running one to stop.
     void request(Job job);
     void cancel();
-    // Any thread: the latest finished job's outcome, once. Handing it over under the worker's lock
-    // (rather than inside the notification) keeps the hand-over visible to the race detector.
+    // Readable (poll, a socket notifier) when takeOutcome() has something; never for a job whose
+    // analysis stopped early on request. The worker thread only writes this descriptor: it calls
+    // nothing of its owner's, and the outcome crosses threads under the worker's own lock.
+    int readyFd() const { return readyFd_; }
+    // Any thread: the latest finished job's outcome, once.
     std::optional<Outcome> takeOutcome();
 
   private:
@@ -58,11 +58,12 @@ class TrackAnalysisWorker {
     // The hand-over with the other threads, under the lock: the next job (none: quit), then its outcome.
     std::optional<Job> takeJob(std::stop_source* stop);
     bool finishJob(Outcome&& outcome);
-    Outcome process(const Job& job, std::stop_token stop);
+    // Fills in the key's size and modification time.
+    Outcome process(const Job& job, std::stop_token stop, TrackCacheKey& key);
 
     std::shared_ptr<TrackCache> cache_;
-    Done onDone_;
     Analyze analyze_;
+    int readyFd_ = -1;  // an eventfd
     std::mutex mutex_;
     std::condition_variable wake_;
     bool quitting_ = false;

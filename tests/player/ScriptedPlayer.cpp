@@ -1,12 +1,17 @@
 #include "ScriptedPlayer.h"
 
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
 #include <QDBusMessage>
 #include <QDBusObjectPath>
 #include <QDBusVariant>
-#include <QProcess>
 #include <QStringList>
+
 #include <cstdlib>
 #include <stdexcept>
+#include <string>
 
 namespace velquin::test {
 
@@ -16,19 +21,31 @@ const QString kPlayer = QStringLiteral("org.mpris.MediaPlayer2.Player");
 }  // namespace
 
 QString privateBusAddress() {
-    static QProcess* daemon = nullptr;
+    static pid_t daemon = 0;
     static QString address;
     if (!daemon) {
-        // No child-process hook: the child may share this address space until it execs, and
-        // instrumented code run there confuses the race detector.
-        daemon = new QProcess;
+        // posix_spawn rather than QProcess: Qt's spawn runs the child in this address space until it
+        // execs, through intercepted calls, and the race detector then loses this thread's locks.
+        int out[2];
+        if (pipe(out) != 0) throw std::runtime_error("pipe failed");
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
+        posix_spawn_file_actions_addclose(&actions, out[0]);
+        char* argv[] = {const_cast<char*>("dbus-daemon"), const_cast<char*>("--session"),
+                        const_cast<char*>("--nofork"), const_cast<char*>("--print-address"), nullptr};
+        const int failed = posix_spawnp(&daemon, argv[0], &actions, nullptr, argv, environ);
+        posix_spawn_file_actions_destroy(&actions);
+        close(out[1]);
+        std::string line;
+        for (char c = 0; !failed && read(out[0], &c, 1) == 1 && c != '\n';) line += c;
+        close(out[0]);
+        if (failed || line.empty()) throw std::runtime_error("dbus-daemon did not start");
         std::atexit([] {
-            daemon->kill();
-            daemon->waitForFinished(2000);
+            kill(daemon, SIGTERM);
+            waitpid(daemon, nullptr, 0);
         });
-        daemon->start(QStringLiteral("dbus-daemon"), {"--session", "--nofork", "--print-address"});
-        if (!daemon->waitForReadyRead(10000)) throw std::runtime_error("dbus-daemon did not start");
-        address = QString::fromUtf8(daemon->readLine()).trimmed();
+        address = QString::fromStdString(line).trimmed();
     }
     return address;
 }
