@@ -15,42 +15,15 @@
 #include <cstdlib>
 #include <memory>
 #include <mutex>
-#include <new>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "AllocationCounter.h"
 #include "EngineSettings.h"
 #include "MicrophoneSource.h"
 #include "SystemAudioSource.h"
 #include "TestSupport.h"
-
-// Heap allocations made on a source's delivery thread (marked by the first delivery it makes).
-namespace {
-thread_local bool onDeliveryThread = false;
-std::atomic<int64_t> deliveryAllocations{0};
-}  // namespace
-
-void* operator new(size_t size) {
-    if (onDeliveryThread) deliveryAllocations.fetch_add(1, std::memory_order_relaxed);
-    if (void* p = std::malloc(size == 0 ? 1 : size)) return p;
-    throw std::bad_alloc();
-}
-void* operator new[](size_t size) {
-    return operator new(size);
-}
-void operator delete(void* p) noexcept {
-    std::free(p);
-}
-void operator delete[](void* p) noexcept {
-    std::free(p);
-}
-void operator delete(void* p, size_t) noexcept {
-    std::free(p);
-}
-void operator delete[](void* p, size_t) noexcept {
-    std::free(p);
-}
 
 namespace velquin {
 namespace {
@@ -69,7 +42,7 @@ class Recorder {
     explicit Recorder(AudioSource& source) {
         samples_.reserve(48000 * 30);
         source.onSamples = [this](const float* data, int64_t count) {
-            onDeliveryThread = true;
+            test::allocations::countOnThisThread(true);  // the source's delivery thread
             std::lock_guard lock(mutex_);
             const size_t room = samples_.capacity() - samples_.size();
             samples_.insert(samples_.end(), data, data + std::min<size_t>(room, size_t(count)));
@@ -212,9 +185,9 @@ TEST_F(PulseCapture, SystemAudioHearsWhatPlaysAtTheSinkRateMixedToMono) {
 
     // A 0.5 sine on the left only averages to RMS 0.5 / sqrt(2) / 2. The delivery path allocates
     // nothing meanwhile (the recorder copies into reserved storage).
-    deliveryAllocations = 0;
+    test::allocations::reset();
     Tone tone = loudest(captureWhilePlaying(recorder, file("left-1k.wav"), "", 48000), 24000, 48000);
-    EXPECT_EQ(deliveryAllocations.load(), 0);
+    EXPECT_EQ(test::allocations::count(), 0);
     EXPECT_NEAR(tone.rms, 0.5 / std::sqrt(2.0) / 2, 0.01);
     EXPECT_NEAR(tone.frequency, 1000, 5);
 
