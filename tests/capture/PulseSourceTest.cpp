@@ -116,8 +116,6 @@ TEST(PulseSources, StartWithoutServerFailsCleanlyWithTheUsersText) {
               "Could not tap system audio (error 6). Check that PulseAudio, or PipeWire's PulseAudio "
               "service, is running (pactl info) and that the default output has a monitor (pactl list "
               "short sources), then restart Velquin.");
-    EXPECT_EQ(system.sampleRate(), 48000);
-    system.stop();
     system.stop();
     // Nothing is left half-built: a second attempt fails the same way.
     EXPECT_THROW(system.start(), AudioSourceError);
@@ -125,7 +123,6 @@ TEST(PulseSources, StartWithoutServerFailsCleanlyWithTheUsersText) {
     EXPECT_EQ(startError(mic),
               "Could not reach the sound server for the microphone (error 6). Check that PulseAudio, or "
               "PipeWire's PulseAudio service, is running (pactl info), then restart Velquin.");
-    mic.stop();
     mic.stop();
 }
 
