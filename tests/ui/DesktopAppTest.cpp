@@ -30,15 +30,7 @@ namespace {
 
 using Preference = KeyEstimate::RelativePreference;
 
-KeyEstimate keyOf(int tonic, bool minor, double confidence, double tuningCents = 0) {
-    KeyEstimate key;
-    key.key = MusicalKey{tonic, minor};
-    key.confidence = confidence;
-    key.tuningCents = tuningCents;
-    key.chroma.fill(0.2);
-    key.chroma[static_cast<size_t>(tonic)] = 1.0;
-    return key;
-}
+using test::keyOf;
 
 class DesktopAppTest : public ::testing::Test {
   protected:
