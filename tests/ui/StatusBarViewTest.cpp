@@ -144,10 +144,6 @@ TEST_F(StatusBarViewTest, PreferredWidthHoldsFullSlotsInEveryLayout) {
             }
         }
     }
-    view.compact = false;
-    const double oneLine = view.preferredWidth();
-    view.compact = true;
-    EXPECT_LT(view.preferredWidth(), oneLine);
 }
 
 TEST_F(StatusBarViewTest, CompactStacksUnpaddedKeyAboveBpmAtTheSameX) {
