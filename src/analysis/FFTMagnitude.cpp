@@ -2,6 +2,7 @@
 
 #include <fftw3.h>
 
+#include <cassert>
 #include <cmath>
 #include <cstdlib>
 #include <mutex>
@@ -41,8 +42,6 @@ void FFTMagnitude::FreeDeleter::operator()(void* p) const {
 
 FFTMagnitude::FFTMagnitude(int64_t size) : size_(size), binCount_(size / 2) {
     if (size < 2 || (size & (size - 1)) != 0) throw std::invalid_argument("FFT size must be a power of two");
-    log2n_ = static_cast<uint64_t>(std::lround(std::log2(static_cast<double>(size))));
-
     window_.reset(allocate<float>(static_cast<size_t>(size_)));
     windowed_.reset(allocate<float>(static_cast<size_t>(size_)));
     spectrum_.reset(allocate<float>(2 * static_cast<size_t>(binCount_ + 1)));
@@ -69,10 +68,12 @@ FFTMagnitude::FFTMagnitude(int64_t size) : size_(size), binCount_(size / 2) {
 
 FFTMagnitude::~FFTMagnitude() = default;
 
-void FFTMagnitude::magnitudes(const float* frame, float* out) {
+void FFTMagnitude::magnitudes(std::span<const float> frame, std::span<float> out) {
+    assert(frame.size() >= static_cast<size_t>(size_) && out.size() <= static_cast<size_t>(binCount_));
+    if (out.empty()) return;
     float* w = windowed_.get();
     const float* win = window_.get();
-    for (int64_t i = 0; i < size_; ++i) w[i] = frame[i] * win[i];
+    for (int64_t i = 0; i < size_; ++i) w[i] = frame[static_cast<size_t>(i)] * win[i];
 
     fftwf_execute(plan_->plan);
 
@@ -81,7 +82,7 @@ void FFTMagnitude::magnitudes(const float* frame, float* out) {
     const float* s = spectrum_.get();
     const float dc = 2.0f * s[0];
     out[0] = std::sqrt(dc * dc) * scale_;
-    for (int64_t k = 1; k < binCount_; ++k) {
+    for (size_t k = 1; k < out.size(); ++k) {
         const float re = 2.0f * s[2 * k];
         const float im = 2.0f * s[2 * k + 1];
         out[k] = std::sqrt(re * re + im * im) * scale_;

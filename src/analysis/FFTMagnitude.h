@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <span>
 
 namespace velquin {
 
@@ -19,13 +20,12 @@ class FFTMagnitude {
     FFTMagnitude(const FFTMagnitude&) = delete;
     FFTMagnitude& operator=(const FFTMagnitude&) = delete;
 
-    // Reads `size()` samples at `frame`; writes `binCount()` values to `out`.
-    void magnitudes(const float* frame, float* out);
+    // Reads the first `size()` samples of `frame` and writes the lowest `out.size()` bins (at most
+    // `binCount()`): callers that look at low frequencies only skip the square roots of the rest.
+    void magnitudes(std::span<const float> frame, std::span<float> out);
 
     int64_t size() const { return size_; }
     int64_t binCount() const { return binCount_; }
-    uint64_t log2n() const { return log2n_; }
-    const float* window() const { return window_.get(); }
 
   private:
     struct FreeDeleter {
@@ -35,7 +35,6 @@ class FFTMagnitude {
 
     int64_t size_;
     int64_t binCount_;
-    uint64_t log2n_;
     std::unique_ptr<Plan> plan_;
     std::unique_ptr<float[], FreeDeleter> window_;
     std::unique_ptr<float[], FreeDeleter> windowed_;

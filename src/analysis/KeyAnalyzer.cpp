@@ -84,8 +84,13 @@ KeyAnalyzer::KeyAnalyzer(double sampleRate, bool offline, Parameters parameters)
       fftSize_(fftSizeFor(sampleRate)),
       hop_(fftSize_ / 4),
       fft_(fftSize_),
-      mag_(static_cast<size_t>(fftSize_ / 2), 0.0f),
       offline_(offline) {
+    const double binHz = sampleRate_ / static_cast<double>(fftSize_);
+    const int64_t lastUsable = fft_.binCount() - 2;
+    peakLo_ = std::max<int64_t>(1, static_cast<int64_t>(truncatedCount(p_.minFrequency / binHz, 1 << 30)));
+    peakHi_ =
+        std::min<int64_t>(lastUsable, static_cast<int64_t>(truncatedCount(p_.maxFrequency / binHz, 1 << 30)));
+    if (peakLo_ + 2 < peakHi_) mag_.assign(static_cast<size_t>(peakHi_ + 2), 0.0f);
     pending_.reserve(static_cast<size_t>(2 * fftSize_));
     peaks_.reserve(64);
     if (!offline_) {
@@ -135,7 +140,7 @@ void KeyAnalyzer::append(std::span<const float> samples) {
     size_t start = 0;
     const auto size = static_cast<size_t>(fftSize_);
     while (pending_.size() - start >= size) {
-        fft_.magnitudes(pending_.data() + start, mag_.data());
+        fft_.magnitudes(std::span(pending_).subspan(start), mag_);
         addFrame();
         start += static_cast<size_t>(hop_);
     }
@@ -144,13 +149,10 @@ void KeyAnalyzer::append(std::span<const float> samples) {
 
 void KeyAnalyzer::spectralPeaks() {
     peaks_.clear();
+    if (mag_.empty()) return;
     const double binHz = sampleRate_ / static_cast<double>(fftSize_);
-    const auto lastUsable = static_cast<int64_t>(mag_.size()) - 2;
-    const int64_t lo =
-        std::max<int64_t>(1, static_cast<int64_t>(truncatedCount(p_.minFrequency / binHz, 1 << 30)));
-    const int64_t hi =
-        std::min<int64_t>(lastUsable, static_cast<int64_t>(truncatedCount(p_.maxFrequency / binHz, 1 << 30)));
-    if (lo + 2 >= hi) return;
+    const int64_t lo = peakLo_;
+    const int64_t hi = peakHi_;
 
     float top = 0;
     for (int64_t i = lo; i <= hi; ++i) top = std::max(top, mag_[static_cast<size_t>(i)]);

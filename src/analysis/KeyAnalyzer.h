@@ -154,7 +154,9 @@ class KeyAnalyzer {
     int64_t fftSize_;
     int64_t hop_;
     FFTMagnitude fft_;
-    std::vector<float> mag_;
+    int64_t peakLo_ = 0;  // the bins spectralPeaks searches, [peakLo_, peakHi_]
+    int64_t peakHi_ = 0;
+    std::vector<float> mag_;  // bins up to peakHi_ + 1, the last one a peak's neighbour can be
     std::vector<float> pending_;
     SlidingWindow<Chroma> frames_;
     SlidingWindow<int64_t> bassFrames_;

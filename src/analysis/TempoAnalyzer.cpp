@@ -19,12 +19,12 @@ constexpr std::array<double, 4> lagHarmonicWeights{1.0, 0.5, 0.34, 0.25};
 constexpr double negativeInfinity = -std::numeric_limits<double>::infinity();
 constexpr size_t recentCapacity = 10;
 
-int64_t hopFor(double sampleRate) {
-    return std::max<int64_t>(std::lround(sampleRate / 100.0), 64);
+size_t hopFor(double sampleRate) {
+    return static_cast<size_t>(std::max(std::lround(sampleRate / 100.0), 64L));
 }
 
-int64_t fftSizeFor(int64_t hop) {
-    int64_t size = 1024;
+size_t fftSizeFor(size_t hop) {
+    size_t size = 1024;
     while (size < 2 * hop) size *= 2;
     return size;
 }
@@ -32,17 +32,81 @@ int64_t fftSizeFor(int64_t hop) {
 // Leaves the `count` highest-scoring values first, best first, ties in their original order, and drops
 // the rest: what a stable sort and a cut would give, without the sort's temporary buffer.
 template <typename Score>
-void keepBestInOrder(std::vector<int64_t>& values, size_t count, const Score& score) {
+void keepBestInOrder(std::vector<size_t>& values, size_t count, const Score& score) {
     count = std::min(count, values.size());
     for (size_t k = 0; k < count; ++k) {
         size_t best = k;
         for (size_t j = k + 1; j < values.size(); ++j)
             if (score(values[j]) > score(values[best])) best = j;
-        std::rotate(values.begin() + static_cast<std::ptrdiff_t>(k),
-                    values.begin() + static_cast<std::ptrdiff_t>(best),
-                    values.begin() + static_cast<std::ptrdiff_t>(best) + 1);
+        const auto first = values.begin();
+        std::rotate(first + std::ptrdiff_t(k), first + std::ptrdiff_t(best),
+                    first + std::ptrdiff_t(best + 1));
     }
     values.resize(count);
+}
+
+// The rises of the onset curve over its centred moving average of 2·half + 1 frames (shortened at
+// the ends).
+void detrend(std::span<const float> x, size_t half, std::vector<double>& out) {
+    const size_t n = x.size();
+    out.resize(n);
+    double windowSum = 0;
+    size_t lo = 0, end = 0;  // the window is [lo, end)
+    for (size_t i = 0; i < n; ++i) {
+        const size_t wantLo = i > half ? i - half : 0;
+        const size_t wantEnd = std::min(i + half + 1, n);
+        while (end < wantEnd) windowSum += double(x[end++]);
+        while (lo < wantLo) windowSum -= double(x[lo++]);
+        out[i] = std::max(0.0, double(x[i]) - windowSum / double(end - lo));
+    }
+}
+
+// Gaussian blur over ±4 frames; taps past either end are skipped, not renormalised.
+void blur(std::span<const double> d, double widthFrames, std::vector<double>& out) {
+    std::array<double, 9> g{};
+    double gsum = 0;
+    for (size_t t = 0; t < g.size(); ++t) {
+        const int k = int(t) - 4;
+        g[t] = std::exp(-double(k * k) / (2.0 * widthFrames * widthFrames));
+        gsum += g[t];
+    }
+    for (double& v : g) v /= gsum;
+    const size_t n = d.size();
+    out.resize(n);
+    for (size_t i = 0; i < n; ++i) {
+        double acc = 0;
+        for (size_t t = 0; t < g.size(); ++t)
+            if (i + t >= 4 && i + t - 4 < n) acc += g[t] * d[i + t - 4];
+        out[i] = acc;
+    }
+}
+
+// Zero mean, unit variance; false when the curve is flat.
+bool standardise(std::span<double> e) {
+    double mean = 0;
+    for (double v : e) mean += v;
+    mean /= double(e.size());
+    double variance = 0;
+    for (double& v : e) {
+        v -= mean;
+        variance += v * v;
+    }
+    variance /= double(e.size());
+    if (variance <= 1e-12) return false;
+    const double deviation = std::sqrt(variance);
+    for (double& v : e) v /= deviation;
+    return true;
+}
+
+// Unbiased autocorrelation for lags 1 … maxLag into acf (zero elsewhere, `size` entries).
+void autocorrelate(std::span<const double> e, size_t maxLag, size_t size, std::vector<double>& acf) {
+    acf.assign(size, 0.0);
+    const size_t n = e.size();
+    for (size_t lag = 1; lag <= maxLag; ++lag) {
+        double acc = 0;
+        for (size_t i = 0; i + lag < n; ++i) acc += e[i] * e[i + lag];
+        acf[lag] = acc / double(n - lag);
+    }
 }
 
 }  // namespace
@@ -63,8 +127,8 @@ class TempoAnalyzer::Scratch {
     std::vector<double> e;
     std::vector<double> acf;
     std::vector<double> scores;
-    std::vector<int64_t> lags;
-    int64_t M = 0;
+    std::vector<size_t> lags;
+    int64_t M = 0;  // the longest lag in acf
 };
 
 TempoAnalyzer::TempoAnalyzer(double sampleRate, bool offline, Parameters parameters)
@@ -73,12 +137,12 @@ TempoAnalyzer::TempoAnalyzer(double sampleRate, bool offline, Parameters paramet
       hop_(hopFor(sampleRate)),
       sampleRate_(sampleRate),
       fft_(fftSize_),
-      mag_(static_cast<size_t>(fftSize_ / 2), 0.0f),
-      prevMag_(static_cast<size_t>(fftSize_ / 2), 0.0f),
+      mag_(fftSize_ / 2, 0.0f),
+      prevMag_(fftSize_ / 2, 0.0f),
       offline_(offline),
       scratch_(std::make_unique<Scratch>()) {
-    pending_.reserve(static_cast<size_t>(4 * fftSize_));
-    const auto maxFrames = static_cast<size_t>(std::max<int64_t>(maxODFFrames(), 0));
+    pending_.reserve(4 * fftSize_);
+    const size_t maxFrames = maxODFFrames();
     odf_.reserve(maxFrames);
     recentBPM_.reserve(recentCapacity + 1);
     const size_t analysed = offline_ ? static_cast<size_t>(framesPerSecond() * 60.0) + 1 : maxFrames;
@@ -88,18 +152,18 @@ TempoAnalyzer::TempoAnalyzer(double sampleRate, bool offline, Parameters paramet
 
 TempoAnalyzer::~TempoAnalyzer() = default;
 
-int64_t TempoAnalyzer::maxODFFrames() const {
+size_t TempoAnalyzer::maxODFFrames() const {
     const double fps = framesPerSecond();
-    if (offline_) return static_cast<int64_t>(fps * 300.0);
-    return static_cast<int64_t>(parameters_.historySeconds * fps) + 8;
+    if (offline_) return static_cast<size_t>(fps * 300.0);
+    return static_cast<size_t>(
+        std::max<int64_t>(static_cast<int64_t>(parameters_.historySeconds * fps) + 8, 0));
 }
 
 void TempoAnalyzer::pushOnset(float value) {
     ++framesSeen_;
     odf_.push_back(value);
-    const int64_t limit = maxODFFrames();
-    if (static_cast<int64_t>(odf_.size()) > limit)
-        odf_.keepLast(static_cast<size_t>(std::max<int64_t>(limit, 0)));
+    const size_t limit = maxODFFrames();
+    if (odf_.size() > limit) odf_.keepLast(limit);
 }
 
 void TempoAnalyzer::append(std::span<const float> samples) {
@@ -109,8 +173,8 @@ void TempoAnalyzer::append(std::span<const float> samples) {
 
     const size_t bins = mag_.size();
     size_t offset = 0;
-    while (pending_.size() - offset >= static_cast<size_t>(fftSize_)) {
-        fft_.magnitudes(pending_.data() + offset, mag_.data());
+    while (pending_.size() - offset >= fftSize_) {
+        fft_.magnitudes(std::span(pending_).subspan(offset), mag_);
         for (size_t i = 0; i < bins; ++i) mag_[i] = std::log1p(50.0f * mag_[i]);
         if (haveFirstFrame_) {
             float flux = 0.0f;
@@ -119,7 +183,7 @@ void TempoAnalyzer::append(std::span<const float> samples) {
         }
         std::swap(mag_, prevMag_);
         haveFirstFrame_ = true;
-        offset += static_cast<size_t>(hop_);
+        offset += hop_;
     }
     if (offset > 0) pending_.erase(pending_.begin(), pending_.begin() + static_cast<std::ptrdiff_t>(offset));
 }
@@ -192,158 +256,113 @@ std::optional<TempoAnalyzer::Periodicity> TempoAnalyzer::periodicity(double seco
     Scratch& s = *scratch_;
 
     const std::span<const float> x = odf_.last(static_cast<size_t>(std::max(fps * seconds, 0.0)));
-    const auto N = static_cast<int64_t>(x.size());
-    if (N < 65) return std::nullopt;
+    const size_t n = x.size();
+    if (n < 65) return std::nullopt;
 
-    // Detrend against a centred moving average (shortened at the ends), keep the rises.
-    const int64_t w = static_cast<int64_t>(fps * 0.9);
-    const int64_t half = std::max<int64_t>(w, 3) / 2;
-    s.d.resize(static_cast<size_t>(N));
-    {
-        double windowSum = 0;
-        int64_t lo = 0, hi = -1;
-        for (int64_t i = 0; i < N; ++i) {
-            const int64_t wantLo = std::max<int64_t>(i - half, 0);
-            const int64_t wantHi = std::min<int64_t>(i + half, N - 1);
-            while (hi < wantHi) windowSum += static_cast<double>(x[static_cast<size_t>(++hi)]);
-            while (lo < wantLo) windowSum -= static_cast<double>(x[static_cast<size_t>(lo++)]);
-            const double mean = windowSum / static_cast<double>(hi - lo + 1);
-            s.d[static_cast<size_t>(i)] =
-                std::max(0.0, static_cast<double>(x[static_cast<size_t>(i)]) - mean);
-        }
-    }
+    detrend(x, static_cast<size_t>(std::max<int64_t>(static_cast<int64_t>(fps * 0.9), 3) / 2), s.d);
+    blur(s.d, parameters_.onsetBlurFrames, s.e);
+    if (!standardise(s.e)) return std::nullopt;
 
-    // Gaussian smoothing; taps past either end are skipped, not renormalised.
-    std::array<double, 9> g{};
-    double gsum = 0;
-    for (int k = -4; k <= 4; ++k) {
-        g[static_cast<size_t>(k + 4)] =
-            std::exp(-double(k * k) / (2.0 * parameters_.onsetBlurFrames * parameters_.onsetBlurFrames));
-        gsum += g[static_cast<size_t>(k + 4)];
-    }
-    for (double& v : g) v /= gsum;
-    s.e.assign(static_cast<size_t>(N), 0.0);
-    for (int64_t i = 0; i < N; ++i) {
-        double acc = 0;
-        for (int64_t k = -4; k <= 4; ++k) {
-            const int64_t j = i + k;
-            if (j < 0 || j >= N) continue;
-            acc += g[static_cast<size_t>(k + 4)] * s.d[static_cast<size_t>(j)];
-        }
-        s.e[static_cast<size_t>(i)] = acc;
-    }
-
-    // Standardise.
-    double mean = 0;
-    for (double v : s.e) mean += v;
-    mean /= static_cast<double>(N);
-    double variance = 0;
-    for (double& v : s.e) {
-        v -= mean;
-        variance += v * v;
-    }
-    variance /= static_cast<double>(N);
-    if (variance <= 1e-12) return std::nullopt;
-    const double deviation = std::sqrt(variance);
-    for (double& v : s.e) v /= deviation;
-
-    const int64_t minLag = std::max<int64_t>(static_cast<int64_t>(fps * 60.0 / bpmRange_.upper), 2);
-    const int64_t maxLag = std::min<int64_t>(static_cast<int64_t>(fps * 60.0 / bpmRange_.lower) + 1, N / 2);
+    const auto minLag =
+        static_cast<size_t>(std::max<int64_t>(static_cast<int64_t>(fps * 60.0 / bpmRange_.upper), 2));
+    const auto maxLag = std::min(static_cast<size_t>(fps * 60.0 / bpmRange_.lower) + 1, n / 2);
     if (minLag + 2 >= maxLag) return std::nullopt;
 
-    s.acf.assign(static_cast<size_t>(4 * maxLag + 2), 0.0);
-    s.M = std::min<int64_t>(4 * maxLag + 1, N - 1);
-    const double* e = s.e.data();
-    for (int64_t L = 1; L <= s.M; ++L) {
-        double acc = 0;
-        for (int64_t i = 0; i + L < N; ++i) acc += e[i] * e[i + L];
-        s.acf[static_cast<size_t>(L)] = acc / static_cast<double>(N - L);
+    // Up to the fourth multiple of the slowest lag, for the harmonic score.
+    s.M = static_cast<int64_t>(std::min(4 * maxLag + 1, n - 1));
+    autocorrelate(s.e, static_cast<size_t>(s.M), 4 * maxLag + 2, s.acf);
+
+    s.scores.assign(maxLag + 1, negativeInfinity);
+    size_t globalBest = minLag;
+    for (size_t lag = minLag; lag <= maxLag; ++lag) {
+        s.scores[lag] = score(double(lag), true);
+        if (s.scores[lag] > s.scores[globalBest]) globalBest = lag;
     }
+    if (parameters_.onDebug) reportLags(minLag, maxLag);
 
-    s.scores.assign(static_cast<size_t>(maxLag + 1), negativeInfinity);
-    for (int64_t L = minLag; L <= maxLag; ++L)
-        s.scores[static_cast<size_t>(L)] = score(static_cast<double>(L), true);
-    auto scoreAt = [&](int64_t L) { return s.scores[static_cast<size_t>(L)]; };
-
-    int64_t globalBest = minLag;
-    for (int64_t L = minLag + 1; L <= maxLag; ++L)
-        if (scoreAt(L) > scoreAt(globalBest)) globalBest = L;
-
-    if (parameters_.onDebug) {
-        s.lags.clear();
-        for (int64_t L = minLag; L <= maxLag; ++L) s.lags.push_back(L);
-        std::stable_sort(s.lags.begin(), s.lags.end(),
-                         [&](int64_t a, int64_t b) { return scoreAt(a) > scoreAt(b); });
-        std::string table = "  lag    bpm     acf     harm    prior   score\n";
-        for (size_t i = 0; i < std::min<size_t>(8, s.lags.size()); ++i) {
-            const int64_t L = s.lags[i];
-            const double bpm = fps * 60.0 / static_cast<double>(L);
-            table +=
-                format("  %3d  %6.1f  %7.4f  %7.4f  %6.3f  %7.4f\n", L, bpm, s.acf[static_cast<size_t>(L)],
-                       score(static_cast<double>(L), false), prior(static_cast<double>(L)), scoreAt(L));
-        }
-        parameters_.onDebug(table);
-    }
-
-    // Candidate peaks: interior local maxima (plateaus count), then the ends, then the global best.
-    s.lags.clear();
-    if (maxLag - minLag > 1)
-        for (int64_t L = minLag + 1; L <= maxLag - 1; ++L)
-            if (scoreAt(L - 1) <= scoreAt(L) && scoreAt(L + 1) <= scoreAt(L)) s.lags.push_back(L);
-    if (scoreAt(minLag + 1) <= scoreAt(minLag)) s.lags.push_back(minLag);
-    if (scoreAt(maxLag - 1) <= scoreAt(maxLag)) s.lags.push_back(maxLag);
-    if (std::find(s.lags.begin(), s.lags.end(), globalBest) == s.lags.end()) s.lags.push_back(globalBest);
-    keepBestInOrder(s.lags, 6, scoreAt);
-
-    double bestLag = static_cast<double>(globalBest);
+    collectCandidates(minLag, maxLag, globalBest);
+    double bestLag = double(globalBest);
     double bestScore = negativeInfinity;
-    for (int64_t L0 : s.lags) {
-        const double start = static_cast<double>(L0);
-        double cur = start;
-        double best = score(cur, false);
-        double step = 0.25;
-        while (true) {
-            bool took = false;
-            const double candidates[2] = {cur - step, cur + step};
-            for (double c : candidates) {
-                if (std::abs(c - start) > 0.75) continue;
-                const double sc = score(c, false);
-                if (sc > best) {
-                    best = sc;
-                    cur = c;
-                    took = true;
-                }
-            }
-            if (took) continue;
-            step /= 2;
-            if (step <= 0.001) break;
-        }
-        const double refined = score(cur, true);
+    for (size_t start : s.lags) {
+        const double lag = climb(double(start));
+        const double refined = score(lag, true);
         if (refined > bestScore) {
             bestScore = refined;
-            bestLag = cur;
+            bestLag = lag;
         }
     }
     if (!std::isfinite(bestScore)) return std::nullopt;
+    return Periodicity{fps * 60.0 / bestLag, clarity(bestScore, minLag, maxLag), this};
+}
 
+// The top of the score table, best first, for the debug callback.
+void TempoAnalyzer::reportLags(size_t minLag, size_t maxLag) const {
+    Scratch& s = *scratch_;
+    s.lags.clear();
+    for (size_t lag = minLag; lag <= maxLag; ++lag) s.lags.push_back(lag);
+    std::stable_sort(s.lags.begin(), s.lags.end(),
+                     [&](size_t a, size_t b) { return s.scores[a] > s.scores[b]; });
+    std::string table = "  lag    bpm     acf     harm    prior   score\n";
+    for (size_t lag : std::span(s.lags).first(std::min<size_t>(8, s.lags.size())))
+        table +=
+            format("  %3d  %6.1f  %7.4f  %7.4f  %6.3f  %7.4f\n", lag, framesPerSecond() * 60.0 / double(lag),
+                   s.acf[lag], score(double(lag), false), prior(double(lag)), s.scores[lag]);
+    parameters_.onDebug(table);
+}
+
+// Interior local maxima of the score (plateaus count), then either end when it rises towards it, then
+// the global best; the six best of them, in order.
+void TempoAnalyzer::collectCandidates(size_t minLag, size_t maxLag, size_t globalBest) const {
+    Scratch& s = *scratch_;
+    const auto& at = s.scores;
+    s.lags.clear();
+    for (size_t lag = minLag + 1; lag + 1 <= maxLag; ++lag)
+        if (at[lag - 1] <= at[lag] && at[lag + 1] <= at[lag]) s.lags.push_back(lag);
+    if (at[minLag + 1] <= at[minLag]) s.lags.push_back(minLag);
+    if (at[maxLag - 1] <= at[maxLag]) s.lags.push_back(maxLag);
+    if (std::find(s.lags.begin(), s.lags.end(), globalBest) == s.lags.end()) s.lags.push_back(globalBest);
+    keepBestInOrder(s.lags, 6, [&](size_t lag) { return at[lag]; });
+}
+
+// Hill-climbs the prior-free score to a fractional lag within ¾ frame of `start`, halving the step
+// from ¼ frame down to a thousandth.
+double TempoAnalyzer::climb(double start) const {
+    double lag = start;
+    double best = score(lag, false);
+    double step = 0.25;
+    while (step > 0.001) {
+        bool took = false;
+        for (double c : {lag - step, lag + step}) {
+            if (std::abs(c - start) > 0.75) continue;
+            const double sc = score(c, false);
+            if (sc > best) {
+                best = sc;
+                lag = c;
+                took = true;
+            }
+        }
+        if (!took) step /= 2;
+    }
+    return lag;
+}
+
+// How far the winner stands above the other lags' scores, in standard deviations.
+double TempoAnalyzer::clarity(double bestScore, size_t minLag, size_t maxLag) const {
+    const std::span<const double> scores = std::span(scratch_->scores).subspan(minLag, maxLag - minLag + 1);
     double sum = 0;
-    int64_t finite = 0;
-    for (int64_t L = minLag; L <= maxLag; ++L)
-        if (std::isfinite(scoreAt(L))) {
-            sum += scoreAt(L);
+    size_t finite = 0;
+    for (double v : scores)
+        if (std::isfinite(v)) {
+            sum += v;
             ++finite;
         }
-    double clarity = 0;
-    if (finite > 0) {
-        const double mu = sum / static_cast<double>(finite);
-        double var = 0;
-        for (int64_t L = minLag; L <= maxLag; ++L)
-            if (std::isfinite(scoreAt(L))) var += (scoreAt(L) - mu) * (scoreAt(L) - mu);
-        var /= static_cast<double>(finite);
-        if (var > 1e-12) clarity = (bestScore - mu) / std::sqrt(var);
-    }
-
-    return Periodicity{fps * 60.0 / bestLag, clarity, this};
+    if (finite == 0) return 0;
+    const double mu = sum / double(finite);
+    double var = 0;
+    for (double v : scores)
+        if (std::isfinite(v)) var += (v - mu) * (v - mu);
+    var /= double(finite);
+    return var > 1e-12 ? (bestScore - mu) / std::sqrt(var) : 0;
 }
 
 double TempoAnalyzer::lock(double m, const Periodicity& p) {

@@ -67,17 +67,11 @@ class TempoAnalyzer {
     BPMBounds bpmRange() const { return bpmRange_; }
     void setBpmRange(BPMBounds range) { bpmRange_ = range; }
 
-    int64_t fftSize() const { return fftSize_; }
-    int64_t hop() const { return hop_; }
     double sampleRate() const { return sampleRate_; }
-    double framesPerSecond() const { return sampleRate_ / static_cast<double>(hop_); }
-    int64_t maxODFFrames() const;
+    double framesPerSecond() const { return sampleRate_ / double(hop_); }
+    // The lock's state, for diagnostics.
     double lockedBPM() const { return lockedBPM_; }
     double candidateBPM() const { return candidateBPM_; }
-    std::span<const float> odf() const { return odf_.view(); }
-    const std::vector<double>& recentBPM() const { return recentBPM_; }
-    size_t pendingCount() const { return pending_.size(); }
-    bool haveFirstFrame() const { return haveFirstFrame_; }
 
     // Reads an onset curve given directly; lets tests drive the decision without audio.
     void appendOnsetValuesForTesting(std::span<const float> values, double level);
@@ -86,7 +80,12 @@ class TempoAnalyzer {
     struct Periodicity;
     class Scratch;
 
+    size_t maxODFFrames() const;
     std::optional<Periodicity> periodicity(double seconds) const;
+    void reportLags(size_t minLag, size_t maxLag) const;
+    void collectCandidates(size_t minLag, size_t maxLag, size_t globalBest) const;
+    double climb(double start) const;
+    double clarity(double bestScore, size_t minLag, size_t maxLag) const;
     double score(double lag, bool usePrior) const;
     double acfAt(double lag) const;
     double prior(double lag) const;
@@ -94,8 +93,8 @@ class TempoAnalyzer {
     void pushOnset(float value);
 
     Parameters parameters_;
-    int64_t fftSize_;
-    int64_t hop_;
+    size_t fftSize_;
+    size_t hop_;
     double lockedBPM_ = 0;
     double candidateBPM_ = 0;
     int64_t candidateSinceFrame_ = 0;

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <numbers>
 #include <vector>
@@ -12,23 +13,11 @@ namespace {
 
 std::vector<float> run(FFTMagnitude& fft, const std::vector<float>& frame) {
     std::vector<float> out(static_cast<size_t>(fft.binCount()), -1.0f);
-    fft.magnitudes(frame.data(), out.data());
+    fft.magnitudes(frame, out);
     return out;
 }
 
 }  // namespace
-
-TEST(FFTMagnitude, Window) {
-    for (int size : {1024, 2048, 4096}) {
-        FFTMagnitude fft(size);
-        // Periodic, normalised: starts at 0, peaks at N/2, mean square 1.
-        EXPECT_EQ(fft.window()[0], 0.0f);
-        EXPECT_NEAR(fft.window()[size / 2], 1.633f, 1e-6);
-        double meanSquare = 0;
-        for (int i = 0; i < size; ++i) meanSquare += double(fft.window()[i]) * fft.window()[i];
-        EXPECT_NEAR(meanSquare / size, 1.0, 1e-4);
-    }
-}
 
 TEST(FFTMagnitude, ScalingOfZerosConstantSineAndNyquist) {
     const int n = 1024;
@@ -49,6 +38,9 @@ TEST(FFTMagnitude, ScalingOfZerosConstantSineAndNyquist) {
         for (int i = 0; i < n; ++i)
             frame[static_cast<size_t>(i)] = static_cast<float>(std::sin(2 * std::numbers::pi * k0 * i / n));
         auto out = run(fft, frame);
+        std::vector<float> low(static_cast<size_t>(k0) + 1);
+        fft.magnitudes(frame, low);
+        EXPECT_TRUE(std::equal(low.begin(), low.end(), out.begin())) << k0;
         EXPECT_NEAR(out[static_cast<size_t>(k0)], 0.8165, 1e-4) << k0;
         EXPECT_NEAR(out[static_cast<size_t>(k0 + 1)], 0.8165 / 2, 1e-4) << k0;
         if (k0 > 1) {

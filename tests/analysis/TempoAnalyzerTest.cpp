@@ -48,65 +48,16 @@ TempoEstimate analyzeWhole(const std::vector<float>& samples, double rate,
 
 }  // namespace
 
-TEST(TempoAnalyzer, FrameGeometryFollowsTheSampleRate) {
-    struct Case {
-        double rate;
-        int64_t hop, fft, liveMax, offlineMax;
-    };
-    for (const Case& c : {Case{48000, 480, 1024, 808, 30000},
-                          {44100, 441, 1024, 808, 30000},
-                          {96000, 960, 2048, 808, 30000},
-                          {8000, 80, 1024, 808, 30000},
-                          {4000, 64, 1024, 508, 18750},
-                          {192000, 1920, 4096, 808, 30000}}) {
-        TempoAnalyzer live(c.rate, false), offline(c.rate, true);
-        EXPECT_EQ(live.hop(), c.hop) << c.rate;
-        EXPECT_EQ(live.fftSize(), c.fft) << c.rate;
-        EXPECT_EQ(live.maxODFFrames(), c.liveMax) << c.rate;
-        EXPECT_EQ(offline.maxODFFrames(), c.offlineMax) << c.rate;
-    }
-    velquin::TempoParameters longer;
-    longer.historySeconds = 12;
-    EXPECT_EQ(TempoAnalyzer(48000, false, longer).maxODFFrames(), 1208);
-}
-
-TEST(TempoAnalyzer, FramingPrimingAndLevel) {
-    TempoAnalyzer a(48000, false);
+TEST(TempoAnalyzer, LevelAndSilence) {
+    // Digital silence after a level: the level decays by 0.85 a call and no tempo appears.
+    TempoAnalyzer a(44100, false);
     a.append({});
     EXPECT_EQ(a.rms(), 0.0);
-    EXPECT_EQ(a.pendingCount(), 0u);
-
-    std::vector<float> block(1023, 0.5f);
-    a.append(block);
-    EXPECT_FALSE(a.haveFirstFrame());
-    EXPECT_EQ(a.pendingCount(), 1023u);
-    EXPECT_NEAR(a.rms(), 0.15 * 0.5, 1e-7);
-
-    a.reset();
-    a.append(std::vector<float>(1024, 0.5f));  // one frame: primes, no onset value
-    EXPECT_TRUE(a.haveFirstFrame());
-    EXPECT_EQ(a.framesSeen(), 0);
-    EXPECT_EQ(a.pendingCount(), 1024u - 480u);
-    a.append(std::vector<float>(480, 0.5f));
-    EXPECT_EQ(a.framesSeen(), 1);
-
-    // Digital silence gives onset values of exactly 0 and the level decays by 0.85 a call.
-    TempoAnalyzer s(44100, false);
-    s.append(std::vector<float>(4410, 0.3f));
-    const double before = s.rms();
-    for (int i = 0; i < 5; ++i) s.append(std::vector<float>(4410, 0.0f));
-    EXPECT_NEAR(s.rms(), before * std::pow(0.85, 5), 1e-12);
-    for (size_t i = 10; i < s.odf().size(); ++i) EXPECT_EQ(s.odf()[i], 0.0f);
-
-    // The live history is bounded; reset keeps the counters.
-    TempoAnalyzer bounded(48000, false);
-    bounded.append(velquin::test::clickTrain(120, 48000, 12));
-    EXPECT_EQ(static_cast<int64_t>(bounded.odf().size()), bounded.maxODFFrames());
-    const int64_t seen = bounded.framesSeen();
-    bounded.reset();
-    EXPECT_EQ(bounded.framesSeen(), seen);
-    EXPECT_TRUE(bounded.odf().empty());
-    EXPECT_EQ(bounded.rms(), 0.0);
+    a.append(std::vector<float>(4410, 0.3f));
+    const double before = a.rms();
+    for (int i = 0; i < 5; ++i) a.append(std::vector<float>(4410, 0.0f));
+    EXPECT_NEAR(a.rms(), before * std::pow(0.85, 5), 1e-12);
+    EXPECT_EQ(a.estimate().bpm, 0.0);
 }
 
 TEST(TempoAnalyzer, ClickTrainsGiveTheirTempoAtEveryRate) {
@@ -142,7 +93,7 @@ TEST(TempoAnalyzer, LiveClicksLockAtOnceAndAgree) {
             ++estimatesWithTempo;
             EXPECT_NEAR(est.bpm, 120.0, 0.5);
         } else {
-            EXPECT_LT(a.odf().size(), 300u);  // nothing before 3 s of history
+            EXPECT_LT(double(i + 5292), 3.1 * 44100);  // nothing before 3 s of history
         }
     }
     EXPECT_GT(estimatesWithTempo, 40);
@@ -208,7 +159,6 @@ TEST(TempoAnalyzer, SilenceKeepsTheLockAndUnlockForgetsIt) {
     ASSERT_GT(a.lockedBPM(), 0);
     const auto silent = feedTicks(a, pulseCurve(120, 1), 0.002);  // exactly the floor is silence
     EXPECT_EQ(silent.bpm, 0.0);
-    EXPECT_TRUE(a.recentBPM().empty());
     EXPECT_GT(a.lockedBPM(), 0);
 
     a.unlock();
@@ -216,15 +166,12 @@ TEST(TempoAnalyzer, SilenceKeepsTheLockAndUnlockForgetsIt) {
     const int64_t seen = a.framesSeen();
     const auto again = feedTicks(a, pulseCurve(120, 0.12));
     EXPECT_NEAR(again.bpm, 120, 0.6);  // the first median locks at once
-    EXPECT_EQ(a.recentBPM().size(), 1u);
     EXPECT_GT(a.lockedBPM(), 0);
     EXPECT_GT(a.framesSeen(), seen);
 
-    // Under 3 s of history: nothing, and the recent tempi are untouched.
+    // Under 3 s of history: nothing.
     TempoAnalyzer fresh(48000, false);
-    const auto early = feedTicks(fresh, pulseCurve(120, 2.9));
-    EXPECT_EQ(early.bpm, 0.0);
-    EXPECT_TRUE(fresh.recentBPM().empty());
+    EXPECT_EQ(feedTicks(fresh, pulseCurve(120, 2.9)).bpm, 0.0);
 }
 
 TEST(TempoAnalyzer, DebugTableOnlyWhenAsked) {
