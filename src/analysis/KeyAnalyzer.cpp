@@ -9,72 +9,23 @@
 
 #include "BlockLevel.h"
 #include "Format.h"
+#include "FrameCount.h"
 
 namespace velquin {
 
 namespace {
 
-constexpr std::array<std::string_view, 12> asciiNoteNames = {"C",  "C#", "D",  "D#", "E",  "F",
-                                                             "F#", "G",  "G#", "A",  "A#", "B"};
-
-int64_t fftSizeFor(double sampleRate) {
-    int64_t size = 1024;
+size_t fftSizeFor(double sampleRate) {
+    size_t size = 1024;
     // The cap only matters for absurd rates; a frame must last at least 0.37 s.
-    while (static_cast<double>(size) / sampleRate < 0.37 && size < (int64_t{1} << 26)) size *= 2;
+    while (double(size) / sampleRate < 0.37 && size < (size_t{1} << 26)) size *= 2;
     return size;
 }
 
-// Truncation of a non-negative count that may be huge or not a number.
-size_t truncatedCount(double value, size_t limit) {
-    if (!(value > 0)) return 0;
-    if (value >= static_cast<double>(limit)) return limit;
-    return static_cast<size_t>(value);
-}
-
-int64_t pitchClass(double roundedPitch) {
+size_t pitchClass(double roundedPitch) {
     const auto r = static_cast<int64_t>(roundedPitch);
-    return ((r % 12) + 12) % 12;
+    return static_cast<size_t>(((r % 12) + 12) % 12);
 }
-
-const std::array<KeyAnalyzer::Chroma, 24>& triads() {
-    static const std::array<KeyAnalyzer::Chroma, 24> table = [] {
-        std::array<KeyAnalyzer::Chroma, 24> result{};
-        for (size_t t = 0; t < 24; ++t) {
-            const size_t r = t % 12;
-            const size_t third = t < 12 ? 4 : 3;
-            result[t][r] = 1;
-            result[t][(r + third) % 12] = 1;
-            result[t][(r + 7) % 12] = 1;
-            for (auto& v : result[t]) v /= 1.7320508075688772;
-        }
-        return result;
-    }();
-    return table;
-}
-
-constexpr std::array<double, 24> majorFunction = [] {
-    std::array<double, 24> f{};
-    f[0] = 1.0;
-    f[5] = 0.6;
-    f[7] = 0.7;
-    f[14] = 0.4;
-    f[16] = 0.3;
-    f[21] = 0.55;
-    return f;
-}();
-
-constexpr std::array<double, 24> minorFunction = [] {
-    std::array<double, 24> f{};
-    f[3] = 0.55;
-    f[7] = 0.6;
-    f[8] = 0.55;
-    f[10] = 0.45;
-    f[12] = 1.0;
-    f[14] = 0.15;
-    f[17] = 0.5;
-    f[19] = 0.5;
-    return f;
-}();
 
 }  // namespace
 
@@ -83,34 +34,31 @@ KeyAnalyzer::KeyAnalyzer(double sampleRate, bool offline, Parameters parameters)
       sampleRate_(sampleRate),
       fftSize_(fftSizeFor(sampleRate)),
       hop_(fftSize_ / 4),
-      fft_(fftSize_),
+      fft_(static_cast<int64_t>(fftSize_)),
       offline_(offline) {
-    const double binHz = sampleRate_ / static_cast<double>(fftSize_);
-    const int64_t lastUsable = fft_.binCount() - 2;
-    peakLo_ = std::max<int64_t>(1, static_cast<int64_t>(truncatedCount(p_.minFrequency / binHz, 1 << 30)));
-    peakHi_ =
-        std::min<int64_t>(lastUsable, static_cast<int64_t>(truncatedCount(p_.maxFrequency / binHz, 1 << 30)));
-    if (peakLo_ + 2 < peakHi_) mag_.assign(static_cast<size_t>(peakHi_ + 2), 0.0f);
-    pending_.reserve(static_cast<size_t>(2 * fftSize_));
+    const double binHz = sampleRate_ / double(fftSize_);
+    peakLo_ = std::max<size_t>(1, truncatedCount(p_.minFrequency / binHz, 1 << 30));
+    peakHi_ = std::min(fftSize_ / 2 - 2, truncatedCount(p_.maxFrequency / binHz, 1 << 30));
+    if (peakLo_ + 2 < peakHi_) mag_.assign(peakHi_ + 2, 0.0f);
+    pending_.reserve(2 * fftSize_);
     peaks_.reserve(64);
     if (!offline_) {
-        const auto capacity = static_cast<size_t>(std::max<int64_t>(maxFrames(), 0)) + 1;
+        const size_t capacity = maxFrames() + 1;
         frames_.reserve(capacity);
+        chords_ = ChordEvidence(capacity);
         bassFrames_.reserve(capacity);
         midFrames_.reserve(capacity);
         // Winners of the last few seconds at the service's tick rate, with room to spare.
         recentWinners_.reserve(256);
-        segments_.reserve(capacity);
     }
 }
 
-int64_t KeyAnalyzer::maxFrames() const {
-    const double frames = p_.historySeconds * sampleRate_ / static_cast<double>(hop_);
-    return static_cast<int64_t>(truncatedCount(frames, size_t{1} << 40)) + 2;
+size_t KeyAnalyzer::maxFrames() const {
+    return truncatedCount(p_.historySeconds * sampleRate_ / double(hop_), size_t{1} << 40) + 2;
 }
 
 size_t KeyAnalyzer::framesFor(double seconds) const {
-    return truncatedCount(sampleRate_ / static_cast<double>(hop_) * seconds, frames_.size());
+    return truncatedCount(framesPerSecond() * seconds, frames_.size());
 }
 
 double KeyAnalyzer::tuningOffsetSemitones() const {
@@ -122,13 +70,13 @@ void KeyAnalyzer::append(std::span<const float> samples) {
     const auto n = static_cast<int64_t>(samples.size());
     if (n == 0) return;
     const float level = blockLevel(samples);
-    rms_ = 0.85 * rms_ + 0.15 * static_cast<double>(level);
+    rms_ = 0.85 * rms_ + 0.15 * level;
     samplesFed_ += n;
 
-    if (static_cast<double>(level) < p_.silenceFloor) {
+    if (level < p_.silenceFloor) {
         silentSamples_ += n;
-        if (!offline_ && static_cast<double>(silentSamples_) > p_.silenceResetSeconds * sampleRate_ &&
-            static_cast<double>(frames_.size()) > 8 * sampleRate_ / static_cast<double>(hop_)) {
+        if (!offline_ && double(silentSamples_) > p_.silenceResetSeconds * sampleRate_ &&
+            double(frames_.size()) > 8 * sampleRate_ / double(hop_)) {
             restart(0);
             silentSamples_ = 0;
         }
@@ -138,29 +86,25 @@ void KeyAnalyzer::append(std::span<const float> samples) {
 
     pending_.insert(pending_.end(), samples.begin(), samples.end());
     size_t start = 0;
-    const auto size = static_cast<size_t>(fftSize_);
-    while (pending_.size() - start >= size) {
+    while (pending_.size() - start >= fftSize_) {
         fft_.magnitudes(std::span(pending_).subspan(start), mag_);
         addFrame();
-        start += static_cast<size_t>(hop_);
+        start += hop_;
     }
-    pending_.erase(pending_.begin(), pending_.begin() + static_cast<std::ptrdiff_t>(start));
+    pending_.erase(pending_.begin(), pending_.begin() + std::ptrdiff_t(start));
 }
 
 void KeyAnalyzer::spectralPeaks() {
     peaks_.clear();
     if (mag_.empty()) return;
-    const double binHz = sampleRate_ / static_cast<double>(fftSize_);
-    const int64_t lo = peakLo_;
-    const int64_t hi = peakHi_;
-
+    const double binHz = sampleRate_ / double(fftSize_);
+    const std::span<const float> band = std::span(mag_).subspan(peakLo_, peakHi_ - peakLo_ + 1);
     float top = 0;
-    for (int64_t i = lo; i <= hi; ++i) top = std::max(top, mag_[static_cast<size_t>(i)]);
+    for (float v : band) top = std::max(top, v);
     if (!(top > 1e-7f)) return;
     const float thr = top * static_cast<float>(p_.peakThreshold);
 
-    for (int64_t i = lo; i <= hi; ++i) {
-        const auto k = static_cast<size_t>(i);
+    for (size_t k = peakLo_; k <= peakHi_; ++k) {
         const float x = mag_[k];
         if (!(x > thr && mag_[k - 1] < x && mag_[k + 1] <= x)) continue;
         const float a = std::log(std::max(mag_[k - 1], 1e-12f));
@@ -172,21 +116,21 @@ void KeyAnalyzer::spectralPeaks() {
             const float offset = 0.5f * (a - c) / d;
             if (std::fabs(offset) <= 0.5f) p = offset;
         }
-        const double f = binHz * (static_cast<double>(i) + static_cast<double>(p));
+        const double f = binHz * (double(k) + double(p));
         if (f < p_.minFrequency || f > p_.maxFrequency) continue;
         double weight;
         switch (p_.peakCompression) {
             case 1:
-                weight = std::log(static_cast<double>(x / thr) + 1);
+                weight = std::log(double(x / thr) + 1);
                 break;
             case 2:
-                weight = std::cbrt(static_cast<double>(x));
+                weight = std::cbrt(double(x));
                 break;
             case 3:
                 weight = 1.0;
                 break;
             default:
-                weight = std::sqrt(static_cast<double>(x));
+                weight = std::sqrt(double(x));
                 break;
         }
         peaks_.push_back({f, weight});
@@ -212,20 +156,20 @@ void KeyAnalyzer::addFrame() {
     for (const Peak& peak : peaks_) {
         if (p_.harmonicWeights.empty() || peak.frequency < p_.minFrequency) continue;
         for (size_t h = 0; h < p_.harmonicWeights.size(); ++h) {
-            const double f0 = peak.frequency / static_cast<double>(h + 1);
+            const double f0 = peak.frequency / double(h + 1);
             if (f0 < p_.minFrequency) break;
             const double m = 12 * std::log2(f0 / 440) + 69 - delta;
             const double r = std::round(m);
             const double dev = std::fabs(m - r);
             if (!(dev < p_.semitoneTolerance)) continue;
-            const auto pc = static_cast<size_t>(pitchClass(r));
+            const size_t pc = pitchClass(r);
             const double c = peak.weight * p_.harmonicWeights[h] * (1 - dev / p_.semitoneTolerance);
             const bool bass = h == 0 && peak.frequency < p_.bassMaxHz;
             chroma[pc] += c * (bass ? p_.bassBoost : 1.0);
             if (f0 >= p_.midMinHz) mid[pc] += c;
             if (bass && peak.weight > bestBass) {
                 bestBass = peak.weight;
-                bassPc = static_cast<int64_t>(pc);
+                bassPc = int64_t(pc);
             }
         }
     }
@@ -253,9 +197,9 @@ void KeyAnalyzer::addFrame() {
     frames_.push_back(chroma);
     bassFrames_.push_back(bassPc);
     midFrames_.push_back(mid);
-    if (dumpFrames) dumped_.push_back({static_cast<double>(samplesFed_) / sampleRate_, chroma, mid, bassPc});
+    if (dumpFrames) dumped_.push_back({double(samplesFed_) / sampleRate_, chroma, mid, bassPc});
     if (!offline_) {
-        const auto limit = static_cast<size_t>(std::max<int64_t>(maxFrames(), 0));
+        const size_t limit = maxFrames();
         frames_.keepLast(limit);
         bassFrames_.keepLast(limit);
         midFrames_.keepLast(limit);
@@ -316,93 +260,8 @@ double KeyAnalyzer::correlation(std::span<const double> a, std::span<const doubl
     return covariance / std::sqrt(varianceA * varianceB);
 }
 
-std::array<double, 24> KeyAnalyzer::chordScores(double frameRate, size_t lastFrames) const {
-    std::array<double, 24> scores{};
-    if (!(p_.chordWeight > 0)) return scores;
-    const size_t win =
-        std::max<size_t>(2, truncatedCount(p_.chordWindowSeconds * frameRate, size_t{1} << 40));
-    const auto recent = midFrames_.last(lastFrames);
-    if (recent.size() < win) return scores;
-
-    segments_.clear();
-    const auto& templates = triads();
-    for (size_t start = 0; start + win <= recent.size(); start += win) {
-        Chroma v{};
-        for (size_t f = start; f < start + win; ++f)
-            for (size_t i = 0; i < 12; ++i) v[i] += recent[f][i];
-        double energy = 0;
-        for (double x : v) energy += x * x;
-        const double norm = std::sqrt(energy);
-        if (!(norm > 0)) continue;
-        double best = -1;
-        size_t bestIndex = 0;
-        for (size_t t = 0; t < 24; ++t) {
-            double dot = 0;
-            for (size_t i = 0; i < 12; ++i) dot += v[i] * templates[t][i];
-            const double match = dot / norm;
-            if (match > best) {
-                best = match;
-                bestIndex = t;
-            }
-        }
-        if (best < p_.chordMinConfidence) continue;
-        const auto root = static_cast<int64_t>(bestIndex % 12);
-        const bool minor = bestIndex >= 12;
-        if (!segments_.empty() && segments_.back().root == root && segments_.back().isMinor == minor) {
-            segments_.back().frames += static_cast<int64_t>(win);
-            segments_.back().confidence = std::max(segments_.back().confidence, best);
-        } else {
-            segments_.push_back({root, minor, best, static_cast<int64_t>(win)});
-        }
-    }
-
-    double total = 0;
-    for (const auto& segment : segments_) total += static_cast<double>(segment.frames);
-    if (!(total > 0)) return scores;
-
-    std::array<bool, 24> seen{};
-    int distinct = 0;
-    for (const auto& segment : segments_) {
-        auto& s = seen[static_cast<size_t>(segment.root + (segment.isMinor ? 12 : 0))];
-        if (!s) ++distinct;
-        s = true;
-    }
-    double strength = std::min(0.25 * distinct, 1.0);
-    const double coverage = total / (p_.chordCoverageSeconds * frameRate);
-    if (coverage < 1) strength *= coverage;
-
-    if (strength > 0) {
-        for (int64_t tonic = 0; tonic < 12; ++tonic) {
-            for (bool minor : {false, true}) {
-                const auto& function = minor ? minorFunction : majorFunction;
-                double s = 0;
-                for (const auto& segment : segments_) {
-                    const auto index = static_cast<size_t>(((segment.root - tonic) % 12 + 12) % 12 +
-                                                           (segment.isMinor ? 12 : 0));
-                    s += segment.confidence * function[index] * static_cast<double>(segment.frames);
-                }
-                scores[static_cast<size_t>(tonic + (minor ? 12 : 0))] = strength * s / total;
-            }
-        }
-    }
-
-    if (p_.onDebug) {
-        std::string list;
-        for (const auto& segment : segments_) {
-            if (!list.empty()) list += ' ';
-            list += asciiNoteNames[static_cast<size_t>(segment.root)];
-            if (segment.isMinor) list += 'm';
-            list += ':' + std::to_string(segment.frames);
-        }
-        if (list.size() > 300) list.resize(300);  // ASCII only, so bytes are characters
-        const std::string line = "  chords: " + list + format(" (ramp %.2f)\n", strength);
-        p_.onDebug(line);
-    }
-    return scores;
-}
-
 KeyEstimate KeyAnalyzer::decide(double usingLastSeconds) const {
-    const double frameRate = sampleRate_ / static_cast<double>(hop_);
+    const double frameRate = framesPerSecond();
     size_t n = frames_.size();
     if (std::isfinite(usingLastSeconds)) n = truncatedCount(frameRate * usingLastSeconds, size_t{1} << 40);
     n = std::max<size_t>(n, 1);
@@ -415,6 +274,7 @@ KeyEstimate KeyAnalyzer::decide(double usingLastSeconds) const {
     const double top = *std::max_element(sum.begin(), sum.end());
     if (!(top > 0)) return KeyEstimate::unknown;
 
+    // How often each pitch class was the bass note, relative to the most frequent one.
     Chroma bass{};
     for (int64_t b : bassFrames_.last(n))
         if (b >= 0) bass[static_cast<size_t>(b)] += 1;
@@ -422,35 +282,7 @@ KeyEstimate KeyAnalyzer::decide(double usingLastSeconds) const {
     if (mostBass > 0)
         for (double& v : bass) v /= mostBass;
 
-    const auto chords = chordScores(frameRate, n);
-    const auto [majorProfile, minorProfile] = KeyProfile::tables(p_.profile);
-
-    struct Candidate {
-        MusicalKey key;
-        double score = 0;
-    };
-    std::array<Candidate, 24> ranked;
-    const auto& keys = MusicalKey::all();
-    for (size_t k = 0; k < keys.size(); ++k) {
-        const MusicalKey key = keys[k];
-        const auto& profile = key.isMinor ? *minorProfile : *majorProfile;
-        Chroma rotated{};
-        for (size_t i = 0; i < 12; ++i) rotated[(i + static_cast<size_t>(key.tonic)) % 12] = profile[i];
-        const auto tonic = static_cast<size_t>(key.tonic);
-        ranked[k] = {key, correlation(sum, rotated) + p_.bassTonicWeight * bass[tonic] +
-                              p_.chordWeight * chords[tonic + (key.isMinor ? 12 : 0)]};
-    }
-    // Insertion sort: stable (ties keep the order of all keys) and, unlike std::stable_sort, never allocates.
-    for (size_t i = 1; i < ranked.size(); ++i) {
-        const Candidate c = ranked[i];
-        size_t j = i;
-        while (j > 0 && ranked[j - 1].score < c.score) {
-            ranked[j] = ranked[j - 1];
-            --j;
-        }
-        ranked[j] = c;
-    }
-
+    const Ranking ranked = rank(sum, bass, chords_.scores(midFrames_.last(n), frameRate, p_));
     if (p_.onDebug) {
         std::string text = "  chroma: ";
         for (size_t i = 0; i < 12; ++i) text += format("%@=%.2f ", asciiNoteNames[i], sum[i] / top);
@@ -460,25 +292,59 @@ KeyEstimate KeyAnalyzer::decide(double usingLastSeconds) const {
         text += "\n";
         p_.onDebug(text);
     }
+    if (!(ranked[0].score > 0)) return KeyEstimate::unknown;
+    KeyEstimate result = verdict(ranked);
+    for (size_t i = 0; i < 12; ++i) result.chroma[i] = sum[i] / top;
+    return result;
+}
 
+// Every key scored by how its rotated profile correlates with the chroma, plus bass-note and chord
+// evidence for its tonic; best first, ties in the order of all keys.
+KeyAnalyzer::Ranking KeyAnalyzer::rank(const Chroma& sum, const Chroma& bass,
+                                       const std::array<double, 24>& chords) const {
+    const auto [majorProfile, minorProfile] = KeyProfile::tables(p_.profile);
+    Ranking ranked;
+    const auto& keys = MusicalKey::all();
+    for (size_t k = 0; k < keys.size(); ++k) {
+        const MusicalKey key = keys[k];
+        const auto& profile = key.isMinor ? *minorProfile : *majorProfile;
+        const auto tonic = static_cast<size_t>(key.tonic);
+        Chroma rotated{};
+        for (size_t i = 0; i < 12; ++i) rotated[(i + tonic) % 12] = profile[i];
+        ranked[k] = {key, correlation(sum, rotated) + p_.bassTonicWeight * bass[tonic] +
+                              p_.chordWeight * chords[tonic + (key.isMinor ? 12 : 0)]};
+    }
+    // Insertion sort: stable and, unlike std::stable_sort, never allocates.
+    for (size_t i = 1; i < ranked.size(); ++i) {
+        const Ranked c = ranked[i];
+        size_t j = i;
+        while (j > 0 && ranked[j - 1].score < c.score) {
+            ranked[j] = ranked[j - 1];
+            --j;
+        }
+        ranked[j] = c;
+    }
+    return ranked;
+}
+
+// The winner, a confidence from its score and its lead, and the alternative: a close second, else a
+// relative key not far behind.
+KeyEstimate KeyAnalyzer::verdict(const Ranking& ranked) const {
     const double s1 = ranked[0].score;
-    if (!(s1 > 0)) return KeyEstimate::unknown;
     const double s2 = ranked[1].score;
     const double margin = std::max(s1 - s2, 0.0);
     const double separation = std::min(4 * margin / std::max(std::fabs(s1), 0.05), 1.0);
     const double level = std::clamp(2 * (s1 - 0.3), 0.0, 1.0);
-    const double confidence = std::clamp(level * (0.45 + 0.55 * separation), 0.0, 1.0);
 
     KeyEstimate result;
     result.key = ranked[0].key;
-    for (size_t i = 0; i < 12; ++i) result.chroma[i] = sum[i] / top;
-    result.confidence = confidence;
+    result.confidence = std::clamp(level * (0.45 + 0.55 * separation), 0.0, 1.0);
     if ((s1 - s2) / s1 < 0.06) {
         result.alternative = ranked[1].key;
     } else {
-        for (size_t i = 1; i < ranked.size(); ++i) {
-            if (ranked[i].key.isRelativeOf(ranked[0].key)) {
-                if ((s1 - ranked[i].score) / s1 < p_.relativeGap) result.alternative = ranked[i].key;
+        for (const Ranked& r : std::span(ranked).subspan(1)) {
+            if (r.key.isRelativeOf(ranked[0].key)) {
+                if ((s1 - r.score) / s1 < p_.relativeGap) result.alternative = r.key;
                 break;
             }
         }
@@ -488,7 +354,7 @@ KeyEstimate KeyAnalyzer::decide(double usingLastSeconds) const {
 }
 
 void KeyAnalyzer::detectSongChange() {
-    const double frameRate = sampleRate_ / static_cast<double>(hop_);
+    const double frameRate = framesPerSecond();
     const size_t shortSpan = truncatedCount(p_.shiftShortSeconds * frameRate, size_t{1} << 40);
     const size_t base = truncatedCount(8 * frameRate, size_t{1} << 40);
     if (frames_.size() >= shortSpan + base) {
@@ -511,7 +377,7 @@ void KeyAnalyzer::detectSongChange() {
 
 KeyEstimate KeyAnalyzer::estimate() {
     if (!(rms_ > p_.silenceFloor)) return KeyEstimate::unknown;
-    const double frameRate = sampleRate_ / static_cast<double>(hop_);
+    const double frameRate = framesPerSecond();
     if (!offline_) detectSongChange();
     if (static_cast<double>(frames_.size()) < p_.minimumSeconds * frameRate) return KeyEstimate::unknown;
 

@@ -15,6 +15,7 @@
 #include <string_view>
 #include <vector>
 
+#include "ChordEvidence.h"
 #include "FFTMagnitude.h"
 #include "MusicalKey.h"
 #include "SlidingWindow.h"
@@ -113,49 +114,44 @@ class KeyAnalyzer {
     bool dumpFrames = false;
     const std::vector<DumpRow>& dumped() const { return dumped_; }
 
-    int64_t fftSize() const { return fftSize_; }
-    int64_t hop() const { return hop_; }
-    int64_t maxFrames() const;
     size_t frameCount() const { return frames_.size(); }
-    std::span<const Chroma> frames() const { return frames_.view(); }
-    std::span<const Chroma> midFrames() const { return midFrames_.view(); }
-    std::span<const int64_t> bassFrames() const { return bassFrames_.view(); }
     double tuningOffsetSemitones() const;
     double rms() const { return rms_; }
     int64_t samplesFed() const { return samplesFed_; }
     int64_t restartedAt() const { return restartedAt_; }
-    const std::vector<double>& harmonicWeights() const { return p_.harmonicWeights; }
 
   private:
     struct Peak {
         double frequency = 0;
         double weight = 0;
     };
-    struct ChordSegment {
-        int64_t root = 0;
-        bool isMinor = false;
-        double confidence = 0;
-        int64_t frames = 0;
+    struct Ranked {
+        MusicalKey key;
+        double score = 0;
     };
+    using Ranking = std::array<Ranked, 24>;
     struct Winner {
         int64_t at = 0;
         MusicalKey key;
     };
 
+    double framesPerSecond() const { return sampleRate_ / double(hop_); }
+    size_t maxFrames() const;
     void spectralPeaks();
     void addFrame();
-    std::array<double, 24> chordScores(double frameRate, size_t lastFrames) const;
+    Ranking rank(const Chroma& sum, const Chroma& bass, const std::array<double, 24>& chords) const;
+    KeyEstimate verdict(const Ranking& ranked) const;
     void detectSongChange();
     static double correlation(std::span<const double> a, std::span<const double> b);
     size_t framesFor(double seconds) const;
 
     Parameters p_;
     double sampleRate_;
-    int64_t fftSize_;
-    int64_t hop_;
+    size_t fftSize_;
+    size_t hop_;
     FFTMagnitude fft_;
-    int64_t peakLo_ = 0;  // the bins spectralPeaks searches, [peakLo_, peakHi_]
-    int64_t peakHi_ = 0;
+    size_t peakLo_ = 0;  // the bins spectralPeaks searches, [peakLo_, peakHi_]
+    size_t peakHi_ = 0;
     std::vector<float> mag_;  // bins up to peakHi_ + 1, the last one a peak's neighbour can be
     std::vector<float> pending_;
     SlidingWindow<Chroma> frames_;
@@ -176,8 +172,8 @@ class KeyAnalyzer {
     SlidingWindow<Winner> recentWinners_;
     bool offline_;
 
-    std::vector<Peak> peaks_;                     // scratch of spectralPeaks, reused per frame
-    mutable std::vector<ChordSegment> segments_;  // scratch of chordScores, reused per tick
+    std::vector<Peak> peaks_;  // scratch of spectralPeaks, reused per frame
+    mutable ChordEvidence chords_;
 };
 
 }  // namespace velquin

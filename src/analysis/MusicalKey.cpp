@@ -25,6 +25,8 @@ const std::array<std::string_view, 12> majorNames = {"C",  "D♭", "D",  "E♭",
                                                      "F♯", "G",  "A♭", "A",  "B♭", "B"};
 const std::array<std::string_view, 12> minorNames = {"C",  "C♯", "D",  "E♭", "E",  "F",
                                                      "F♯", "G",  "G♯", "A",  "B♭", "B"};
+const std::array<std::string_view, 12> asciiNoteNames = {"C",  "C#", "D",  "D#", "E",  "F",
+                                                         "F#", "G",  "G#", "A",  "A#", "B"};
 
 const std::array<MusicalKey, 24>& MusicalKey::all() {
     static const std::array<MusicalKey, 24> keys = [] {

@@ -28,6 +28,8 @@ struct MusicalKey {
 
 extern const std::array<std::string_view, 12> majorNames;
 extern const std::array<std::string_view, 12> minorNames;
+// Sharps in plain ASCII, for diagnostics.
+extern const std::array<std::string_view, 12> asciiNoteNames;
 
 struct KeyEstimate {
     enum class RelativePreference { both, major, minor };
