@@ -15,6 +15,7 @@
 
 #include "AudioSource.h"
 #include "PulseConnection.h"
+#include "ServerWatch.h"
 
 namespace velquin {
 
@@ -37,23 +38,15 @@ class MicrophoneSource final : public AudioSource {
 
   private:
     std::optional<AudioSourceError> startLocked();
-    void connectionLost();
-    void retryConnection();
     static void readCallback(pa_stream* stream, size_t bytes, void* userdata);
-    static void contextStateCallback(pa_context* context, void* userdata);
-    static void subscribeCallback(pa_context* context, pa_subscription_event_type_t event, uint32_t index,
-                                  void* userdata);
-    static void serverInfoCallback(pa_context* context, const pa_server_info* info, void* userdata);
 
     std::atomic<double> sampleRate_{48000};
     // Touched only with the loop's lock held (or after the loop has stopped).
     pulse::MainloopPtr loop_;
     pulse::ContextPtr context_;
     pulse::StreamPtr stream_;
-    std::unique_ptr<pulse::Timer> retryTimer_;  // dies before loop_
+    std::unique_ptr<pulse::ServerWatch> watch_;  // dies before loop_
     unsigned channels_ = 0;
-    bool serverLost_ = false;
-    bool restartAsked_ = false;
     pulse::MonoMixer mixer_;
 };
 

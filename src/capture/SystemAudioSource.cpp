@@ -17,7 +17,6 @@ constexpr uint32_t kFragmentMilliseconds = 20;
 // The largest block the server hands out in one piece (one 64 KiB memory block of floats), so that the
 // mix buffer never has to grow while running.
 constexpr size_t kInitialMixFrames = 16384;
-constexpr std::chrono::milliseconds kRetryInterval{1000};
 
 constexpr auto kSubscriptions =
     static_cast<pa_subscription_mask_t>(PA_SUBSCRIPTION_MASK_SERVER | PA_SUBSCRIPTION_MASK_SOURCE);
@@ -106,8 +105,9 @@ std::optional<AudioSourceError> SystemAudioSource::startLocked() {
 }
 
 void SystemAudioSource::startListeningForChanges() {
-    retryTimer_ = std::make_unique<pulse::Timer>(loop_.get(), [this] { retryConnection(); });
-    pa_context_set_state_callback(context_.get(), contextStateCallback, this);
+    watch_ = std::make_unique<pulse::ServerWatch>(loop_.get(), context_, stream_, *this,
+                                                  pulse::ServerWatch::Records::defaultSink);
+    watch_->attach();
     pa_context_set_subscribe_callback(context_.get(), subscribeCallback, this);
     // A failed subscription only means changes are not followed.
     (void)pulse::subscribe(loop_.get(), context_.get(), kSubscriptions);
@@ -119,10 +119,9 @@ void SystemAudioSource::stop() {
     if (pa_threaded_mainloop_in_thread(loop_.get())) return;
     {
         pulse::Lock lock(loop_.get());
-        retryTimer_.reset();
+        watch_.reset();
         stream_.reset();
         context_.reset();
-        serverLost_ = restartAsked_ = false;
     }
     loop_.reset();
 }
@@ -144,43 +143,6 @@ void SystemAudioSource::streamStateCallback(pa_stream* stream, void* userdata) {
     if (pa_context_get_state(pa_stream_get_context(stream)) == PA_CONTEXT_READY) self->askForRestart();
 }
 
-void SystemAudioSource::contextStateCallback(pa_context* context, void* userdata) {
-    auto* self = static_cast<SystemAudioSource*>(userdata);
-    const pa_context_state_t state = pa_context_get_state(context);
-    if (state == PA_CONTEXT_READY && self->serverLost_) {
-        // A fresh connection after the server went away: restart as soon as there is a sink to follow.
-        pa_context_set_subscribe_callback(context, subscribeCallback, self);
-        unrefIfAny(pa_context_subscribe(context, PA_SUBSCRIPTION_MASK_SERVER, nullptr, nullptr));
-        unrefIfAny(pa_context_get_server_info(context, serverInfoCallback, self));
-    } else if (!PA_CONTEXT_IS_GOOD(state)) {
-        self->connectionLost();
-    }
-}
-
-void SystemAudioSource::connectionLost() {
-    // A failed context cannot be reused, and it must not be freed from inside its own callback:
-    // the retry timer replaces it.
-    const bool first = !serverLost_;
-    serverLost_ = true;
-    if (retryTimer_) retryTimer_->arm(kRetryInterval);
-    if (first && onServerLost) onServerLost();
-}
-
-void SystemAudioSource::retryConnection() {
-    stream_.reset();
-    context_.reset();
-    context_ = pulse::newContext(loop_.get());
-    if (!context_) {
-        retryTimer_->arm(kRetryInterval);
-        return;
-    }
-    pa_context_set_state_callback(context_.get(), contextStateCallback, this);
-    if (pa_context_connect(context_.get(), nullptr, PA_CONTEXT_NOAUTOSPAWN, nullptr) < 0) {
-        context_.reset();
-        retryTimer_->arm(kRetryInterval);
-    }
-}
-
 void SystemAudioSource::askForRestart() {
     if (onNeedsRestart) onNeedsRestart();
 }
@@ -195,7 +157,7 @@ void SystemAudioSource::subscribeCallback(pa_context* context, pa_subscription_e
     if (facility == PA_SUBSCRIPTION_EVENT_SERVER) {
         unrefIfAny(pa_context_get_server_info(context, serverInfoCallback, self));
     } else if (facility == PA_SUBSCRIPTION_EVENT_SOURCE && index == self->monitor_.index &&
-               !self->serverLost_) {
+               !self->watch_->lost()) {
         unrefIfAny(pa_context_get_source_info_by_index(context, index, monitorInfoCallback, self));
     }
 }
@@ -204,13 +166,8 @@ void SystemAudioSource::serverInfoCallback(pa_context*, const pa_server_info* in
     auto* self = static_cast<SystemAudioSource*>(userdata);
     if (!info) return;
     const char* sink = info->default_sink_name ? info->default_sink_name : "";
-    if (self->serverLost_) {
-        // Once is enough: the owner's restart replaces this whole connection.
-        if (*sink && !self->restartAsked_) {
-            self->restartAsked_ = true;
-            self->askForRestart();
-        }
-    } else if (self->sinkName_ != sink) {
+    // After a loss the watch decides when to restart.
+    if (!self->watch_->lost() && self->sinkName_ != sink) {
         // A record stream stays on the monitor it was connected to, so a new default sink needs a new chain.
         self->sinkName_ = sink;
         self->askForRestart();

@@ -17,6 +17,7 @@
 
 #include "AudioSource.h"
 #include "PulseConnection.h"
+#include "ServerWatch.h"
 
 namespace velquin {
 
@@ -39,14 +40,11 @@ class SystemAudioSource final : public AudioSource {
   private:
     std::optional<AudioSourceError> startLocked();
     void startListeningForChanges();
-    void connectionLost();
-    void retryConnection();
     void askForRestart();
     void followMonitorRate(const pa_source_info& info);
 
     static void readCallback(pa_stream* stream, size_t bytes, void* userdata);
     static void streamStateCallback(pa_stream* stream, void* userdata);
-    static void contextStateCallback(pa_context* context, void* userdata);
     static void subscribeCallback(pa_context* context, pa_subscription_event_type_t event, uint32_t index,
                                   void* userdata);
     static void serverInfoCallback(pa_context* context, const pa_server_info* info, void* userdata);
@@ -58,12 +56,10 @@ class SystemAudioSource final : public AudioSource {
     pulse::MainloopPtr loop_;
     pulse::ContextPtr context_;
     pulse::StreamPtr stream_;
-    std::unique_ptr<pulse::Timer> retryTimer_;  // dies before loop_
-    pulse::DeviceInfo monitor_;                 // what stream_ records
-    std::string sinkName_;                      // the default sink the stream follows
+    std::unique_ptr<pulse::ServerWatch> watch_;  // dies before loop_
+    pulse::DeviceInfo monitor_;                  // what stream_ records
+    std::string sinkName_;                       // the default sink the stream follows
     unsigned channels_ = 0;
-    bool serverLost_ = false;
-    bool restartAsked_ = false;
     pulse::MonoMixer mixer_;
 };
 

@@ -1,53 +1,12 @@
 // Counts heap allocations made by this thread while the live analyzers run in their steady state.
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <cstdlib>
-#include <new>
-
+#include "AllocationCounter.h"
 #include "KeyAnalyzer.h"
 #include "TempoAnalyzer.h"
 #include "TestSupport.h"
 
-namespace {
-thread_local bool counting = false;
-thread_local size_t allocations = 0;
-}  // namespace
-
-void* operator new(size_t size) {
-    if (counting) ++allocations;
-    if (void* p = std::malloc(size == 0 ? 1 : size)) return p;
-    throw std::bad_alloc();
-}
-void* operator new[](size_t size) {
-    return operator new(size);
-}
-// The non-throwing forms too (std::stable_sort's buffer uses them), so every form pairs with free().
-void* operator new(size_t size, const std::nothrow_t&) noexcept {
-    if (counting) ++allocations;
-    return std::malloc(size == 0 ? 1 : size);
-}
-void* operator new[](size_t size, const std::nothrow_t& tag) noexcept {
-    return operator new(size, tag);
-}
-void operator delete(void* p, const std::nothrow_t&) noexcept {
-    std::free(p);
-}
-void operator delete[](void* p, const std::nothrow_t&) noexcept {
-    std::free(p);
-}
-void operator delete(void* p) noexcept {
-    std::free(p);
-}
-void operator delete[](void* p) noexcept {
-    std::free(p);
-}
-void operator delete(void* p, size_t) noexcept {
-    std::free(p);
-}
-void operator delete[](void* p, size_t) noexcept {
-    std::free(p);
-}
+namespace allocations = velquin::test::allocations;
 
 TEST(Allocation, LiveTicksAllocateNothingOnceTheHistoriesAreFull) {
     constexpr double rate = 48000;
@@ -68,14 +27,14 @@ TEST(Allocation, LiveTicksAllocateNothingOnceTheHistoriesAreFull) {
         i += tick;
     };
     while (i < size_t(55 * rate)) step();
-    counting = true;
-    allocations = 0;
+    allocations::reset();
+    allocations::countOnThisThread(true);
     size_t ticks = 0;
     while (i + tick <= music.size()) {
         step();
         ++ticks;
     }
-    counting = false;
+    allocations::countOnThisThread(false);
     EXPECT_GT(ticks, 150u);
-    EXPECT_EQ(allocations, 0u) << "over " << ticks << " ticks";
+    EXPECT_EQ(allocations::count(), 0) << "over " << ticks << " ticks";
 }

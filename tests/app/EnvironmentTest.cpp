@@ -33,7 +33,6 @@ TEST(Environment, OverridesFillTheParametersUnderEitherPrefix) {
     const auto defaults = Environment::read();
     EXPECT_FALSE(defaults.debug);
     EXPECT_FALSE(defaults.parameters.key.onDebug);
-    EXPECT_EQ(defaults.parameters.key.harmonicWeights, (std::vector<double>{1.0, 0.55, 0.35, 0.22}));
     {
         ScopedEnv harm("VELQUIN_EXP_HARM", "1,x,,0.5");
         ScopedEnv oldHarm("TESSARO_EXP_HARM", "2");  // the project's own spelling wins

@@ -37,18 +37,6 @@ TEST(Log, FolderIsInTheUsersStateFolderEvenWithoutHome) {
     EXPECT_NE(folder.string().rfind("/.local", 0), 0u) << folder;
 }
 
-TEST(Log, TimestampHasMillisecondsInLocalTime) {
-    const auto when = std::chrono::system_clock::time_point(std::chrono::milliseconds(1'700'000'000'007));
-    // +05:30 is spelled out so no zone database is needed.
-    for (const auto& [zone, text] :
-         {std::pair{"UTC", "2023-11-14 22:13:20.007"}, {"IST-5:30", "2023-11-15 03:43:20.007"}}) {
-        const test::ScopedEnv tz("TZ", zone);
-        tzset();
-        EXPECT_EQ(Log::timestamp(when), text);
-    }
-    tzset();
-}
-
 TEST(Log, LinesAppendInCallOrderAndSurviveADeletedFile) {
     test::TempDir dir;
     const auto file = dir / "Velquin.log";

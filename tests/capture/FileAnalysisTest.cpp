@@ -15,22 +15,6 @@ using velquin::TempoRange;
 namespace FileAnalysis = velquin::FileAnalysis;
 namespace test = velquin::test;
 
-TEST(FileAnalysis, TimelineTicksFallOnChunkBoundaries) {
-    test::TempDir dir;
-    test::writeWav(dir / "ten.wav", {test::progression({{60, 64, 67}, {65, 69, 72}}, 44100, 10)}, 44100);
-    const auto timeline = FileAnalysis::keyTimeline((dir / "ten.wav").string(), 1.0);
-    // 16384-frame chunks of 0.3715 s: the first boundary at or after each whole second.
-    ASSERT_EQ(timeline.ticks.size(), 10u);
-    EXPECT_NEAR(timeline.ticks[0].seconds, 3 * 16384 / 44100.0, 1e-12);
-    EXPECT_NEAR(timeline.ticks[1].seconds, 6 * 16384 / 44100.0, 1e-12);
-    EXPECT_NEAR(timeline.ticks.back().seconds, 10.0, 1e-12);  // the last, short chunk
-    EXPECT_EQ(timeline.restarts, 0);
-    ASSERT_TRUE(timeline.final.key);
-    // The live pair needs four seconds of frames before it names a key.
-    EXPECT_FALSE(timeline.ticks[2].key.key);
-    EXPECT_TRUE(timeline.ticks.back().key.key);
-}
-
 TEST(FileAnalysis, StreamingMatchesOneWholeAnalysisAndNeedsAFile) {
     test::TempDir dir;
     auto music = test::clickTrain(96, 48000, 12);

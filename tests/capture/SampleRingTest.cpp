@@ -22,46 +22,31 @@ std::vector<float> drain(SampleRing& ring) {
 }  // namespace
 
 TEST(SampleRing, KeepsTheNewestUnreadSamplesInOrder) {
+    // One ring through every step: counting runs written (first value, count), then what a drain gives.
+    struct Step {
+        std::vector<std::pair<int, int>> writes;
+        int first, count;
+    };
+    const std::vector<Step> steps = {
+        {{{1, 4}}, 1, 4},          {{}, 0, 0},
+        {{{1, 8}, {9, 5}}, 4, 10},  // overflow: the last ten, oldest first; the drain wraps
+        {{{1, 25}}, 16, 10},        // a batch longer than the ring keeps its last ten
+        {{{1, 0}, {1, -3}}, 0, 0},  // counts below one change nothing
+        {{{1, 3}}, 1, 3},           // ends exactly at the end of the storage,
+        {{{4, 2}}, 4, 2},           // so this one starts at index 0
+    };
     SampleRing ring(10);
-    const auto abcd = counting(1, 4);
-    ring.write(abcd.data(), 4);
-    EXPECT_EQ(drain(ring), abcd);
-    EXPECT_TRUE(drain(ring).empty());
-
-    // Overflow: 8 then 5 without a drain keeps the last 10, oldest first; the drain wraps.
-    const auto first = counting(1, 8), second = counting(9, 5);
-    ring.write(first.data(), 8);
-    ring.write(second.data(), 5);
-    EXPECT_EQ(drain(ring), counting(4, 10));
-
-    // A batch longer than the ring keeps its last capacity samples.
-    const auto batch = counting(1, 25);
-    ring.write(batch.data(), 25);
-    EXPECT_EQ(drain(ring), counting(16, 10));
-
-    // Counts below one change nothing.
-    ring.write(batch.data(), 0);
-    ring.write(batch.data(), -3);
-    EXPECT_TRUE(drain(ring).empty());
-    EXPECT_EQ(ring.capacity(), 10);
-
+    for (const Step& step : steps) {
+        for (const auto& [from, count] : step.writes)
+            ring.write(counting(from, std::max(count, 1)).data(), count);
+        EXPECT_EQ(drain(ring), counting(step.first, step.count)) << "from " << step.first;
+    }
     // Replacing gives an empty ring of the new size.
-    ring.write(batch.data(), 5);
+    ring.write(counting(1, 5).data(), 5);
     ring.replace(3);
     EXPECT_TRUE(drain(ring).empty());
-    ring.write(batch.data(), 5);
+    ring.write(counting(1, 5).data(), 5);
     EXPECT_EQ(drain(ring), counting(3, 3));
-}
-
-TEST(SampleRing, WriteEndingAtTheEndWrapsToTheStart) {
-    SampleRing ring(10);
-    const auto six = counting(1, 6), four = counting(7, 4), two = counting(11, 2);
-    ring.write(six.data(), 6);
-    drain(ring);
-    ring.write(four.data(), 4);  // ends exactly at the end of the storage
-    EXPECT_EQ(drain(ring), four);
-    ring.write(two.data(), 2);  // so this starts at index 0
-    EXPECT_EQ(drain(ring), two);
 }
 
 TEST(SampleRing, OneWriterOneReaderLoseNothingWithinCapacity) {

@@ -7,6 +7,7 @@
 #include <mutex>
 #include <thread>
 
+#include "LiveAnalysis.h"
 #include "TempoService.h"
 #include "TestSupport.h"
 
@@ -225,4 +226,17 @@ TEST(TempoService, DestroyingARunningServiceStopsIt) {
     }
     EXPECT_EQ(registry.running, 0);
     pump(0.3);  // readings queued before the end find no service and are dropped
+}
+
+TEST(LiveAnalysis, AKeyRestartReleasesTheTempoLock) {
+    velquin::LiveAnalysis live(16000, velquin::bounds(TempoRange::Auto));
+    const auto clicks = velquin::test::clickTrain(120, 16000, 12.0);
+    for (size_t i = 0; i + 1920 <= clicks.size(); i += 1920) {
+        live.append({clicks.data() + i, 1920});
+        (void)live.read();
+    }
+    ASSERT_GT(live.tempo().lockedBPM(), 0);
+    live.key().restart(velquin::LiveAnalysis::keepAfterSongChangeSeconds);  // a song change the key heard
+    (void)live.read();
+    EXPECT_EQ(live.tempo().lockedBPM(), 0);
 }

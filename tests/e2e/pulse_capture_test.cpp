@@ -3,54 +3,22 @@
 // monitor is the default source. The tests run in file order and leave the server as they found it.
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cmath>
 #include <condition_variable>
-#include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <mutex>
-#include <new>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "EngineSettings.h"
+#include "AllocationCounter.h"
 #include "MicrophoneSource.h"
 #include "SystemAudioSource.h"
 #include "TestSupport.h"
-
-// Heap allocations made on a source's delivery thread (marked by the first delivery it makes).
-namespace {
-thread_local bool onDeliveryThread = false;
-std::atomic<int64_t> deliveryAllocations{0};
-}  // namespace
-
-void* operator new(size_t size) {
-    if (onDeliveryThread) deliveryAllocations.fetch_add(1, std::memory_order_relaxed);
-    if (void* p = std::malloc(size == 0 ? 1 : size)) return p;
-    throw std::bad_alloc();
-}
-void* operator new[](size_t size) {
-    return operator new(size);
-}
-void operator delete(void* p) noexcept {
-    std::free(p);
-}
-void operator delete[](void* p) noexcept {
-    std::free(p);
-}
-void operator delete(void* p, size_t) noexcept {
-    std::free(p);
-}
-void operator delete[](void* p, size_t) noexcept {
-    std::free(p);
-}
 
 namespace velquin {
 namespace {
@@ -69,7 +37,7 @@ class Recorder {
     explicit Recorder(AudioSource& source) {
         samples_.reserve(48000 * 30);
         source.onSamples = [this](const float* data, int64_t count) {
-            onDeliveryThread = true;
+            test::allocations::countOnThisThread(true);  // the source's delivery thread
             std::lock_guard lock(mutex_);
             const size_t room = samples_.capacity() - samples_.size();
             samples_.insert(samples_.end(), data, data + std::min<size_t>(room, size_t(count)));
@@ -171,34 +139,10 @@ class PulseCapture : public ::testing::Test {
 };
 std::unique_ptr<test::TempDir> PulseCapture::dir_;
 
-// Writes what `run` prints to standard error into a string.
-template <typename Run>
-std::string stderrOf(Run&& run) {
-    test::TempDir dir;
-    const auto path = dir / "stderr";
-    std::fflush(stderr);
-    const int saved = ::dup(2);
-    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    ::dup2(fd, 2);
-    ::close(fd);
-    run();
-    std::fflush(stderr);
-    ::dup2(saved, 2);
-    ::close(saved);
-    return test::readText(path);
-}
-
 TEST_F(PulseCapture, SystemAudioHearsWhatPlaysAtTheSinkRateMixedToMono) {
     SystemAudioSource source;
     Recorder recorder(source);
-    AnalyzerParameters withDebug = EngineSettings::parameters();
-    withDebug.tempo.onDebug = [](std::string_view text) { std::fwrite(text.data(), 1, text.size(), stderr); };
-    EngineSettings::install(withDebug);
-    const std::string debug = stderrOf([&] { source.start(); });
-    EngineSettings::install({});
-    EXPECT_EQ(debug, "tap format rate=48000.0 ch=2 flags=" + std::to_string(int(PA_SAMPLE_FLOAT32NE)) +
-                         " bpf=8\naggregate nominal rate=48000.0\noutput device nominal rate=48000.0\nusing "
-                         "rate=48000.0\n");
+    source.start();
     ASSERT_EQ(source.sampleRate(), 48000);
 
     // Samples flow steadily even in silence (20 ms fragments, not 2 s bursts), at the sink's rate.
@@ -212,9 +156,9 @@ TEST_F(PulseCapture, SystemAudioHearsWhatPlaysAtTheSinkRateMixedToMono) {
 
     // A 0.5 sine on the left only averages to RMS 0.5 / sqrt(2) / 2. The delivery path allocates
     // nothing meanwhile (the recorder copies into reserved storage).
-    deliveryAllocations = 0;
+    test::allocations::reset();
     Tone tone = loudest(captureWhilePlaying(recorder, file("left-1k.wav"), "", 48000), 24000, 48000);
-    EXPECT_EQ(deliveryAllocations.load(), 0);
+    EXPECT_EQ(test::allocations::count(), 0);
     EXPECT_NEAR(tone.rms, 0.5 / std::sqrt(2.0) / 2, 0.01);
     EXPECT_NEAR(tone.frequency, 1000, 5);
 

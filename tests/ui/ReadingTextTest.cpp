@@ -4,21 +4,14 @@
 #include <vector>
 
 #include "ReadingText.h"
+#include "UiTestSupport.h"
 
 namespace velquin {
 namespace {
 
-using Preference = KeyEstimate::RelativePreference;
+using test::keyOf;
 
-KeyEstimate keyOf(int tonic, bool minor, double confidence,
-                  std::optional<MusicalKey> alternative = std::nullopt, double tuningCents = 0) {
-    KeyEstimate key;
-    key.key = MusicalKey{tonic, minor};
-    key.alternative = alternative;
-    key.confidence = confidence;
-    key.tuningCents = tuningCents;
-    return key;
-}
+using Preference = KeyEstimate::RelativePreference;
 
 const MusicalKey cMajor{0, false};
 const DisplaySettings plain;
@@ -37,9 +30,9 @@ TEST(ReadingText, BarStatusAndRingForEachKindOfEstimate) {
     const TempoEstimate t128{128, 0.8, 0}, t120{120, 0.9, 0}, none{0, 0.9, 0};
     const std::vector<Case> cases = {
         // Below 0.35 the bar shows no key; the status line still names it with its percentage.
-        {t128, keyOf(9, true, 0.34, cMajor), plain, "-", "128", 0.34,
+        {t128, keyOf(9, true, 0.34, 0, cMajor), plain, "-", "128", 0.34,
          "A minor (8A) 34% — or C major (8B)  ·  128 BPM 80%"},
-        {t128, keyOf(9, true, 0.35, cMajor), plain, "Am/C", "128", 0.35,
+        {t128, keyOf(9, true, 0.35, 0, cMajor), plain, "Am/C", "128", 0.35,
          "A minor (8A) 35% — or C major (8B)  ·  128 BPM 80%"},
         {t128, keyOf(6, false, 0.9), plain, "F#", "128", 0.8, "F♯ major (2B) 90%  ·  128 BPM 80%"},
         {t128, keyOf(10, true, 0.9), plain, "Bbm", "128", 0.8, "B♭ minor (3A) 90%  ·  128 BPM 80%"},
@@ -48,7 +41,7 @@ TEST(ReadingText, BarStatusAndRingForEachKindOfEstimate) {
         {none, keyOf(9, true, 0.9), decimals, "Am", "-----", 0, "A minor (8A) 90%"},
         {{128.44, 0.5, 0}, KeyEstimate::unknown, decimals, "-", "128.4", 0, "128.4 BPM 50%"},
         // The alternative is the key shown, so it is not offered again.
-        {t120, keyOf(9, true, 0.9, cMajor), camelotMajor, "8B", "120", 0.9,
+        {t120, keyOf(9, true, 0.9, 0, cMajor), camelotMajor, "8B", "120", 0.9,
          "C major (8B) 90%  ·  120 BPM 90%"},
         {{0, 0, 0}, KeyEstimate::unknown, plain, "-", "---", 0, std::nullopt},
     };
@@ -63,7 +56,7 @@ TEST(ReadingText, BarStatusAndRingForEachKindOfEstimate) {
 
 TEST(ReadingText, FileShelfAlertAndClipboardTexts) {
     const TempoEstimate tempo{120, 0.9, 0};
-    const KeyEstimate both = keyOf(9, true, 0.8, cMajor);
+    const KeyEstimate both = keyOf(9, true, 0.8, 0, cMajor);
     const KeyEstimate none = KeyEstimate::unknown;
     const QString forty = "abcdefghijklmnopqrstuvwxyz0123456789.wav";
     EXPECT_EQ(text::fileLine(forty, tempo, both, plain),
@@ -89,9 +82,9 @@ TEST(ReadingText, FileShelfAlertAndClipboardTexts) {
 }
 
 TEST(ReadingText, TuningLineFromEightCentsAndShortenedNames) {
-    EXPECT_EQ(text::tuningLine(keyOf(9, true, 0.9, std::nullopt, -7.9)), std::nullopt);
-    EXPECT_EQ(text::tuningLine(keyOf(9, true, 0.9, std::nullopt, -8.0)), "Tuned -8 cents from A440");
-    EXPECT_EQ(text::tuningLine(keyOf(9, true, 0.9, std::nullopt, 12.4)), "Tuned +12 cents from A440");
+    EXPECT_EQ(text::tuningLine(keyOf(9, true, 0.9, -7.9)), std::nullopt);
+    EXPECT_EQ(text::tuningLine(keyOf(9, true, 0.9, -8.0)), "Tuned -8 cents from A440");
+    EXPECT_EQ(text::tuningLine(keyOf(9, true, 0.9, 12.4)), "Tuned +12 cents from A440");
     KeyEstimate noKey = KeyEstimate::unknown;
     noKey.tuningCents = 20;
     EXPECT_EQ(text::tuningLine(noKey), std::nullopt);

@@ -1,5 +1,5 @@
 #pragma once
-// Small helpers for the widget tests: waiting on the event loop and finding drawn pixels.
+// Small helpers for the widget tests: readings, waiting on the event loop and finding drawn pixels.
 
 #include <QColor>
 #include <QImage>
@@ -8,7 +8,22 @@
 #include <functional>
 #include <optional>
 
+#include "MusicalKey.h"
+
 namespace velquin::test {
+
+// A key reading whose chroma peaks at the tonic.
+inline KeyEstimate keyOf(int tonic, bool minor, double confidence, double tuningCents = 0,
+                         std::optional<MusicalKey> alternative = std::nullopt) {
+    KeyEstimate key;
+    key.key = MusicalKey{tonic, minor};
+    key.alternative = alternative;
+    key.confidence = confidence;
+    key.tuningCents = tuningCents;
+    key.chroma.fill(0.2);
+    key.chroma[static_cast<size_t>(tonic)] = 1.0;
+    return key;
+}
 
 // Runs the event loop until `condition` holds or `timeoutMs` passes; returns the last answer.
 inline bool waitUntil(const std::function<bool()>& condition, int timeoutMs) {
