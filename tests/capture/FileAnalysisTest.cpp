@@ -93,7 +93,8 @@ TEST(FileAnalysis, ReportsProgressAndDurationAndStopsWhenAsked) {
                      FileAnalysis::AnalysisCancelled);
     }
 
-    // A stop from another thread ends a long analysis, every thread joined, well within 0.2 s.
+    // A stop from another thread ends a ten-minute analysis, every thread joined, within moments (the
+    // bound leaves room for a sanitizer build on a loaded machine; the whole analysis takes far longer).
     test::writeWav(dir / "long.wav", {test::clickTrain(120, 44100, 600)}, 44100);
     std::stop_source stop;
     std::chrono::steady_clock::time_point asked;
@@ -106,5 +107,5 @@ TEST(FileAnalysis, ReportsProgressAndDurationAndStopsWhenAsked) {
     cancelled.stop = stop.get_token();
     EXPECT_THROW(FileAnalysis::analyzeFile((dir / "long.wav").string(), TempoRange::Auto, cancelled),
                  FileAnalysis::AnalysisCancelled);
-    EXPECT_LT(std::chrono::steady_clock::now() - asked, std::chrono::milliseconds(200));
+    EXPECT_LT(std::chrono::steady_clock::now() - asked, std::chrono::seconds(2));
 }

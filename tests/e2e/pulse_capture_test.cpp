@@ -1,6 +1,7 @@
 // The PulseAudio sources against a real (private) sound server: run through run-capture-e2e.sh, which
 // starts it with pulse-env.sh. Sinks: "speakers" 48 kHz stereo (default), "mic" 44.1 kHz mono whose
 // monitor is the default source. The tests run in file order and leave the server as they found it.
+// A new default sink and a server that goes away and comes back are live-e2e.sh's, through the program.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -43,14 +44,11 @@ class Recorder {
             samples_.insert(samples_.end(), data, data + std::min<size_t>(room, size_t(count)));
             changed_.notify_all();
         };
-        source.onNeedsRestart = [this] { bump(restarts_); };
-        source.onSampleRateChange = [this](double) { bump(rateChanges_); };
-        source.onServerLost = [this] { bump(losses_); };
+        source.onNeedsRestart = [this] { ++restarts; };
+        source.onSampleRateChange = [this](double) { ++rateChanges; };
     }
 
-    int losses() { return locked(losses_); }
-    int restarts() { return locked(restarts_); }
-    int rateChanges() { return locked(rateChanges_); }
+    std::atomic<int> restarts = 0, rateChanges = 0;
     size_t frames() {
         std::lock_guard lock(mutex_);
         return samples_.size();
@@ -63,28 +61,11 @@ class Recorder {
         std::unique_lock lock(mutex_);
         return changed_.wait_for(lock, timeout, [&] { return samples_.size() >= count; });
     }
-    bool waitForRestarts(int count, std::chrono::milliseconds timeout) {
-        std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, timeout, [&] { return restarts_ >= count; });
-    }
 
   private:
-    int locked(const int& counter) {
-        std::lock_guard lock(mutex_);
-        return counter;
-    }
-    void bump(int& counter) {
-        std::lock_guard lock(mutex_);
-        ++counter;
-        changed_.notify_all();
-    }
-
     std::mutex mutex_;
     std::condition_variable changed_;
     std::vector<float> samples_;
-    int restarts_ = 0;
-    int rateChanges_ = 0;
-    int losses_ = 0;
 };
 
 struct Tone {
@@ -127,9 +108,6 @@ class PulseCapture : public ::testing::Test {
         // Left only, so that the mono mix must halve it: a sum or a copy of one channel would not.
         test::writeWav(file("left-1k.wav"),
                        {test::sine(1000, 48000, 2.0, amplitude), std::vector<float>(96000)}, 48000, true);
-        test::writeWav(file("both-1k.wav"),
-                       {test::sine(1000, 48000, 2.0, amplitude), test::sine(1000, 48000, 2.0, amplitude)},
-                       48000, true);
         test::writeWav(file("mono-300.wav"), {test::sine(300, 44100, 2.0, amplitude)}, 44100, true);
     }
     static void TearDownTestSuite() { dir_.reset(); }
@@ -166,33 +144,10 @@ TEST_F(PulseCapture, SystemAudioHearsWhatPlaysAtTheSinkRateMixedToMono) {
     tone = loudest(captureWhilePlaying(recorder, file("mono-300.wav"), "mic", 48000), 24000, 48000);
     EXPECT_LT(tone.rms, 0.001);
 
-    EXPECT_EQ(recorder.restarts(), 0);
-    EXPECT_EQ(recorder.rateChanges(), 0);
+    EXPECT_EQ(recorder.restarts, 0);
+    EXPECT_EQ(recorder.rateChanges, 0);
     source.stop();
     source.stop();
-}
-
-TEST_F(PulseCapture, NewDefaultSinkAsksForRestartAndTheRestartFollowsIt) {
-    harness("pulse_add_sink second 44100 2");
-    SystemAudioSource source;
-    Recorder recorder(source);
-    source.start();
-    ASSERT_EQ(source.sampleRate(), 48000);
-
-    harness("pulse_set_default_sink second");
-    ASSERT_TRUE(recorder.waitForRestarts(1, 3s)) << "no restart request after the default sink changed";
-    // What the owner does on that request.
-    source.stop();
-    source.start();
-    EXPECT_EQ(source.sampleRate(), 44100);
-    Tone tone = loudest(captureWhilePlaying(recorder, file("both-1k.wav"), "", 44100), 22050, 44100);
-    EXPECT_NEAR(tone.rms, 0.5 / std::sqrt(2.0), 0.01);
-    EXPECT_NEAR(tone.frequency, 1000, 5);
-
-    harness("pulse_set_default_sink speakers");
-    EXPECT_TRUE(recorder.waitForRestarts(2, 3s));
-    source.stop();
-    EXPECT_EQ(recorder.restarts(), 2);
 }
 
 TEST_F(PulseCapture, MicrophoneCapturesTheDefaultSource) {
@@ -200,62 +155,16 @@ TEST_F(PulseCapture, MicrophoneCapturesTheDefaultSource) {
     Recorder recorder(mic);
     mic.start();
     ASSERT_EQ(mic.sampleRate(), 44100);
-    Tone tone = loudest(captureWhilePlaying(recorder, file("mono-300.wav"), "mic", 44100), 22050, 44100);
+    const Tone tone =
+        loudest(captureWhilePlaying(recorder, file("mono-300.wav"), "mic", 44100), 22050, 44100);
     EXPECT_NEAR(tone.rms, 0.5 / std::sqrt(2.0), 0.01);
     EXPECT_NEAR(tone.frequency, 300, 3);
     mic.stop();
-
-    // A stereo default source is averaged to mono.
-    harness("pulse_set_default_source speakers.monitor");
-    mic.start();
-    EXPECT_EQ(mic.sampleRate(), 48000);
-    tone = loudest(captureWhilePlaying(recorder, file("left-1k.wav"), "speakers", 48000), 24000, 48000);
-    EXPECT_NEAR(tone.rms, 0.5 / std::sqrt(2.0) / 2, 0.01);
-    mic.stop();
-    harness("pulse_set_default_source mic.monitor");
-    EXPECT_EQ(recorder.restarts(), 0);
-    EXPECT_EQ(recorder.rateChanges(), 0);
+    EXPECT_EQ(recorder.restarts, 0);
+    EXPECT_EQ(recorder.rateChanges, 0);
 }
 
 // Last: it restarts the server.
-TEST_F(PulseCapture, BothSourcesRecoverWhenTheServerComesBack) {
-    SystemAudioSource system;
-    MicrophoneSource mic;
-    for (AudioSource* source : {static_cast<AudioSource*>(&system), static_cast<AudioSource*>(&mic)}) {
-        const bool isMic = source == &mic;
-        SCOPED_TRACE(isMic ? "microphone" : "system audio");
-        Recorder recorder(*source);
-        source->start();
-        ASSERT_TRUE(recorder.waitForFrames(4800, 3s));
-
-        harness("pulse_kill_server KILL");
-        std::this_thread::sleep_for(1500ms);  // a few retries against no server
-        EXPECT_EQ(recorder.losses(), 1) << "the loss is told once, at once";
-        EXPECT_EQ(recorder.restarts(), 0) << "nothing to restart onto while the server is away";
-        try {
-            // Meanwhile a new source cannot reach the server either, and both say so alike.
-            isMic ? MicrophoneSource().start() : SystemAudioSource().start();
-            ADD_FAILURE() << "started without a server";
-        } catch (const AudioSourceError& error) {
-            EXPECT_EQ(error.errorCase(), AudioSourceError::Case::serverUnreachable) << error.what();
-            EXPECT_NE(error.description().find("(pactl info)"), std::string::npos) << error.what();
-            EXPECT_NE(error.description().find("then restart Velquin."), std::string::npos) << error.what();
-        }
-
-        harness("pulse_restart_server");
-        EXPECT_TRUE(recorder.waitForRestarts(1, 3s)) << "no restart request after the server came back";
-        std::this_thread::sleep_for(300ms);
-        EXPECT_EQ(recorder.restarts(), 1) << "one request is enough";
-
-        harness("pulse_settle");
-        source->stop();
-        source->start();
-        const size_t before = recorder.frames();
-        EXPECT_TRUE(recorder.waitForFrames(before + 4800, 3s)) << "no samples after the restart";
-        source->stop();
-    }
-}
-
 TEST_F(PulseCapture, StopWhileTheServerIsAwayDoesNotHang) {
     SystemAudioSource source;
     Recorder recorder(source);

@@ -17,14 +17,6 @@
 namespace velquin {
 namespace {
 
-int idOf(const panel::MenuLayout& node, const QString& label) {
-    if (node.properties.value(QStringLiteral("label")).toString() == label) return node.id;
-    for (const panel::MenuLayout& child : node.children) {
-        if (const int id = idOf(child, label); id >= 0) return id;
-    }
-    return -1;
-}
-
 TEST(DesktopPanel, ShowsTheReadingAndAnswersTheMenuFromThePanel) {
     QTemporaryDir dir;
     qputenv("XDG_CONFIG_HOME", dir.path().toUtf8());
@@ -53,22 +45,24 @@ TEST(DesktopPanel, ShowsTheReadingAndAnswersTheMenuFromThePanel) {
     EXPECT_EQ(host.itemProperties(service).value("XAyatanaLabelGuide").toString(), "C#m 000");
 
     const panel::MenuLayout menu = host.layout(service);
-    host.click(service, idOf(menu, "Camelot Names (8A)"));
+    const auto* camelot = test::PanelHost::find(menu, "Camelot Names (8A)");
+    ASSERT_TRUE(camelot);
+    host.click(service, camelot->id);
     ASSERT_TRUE(QTest::qWaitFor([&] { return app.settings().useCamelot; }, 3000));
     app.render(TempoEstimate{120.2, 0.9, 0.1}, aMinor);  // the next reading
     EXPECT_EQ(label(), "8A 120");
 
     // Start at Login writes the autostart entry, pointing at this program, and takes it away again.
     const QString entry = dir.filePath("autostart/velquin.desktop");
-    const int login = idOf(menu, "Start at Login");
-    ASSERT_GE(login, 0);
-    host.click(service, login);
+    const auto* login = test::PanelHost::find(menu, "Start at Login");
+    ASSERT_TRUE(login);
+    host.click(service, login->id);
     ASSERT_TRUE(QTest::qWaitFor([&] { return QFile::exists(entry); }, 3000));
     QFile file(entry);
     ASSERT_TRUE(file.open(QIODevice::ReadOnly));
     EXPECT_TRUE(file.readAll().contains(QCoreApplication::applicationFilePath().toUtf8()));
     EXPECT_TRUE(app.panel().loginItem()->isChecked());
-    host.click(service, login);
+    host.click(service, login->id);
     EXPECT_TRUE(QTest::qWaitFor([&] { return !QFile::exists(entry); }, 3000));
 
     // The panel goes away: the tray icon takes over.

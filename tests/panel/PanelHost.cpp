@@ -42,7 +42,7 @@ QDBusMessage PanelHost::call(const QString& service, const QString& path, const 
     QDBusMessage message = QDBusMessage::createMethodCall(service, path, interface, method);
     message.setArguments(args);
     QDBusPendingCall pending = connection_.asyncCall(message, 5000);
-    QTest::qWaitFor([&] { return pending.isFinished(); }, 6000);
+    (void)QTest::qWaitFor([&] { return pending.isFinished(); }, 6000);
     return pending.reply();
 }
 
@@ -68,6 +68,14 @@ void PanelHost::click(const QString& service, int id) {
     call(service, QStringLiteral("/MenuBar"), QStringLiteral("com.canonical.dbusmenu"),
          QStringLiteral("Event"),
          {id, QStringLiteral("clicked"), QVariant::fromValue(QDBusVariant(QString())), 0u});
+}
+
+const panel::MenuLayout* PanelHost::find(const panel::MenuLayout& node, const QString& label) {
+    if (node.properties.value(QStringLiteral("label")).toString() == label) return &node;
+    for (const panel::MenuLayout& child : node.children) {
+        if (const panel::MenuLayout* hit = find(child, label)) return hit;
+    }
+    return nullptr;
 }
 
 void PanelHost::listenTo(const QString& service) {

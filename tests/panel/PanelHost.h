@@ -33,6 +33,8 @@ class PanelHost : public QObject, protected QDBusContext {
     QVariantMap itemProperties(const QString& service);
     panel::MenuLayout layout(const QString& service);
     void click(const QString& service, int id);
+    // The item of `node`'s tree with this label, or null.
+    static const panel::MenuLayout* find(const panel::MenuLayout& node, const QString& label);
     // Signals received from `service` with this member name, oldest first.
     QList<QDBusMessage> received(const QString& member) const;
     void listenTo(const QString& service);

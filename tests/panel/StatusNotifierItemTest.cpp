@@ -21,13 +21,7 @@ using panel::IconPixmap;
 using panel::MenuLayout;
 using panel::StatusNotifierItem;
 
-const MenuLayout* find(const MenuLayout& node, const QString& label) {
-    if (node.properties.value(QStringLiteral("label")).toString() == label) return &node;
-    for (const MenuLayout& child : node.children) {
-        if (const MenuLayout* hit = find(child, label)) return hit;
-    }
-    return nullptr;
-}
+using test::PanelHost;
 
 // A translucent red square: in network byte order its pixels read 0x80, 0xff, 0, 0.
 QImage square(double, int side) {
@@ -67,7 +61,7 @@ struct Menu {
 };
 
 TEST(StatusNotifierItem, PanelReadsItemAndMenuAndDrivesIt) {
-    test::PanelHost host;
+    PanelHost host;
     host.startWatcher();
     Menu m;
     StatusNotifierItem item(&m.menu, square);
@@ -119,22 +113,23 @@ TEST(StatusNotifierItem, PanelReadsItemAndMenuAndDrivesIt) {
 
     // The menu: labels, toggles, shortcut, separator, submenu, hidden item, mnemonic.
     const MenuLayout root = host.layout(service);
+    const auto find = [&](const QString& label) { return PanelHost::find(root, label); };
     ASSERT_EQ(root.children.size(), 7);
-    EXPECT_TRUE(find(root, "A minor 90%"));
-    const MenuLayout* camelot = find(root, "Camelot Names (8A)");
+    EXPECT_TRUE(find("A minor 90%"));
+    const MenuLayout* camelot = find("Camelot Names (8A)");
     ASSERT_TRUE(camelot);
     EXPECT_EQ(camelot->properties.value("toggle-type").toString(), "checkmark");
     EXPECT_EQ(camelot->properties.value("toggle-state").toInt(), 0);
     EXPECT_EQ(qdbus_cast<panel::MenuShortcut>(camelot->properties.value("shortcut")),
               (panel::MenuShortcut{{"Control", "K"}}));
-    EXPECT_FALSE(find(root, QStringLiteral("Listening\u2026"))->properties.value("enabled").toBool());
-    EXPECT_FALSE(find(root, "Last file")->properties.value("visible").toBool());
+    EXPECT_FALSE(find(QStringLiteral("Listening\u2026"))->properties.value("enabled").toBool());
+    EXPECT_FALSE(find("Last file")->properties.value("visible").toBool());
     EXPECT_EQ(root.children[4].properties.value("type").toString(), "separator");
     EXPECT_EQ(root.children[5].properties.value("children-display").toString(), "submenu");
     ASSERT_EQ(root.children[5].children.size(), 2);
     EXPECT_EQ(root.children[5].children[0].properties.value("toggle-type").toString(), "radio");
     EXPECT_EQ(root.children[5].children[0].properties.value("toggle-state").toInt(), 1);
-    EXPECT_TRUE(find(root, "_Quit my__app"));
+    EXPECT_TRUE(find("_Quit my__app"));
 
     // A click through the panel triggers the action, and the new state is sent back.
     bool triggered = false;

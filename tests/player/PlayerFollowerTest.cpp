@@ -107,6 +107,7 @@ TEST(PlayerFollow, ShowsThePlayingFileUntilThePlayerStops) {
     ScriptedPlayer player(test::privateBusAddress(), "one");
     Rig rig(cache);
     ASSERT_TRUE(rig.sees(1));
+    const auto set = [&](const QVariantMap& changed) { return [&player, changed] { player.set(changed); }; };
     struct Step {
         const char* what;
         std::function<void()> act;
@@ -117,21 +118,9 @@ TEST(PlayerFollow, ShowsThePlayingFileUntilThePlayerStops) {
          "Playing: Artist \u2014 Song A", 1},
         {"track B", [&] { player.play(url("b.wav"), "Song B"); }, "C 96", "Playing: Song B", 2},
         {"A again, cached", [&] { player.play(url("a minor.wav")); }, "Am 128", "Playing: a minor.wav", 2},
-        {"rate",
-         [&] {
-             player.set({{"Rate", 1.05}});
-         },
-         "Am 134", "Playing: a minor.wav", 2},
-        {"pause",
-         [&] {
-             player.set({{"PlaybackStatus", "Paused"}});
-         },
-         "live", "", 2},
-        {"resume",
-         [&] {
-             player.set({{"PlaybackStatus", "Playing"}});
-         },
-         "Am 134", "Playing: a minor.wav", 2},
+        {"rate", set({{"Rate", 1.05}}), "Am 134", "Playing: a minor.wav", 2},
+        {"pause", set({{"PlaybackStatus", "Paused"}}), "live", "", 2},
+        {"resume", set({{"PlaybackStatus", "Playing"}}), "Am 134", "Playing: a minor.wav", 2},
         {"http", [&] { player.play("http://example.org/a.mp3"); }, "live", "", 2},
         {"file again", [&] { player.play(url("a minor.wav")); }, "Am 134", "Playing: a minor.wav", 2},
         {"follow off", [&] { rig.follower->setEnabled(false); }, "live", "", 2},

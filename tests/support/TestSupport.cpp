@@ -36,6 +36,8 @@ std::vector<float> clickTrain(double bpm, double sampleRate, double seconds, dou
     return out;
 }
 
+namespace {
+// Harmonic tone (fundamental plus decaying partials) of one MIDI note.
 void addNote(std::vector<float>& into, double sampleRate, int midiNote, double start, double duration,
              double amplitude, int partials, double centsOffset) {
     const double f0 = 440.0 * std::pow(2.0, (midiNote - 69 + centsOffset / 100.0) / 12.0);
@@ -55,6 +57,7 @@ void addNote(std::vector<float>& into, double sampleRate, int midiNote, double s
         into[first + i] += static_cast<float>(amplitude * env * v);
     }
 }
+}  // namespace
 
 std::vector<float> progression(const std::vector<std::vector<int>>& chords, double sampleRate, double seconds,
                                double chordSeconds, double centsOffset) {

@@ -15,10 +15,6 @@ std::vector<float> sine(double frequency, double sampleRate, double seconds, dou
 // Short decaying 1 kHz bursts (10 ms) every 60/bpm seconds, first at time 0.
 std::vector<float> clickTrain(double bpm, double sampleRate, double seconds, double amplitude = 0.8);
 
-// Harmonic tone (fundamental plus decaying partials) of one MIDI note.
-void addNote(std::vector<float>& into, double sampleRate, int midiNote, double start, double duration,
-             double amplitude, int partials = 4, double centsOffset = 0);
-
 // A chord progression: each chord is a list of MIDI notes held for `chordSeconds`, with its root
 // doubled an octave below as bass; repeated until `seconds` is filled.
 std::vector<float> progression(const std::vector<std::vector<int>>& chords, double sampleRate, double seconds,
