@@ -67,9 +67,7 @@ TEST(AudioURL, FirstLocalAudioOrMovieFileByExtension) {
 }
 
 struct DragResult {
-    bool enterAccepted;
-    bool moveAccepted;
-    bool dropAccepted;
+    bool enterAccepted, moveAccepted, dropAccepted;
     Qt::DropAction action;
 };
 
@@ -182,8 +180,7 @@ TEST(BarDropTarget, ReportsAtLeastTheBarHeight) {
     QRect located;
     target.onLocate = [&](const QRect& rect) { located = rect; };
     QCursor::setPos(100, 100);
-    const auto drag = filesDrag({"/music/a.mp3"});
-    dragAndDrop(&thin, *drag, QPoint(0, 0), &target);
+    dragAndDrop(&thin, *filesDrag({"/music/a.mp3"}), QPoint(0, 0), &target);
     EXPECT_EQ(located, QRect(100, 100, 60, 22));
 }
 
