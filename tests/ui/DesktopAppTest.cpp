@@ -153,10 +153,6 @@ TEST_F(DesktopAppTest, SettingsAreReadStoredAndFallBackToTheirDefaults) {
     app->toggleNotes();
     app->chooseRange(items().rangeItems.at(TempoRange::verySlow));
     app->chooseRelative(items().relativeItems.at(Preference::major));
-    QAction bogus;
-    bogus.setData(QStringLiteral("presto"));
-    app->chooseRange(&bogus);
-    app->chooseRelative(&bogus);
     launch();
     EXPECT_TRUE(items().camelotItem->isChecked() && items().decimalsItem->isChecked() &&
                 items().compactItem->isChecked());

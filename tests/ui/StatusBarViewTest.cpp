@@ -6,6 +6,7 @@
 #include <cmath>
 #include <optional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "BarWindow.h"
@@ -17,9 +18,10 @@ namespace {
 
 enum class Shade { none, track, orange, yellow, green };
 
-// What the ring shows at `degrees` clockwise from twelve o'clock, on its centre line. A large ring is
-// used so that a sampled pixel lies wholly inside the stroke; hue bands are far apart, so antialiasing
-// cannot move a colour into its neighbour's band.
+// What the ring shows at `degrees` clockwise from twelve o'clock, on its centre
+// line. A large ring is used so that a sampled pixel lies wholly inside the
+// stroke; hue bands are far apart, so antialiasing cannot move a colour into
+// its neighbour's band.
 Shade shadeAt(const QImage& ring, double diameter, double degrees) {
     const double radius = diameter / 2 - 1.5;
     const double a = degrees * M_PI / 180;
@@ -36,31 +38,22 @@ Shade shadeAt(const QImage& ring, double diameter, double degrees) {
 
 TEST(ConfidenceRing, ArcGrowsClockwiseFromTheTopInTheColourOfItsConfidence) {
     constexpr double d = 48;
-    struct Case {
-        double confidence;
-        Shade arc;          // colour of the drawn arc
-        double insideArc;   // an angle the arc covers
-        double outsideArc;  // an angle it does not (track only)
-    };
-    const std::vector<Case> cases = {
+    // Confidence, the arc's colour, an angle the arc covers and one it does not.
+    const std::vector<std::tuple<double, Shade, double, double>> cases = {
         {0.02, Shade::orange, 3.6, 20},  // 7.2° long: a short arc right of the top
         {0.34, Shade::orange, 100, 140}, {0.35, Shade::yellow, 110, 140}, {0.69, Shade::yellow, 240, 265},
-        {0.7, Shade::green, 240, 265},   {1.4, Shade::green, 359, -1},  // clamped to a full circle
+        {0.7, Shade::green, 240, 265},   {1.4, Shade::green, 359, 265},  // clamped to a full circle
+        {0.0, Shade::track, 2, 180},     {0.01, Shade::track, 2, 180},    {-0.5, Shade::track, 2, 180},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE("confidence " + std::to_string(c.confidence));
-        const QImage ring = ConfidenceRing::image(c.confidence, d);
+    for (const auto& [confidence, arc, inside, outside] : cases) {
+        SCOPED_TRACE("confidence " + std::to_string(confidence));
+        const QImage ring = ConfidenceRing::image(confidence, d);
         ASSERT_EQ(ring.size(), QSize(48, 48));
-        EXPECT_EQ(shadeAt(ring, d, c.insideArc), c.arc);
-        if (c.outsideArc >= 0) {
-            EXPECT_EQ(shadeAt(ring, d, c.outsideArc), Shade::track);
-        }
+        EXPECT_EQ(shadeAt(ring, d, inside), arc);
         // Anticlockwise of the top is never reached except by the full circle.
-        EXPECT_EQ(shadeAt(ring, d, 340), c.confidence >= 1 ? c.arc : Shade::track);
-    }
-    for (const double empty : {0.0, 0.01, -0.5}) {
-        const QImage ring = ConfidenceRing::image(empty, d);
-        for (double angle = 0; angle < 360; angle += 15) EXPECT_EQ(shadeAt(ring, d, angle), Shade::track);
+        for (const double angle : {outside, 340.0}) {
+            EXPECT_EQ(shadeAt(ring, d, angle), confidence >= 1 ? arc : Shade::track);
+        }
     }
 }
 
@@ -87,7 +80,8 @@ TEST_F(StatusBarViewTest, OneLineKeepsKeyLeftAndBpmRightInFixedColumns) {
         int keySlot;
         QString line;
     };
-    // A BPM longer than its slot is drawn whole after the one separating space; a longer key is cut.
+    // A BPM longer than its slot is drawn whole after the one separating space; a
+    // longer key is cut.
     for (const Case& c : {Case{"8A", "128", 7, "8A      128"}, Case{"8A", "12345", 7, "8A      12345"},
                           Case{"10A-long", "12345", 6, "10A-lo 12345"}}) {
         view.keyText = c.key;
@@ -96,7 +90,8 @@ TEST_F(StatusBarViewTest, OneLineKeepsKeyLeftAndBpmRightInFixedColumns) {
         view.bpmSlot = 3;
         EXPECT_EQ(view.lineText(), c.line);
     }
-    // Drawn: the first key letter and the last BPM digit stay put whatever the other characters are.
+    // Drawn: the first key letter and the last BPM digit stay put whatever the
+    // other characters are.
     std::optional<QRect> first;
     for (const auto& [key, bpm] : {std::pair{"A", "128"}, {"A#m", "8"}, {"Am", "98"}}) {
         view.keyText = key;
@@ -125,13 +120,15 @@ TEST_F(StatusBarViewTest, PreferredWidthHoldsFullSlotsInEveryLayoutAndCompactSta
             ASSERT_FALSE(ink.isEmpty());
             EXPECT_LT(ink.right(), width - StatusBarView::rightPad);
             EXPECT_TRUE(ink.top() >= 0 && ink.bottom() <= 21);
-            // The width follows the settings alone, so the bar does not jump as readings change.
+            // The width follows the settings alone, so the bar does not jump as
+            // readings change.
             view.keyText = "-";
             view.bpmText = "---";
             EXPECT_EQ(view.preferredWidth(), width);
         }
     }
-    // Compact: the key, unpadded right after the ring, above the BPM at the same x.
+    // Compact: the key, unpadded right after the ring, above the BPM at the same
+    // x.
     view.keyText = "8A";
     view.bpmText = "";
     const QImage keyOnly = draw();
