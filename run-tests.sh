@@ -26,7 +26,7 @@ run_ctest() {
 }
 
 echo "== normal build"
-velquin_build "$VELQUIN_ROOT/build" -DCMAKE_BUILD_TYPE=RelWithDebInfo
+velquin_build "$VELQUIN_ROOT/build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVELQUIN_BENCH=ON
 run_ctest "$VELQUIN_ROOT/build"
 
 echo "== AddressSanitizer + UndefinedBehaviorSanitizer build"
@@ -41,7 +41,7 @@ tsan="$VELQUIN_ROOT/build-tsan"
 [ -f "$tsan/build.ninja" ] ||
     cmake -S "$VELQUIN_ROOT" -B "$tsan" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DVELQUIN_TSAN=ON >/dev/null
 cmake --build "$tsan" -j "$jobs" --target capture_tests player_tests
-run_ctest "$tsan" -R '^(SampleRing|TempoService|PulseSource|FileAnalysis|PlayerFollow)\.'
+run_ctest "$tsan" -R '^(SampleRing|TempoService|LiveAnalysis|PulseSources|PulseMix|FileAnalysis|PlayerFollow)\.'
 
 echo "== decoder fuzzing (one minute)"
 "$VELQUIN_ROOT/scripts/fuzz.sh" 60 || status=1

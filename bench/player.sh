@@ -4,11 +4,12 @@
 # the desktop's cache on disk, here in a fresh folder); the medians from its PropertiesChanged to the
 # follower's new reading are printed.
 #   bench/player.sh [MP3]   (default: a generated 4-minute stereo MP3)
-# The program is $PLAYER_BENCH_BIN, or build/tests/player_bench under the project root.
+# The program is $PLAYER_BENCH_BIN, or build/bench/player_bench under the project root
+# (configured with -DVELQUIN_BENCH=ON).
 set -euo pipefail
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
-bin=${PLAYER_BENCH_BIN:-$root/build/tests/player_bench}
+bin=${PLAYER_BENCH_BIN:-$root/build/bench/player_bench}
 [ -x "$bin" ] || { echo "no program at $bin (cmake --build build --target player_bench)" >&2; exit 2; }
 command -v dbus-daemon >/dev/null || { echo "dbus-daemon is not installed" >&2; exit 2; }
 

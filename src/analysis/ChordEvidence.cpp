@@ -66,7 +66,7 @@ std::array<double, 24> ChordEvidence::scores(std::span<const Chroma> mid, double
 
     segment(mid, window, p.chordMinConfidence);
     double total = 0;
-    for (const Segment& s : segments_) total += double(s.frames);
+    for (const Segment& s : segments_) total += s.frames;
     if (!(total > 0)) return scores;
 
     const double ramp = strength(total, p.chordCoverageSeconds * frameRate);
@@ -77,7 +77,7 @@ std::array<double, 24> ChordEvidence::scores(std::span<const Chroma> mid, double
                 double sum = 0;
                 for (const Segment& s : segments_) {
                     const size_t role = (s.root + 12 - tonic) % 12 + (s.isMinor ? 12 : 0);
-                    sum += s.confidence * function[role] * double(s.frames);
+                    sum += s.confidence * function[role] * s.frames;
                 }
                 scores[tonic + (minor ? 12 : 0)] = ramp * sum / total;
             }

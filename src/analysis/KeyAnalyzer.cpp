@@ -18,7 +18,7 @@ namespace {
 size_t fftSizeFor(double sampleRate) {
     size_t size = 1024;
     // The cap only matters for absurd rates; a frame must last at least 0.37 s.
-    while (double(size) / sampleRate < 0.37 && size < (size_t{1} << 26)) size *= 2;
+    while (size / sampleRate < 0.37 && size < (size_t{1} << 26)) size *= 2;
     return size;
 }
 
@@ -36,7 +36,7 @@ KeyAnalyzer::KeyAnalyzer(double sampleRate, bool offline, Parameters parameters)
       hop_(fftSize_ / 4),
       fft_(static_cast<int64_t>(fftSize_)),
       offline_(offline) {
-    const double binHz = sampleRate_ / double(fftSize_);
+    const double binHz = sampleRate_ / fftSize_;
     peakLo_ = std::max<size_t>(1, truncatedCount(p_.minFrequency / binHz, 1 << 30));
     peakHi_ = std::min(fftSize_ / 2 - 2, truncatedCount(p_.maxFrequency / binHz, 1 << 30));
     if (peakLo_ + 2 < peakHi_) mag_.assign(peakHi_ + 2, 0.0f);
@@ -54,7 +54,7 @@ KeyAnalyzer::KeyAnalyzer(double sampleRate, bool offline, Parameters parameters)
 }
 
 size_t KeyAnalyzer::maxFrames() const {
-    return truncatedCount(p_.historySeconds * sampleRate_ / double(hop_), size_t{1} << 40) + 2;
+    return truncatedCount(p_.historySeconds * sampleRate_ / hop_, size_t{1} << 40) + 2;
 }
 
 size_t KeyAnalyzer::framesFor(double seconds) const {
@@ -75,8 +75,8 @@ void KeyAnalyzer::append(std::span<const float> samples) {
 
     if (level < p_.silenceFloor) {
         silentSamples_ += n;
-        if (!offline_ && double(silentSamples_) > p_.silenceResetSeconds * sampleRate_ &&
-            double(frames_.size()) > 8 * sampleRate_ / double(hop_)) {
+        if (!offline_ && silentSamples_ > p_.silenceResetSeconds * sampleRate_ &&
+            frames_.size() > 8 * sampleRate_ / hop_) {
             restart(0);
             silentSamples_ = 0;
         }
@@ -97,7 +97,7 @@ void KeyAnalyzer::append(std::span<const float> samples) {
 void KeyAnalyzer::spectralPeaks() {
     peaks_.clear();
     if (mag_.empty()) return;
-    const double binHz = sampleRate_ / double(fftSize_);
+    const double binHz = sampleRate_ / fftSize_;
     const std::span<const float> band = std::span(mag_).subspan(peakLo_, peakHi_ - peakLo_ + 1);
     float top = 0;
     for (float v : band) top = std::max(top, v);
@@ -156,7 +156,7 @@ void KeyAnalyzer::addFrame() {
     for (const Peak& peak : peaks_) {
         if (p_.harmonicWeights.empty() || peak.frequency < p_.minFrequency) continue;
         for (size_t h = 0; h < p_.harmonicWeights.size(); ++h) {
-            const double f0 = peak.frequency / double(h + 1);
+            const double f0 = peak.frequency / (h + 1);
             if (f0 < p_.minFrequency) break;
             const double m = 12 * std::log2(f0 / 440) + 69 - delta;
             const double r = std::round(m);
@@ -197,7 +197,7 @@ void KeyAnalyzer::addFrame() {
     frames_.push_back(chroma);
     bassFrames_.push_back(bassPc);
     midFrames_.push_back(mid);
-    if (dumpFrames) dumped_.push_back({double(samplesFed_) / sampleRate_, chroma, mid, bassPc});
+    if (dumpFrames) dumped_.push_back({samplesFed_ / sampleRate_, chroma, mid, bassPc});
     if (!offline_) {
         const size_t limit = maxFrames();
         frames_.keepLast(limit);

@@ -135,7 +135,7 @@ class KeyAnalyzer {
         MusicalKey key;
     };
 
-    double framesPerSecond() const { return sampleRate_ / double(hop_); }
+    double framesPerSecond() const { return sampleRate_ / hop_; }
     size_t maxFrames() const;
     void spectralPeaks();
     void addFrame();

@@ -55,9 +55,9 @@ void detrend(std::span<const float> x, size_t half, std::vector<double>& out) {
     for (size_t i = 0; i < n; ++i) {
         const size_t wantLo = i > half ? i - half : 0;
         const size_t wantEnd = std::min(i + half + 1, n);
-        while (end < wantEnd) windowSum += double(x[end++]);
-        while (lo < wantLo) windowSum -= double(x[lo++]);
-        out[i] = std::max(0.0, double(x[i]) - windowSum / double(end - lo));
+        while (end < wantEnd) windowSum += x[end++];
+        while (lo < wantLo) windowSum -= x[lo++];
+        out[i] = std::max(0.0, x[i] - windowSum / (end - lo));
     }
 }
 
@@ -85,13 +85,13 @@ void blur(std::span<const double> d, double widthFrames, std::vector<double>& ou
 bool standardise(std::span<double> e) {
     double mean = 0;
     for (double v : e) mean += v;
-    mean /= double(e.size());
+    mean /= e.size();
     double variance = 0;
     for (double& v : e) {
         v -= mean;
         variance += v * v;
     }
-    variance /= double(e.size());
+    variance /= e.size();
     if (variance <= 1e-12) return false;
     const double deviation = std::sqrt(variance);
     for (double& v : e) v /= deviation;
@@ -105,7 +105,7 @@ void autocorrelate(std::span<const double> e, size_t maxLag, size_t size, std::v
     for (size_t lag = 1; lag <= maxLag; ++lag) {
         double acc = 0;
         for (size_t i = 0; i + lag < n; ++i) acc += e[i] * e[i + lag];
-        acf[lag] = acc / double(n - lag);
+        acf[lag] = acc / (n - lag);
     }
 }
 
@@ -275,16 +275,16 @@ std::optional<TempoAnalyzer::Periodicity> TempoAnalyzer::periodicity(double seco
     s.scores.assign(maxLag + 1, negativeInfinity);
     size_t globalBest = minLag;
     for (size_t lag = minLag; lag <= maxLag; ++lag) {
-        s.scores[lag] = score(double(lag), true);
+        s.scores[lag] = score(lag, true);
         if (s.scores[lag] > s.scores[globalBest]) globalBest = lag;
     }
     if (parameters_.onDebug) reportLags(minLag, maxLag);
 
     collectCandidates(minLag, maxLag, globalBest);
-    double bestLag = double(globalBest);
+    double bestLag = globalBest;
     double bestScore = negativeInfinity;
     for (size_t start : s.lags) {
-        const double lag = climb(double(start));
+        const double lag = climb(start);
         const double refined = score(lag, true);
         if (refined > bestScore) {
             bestScore = refined;
@@ -304,9 +304,8 @@ void TempoAnalyzer::reportLags(size_t minLag, size_t maxLag) const {
                      [&](size_t a, size_t b) { return s.scores[a] > s.scores[b]; });
     std::string table = "  lag    bpm     acf     harm    prior   score\n";
     for (size_t lag : std::span(s.lags).first(std::min<size_t>(8, s.lags.size())))
-        table +=
-            format("  %3d  %6.1f  %7.4f  %7.4f  %6.3f  %7.4f\n", lag, framesPerSecond() * 60.0 / double(lag),
-                   s.acf[lag], score(double(lag), false), prior(double(lag)), s.scores[lag]);
+        table += format("  %3d  %6.1f  %7.4f  %7.4f  %6.3f  %7.4f\n", lag, framesPerSecond() * 60.0 / lag,
+                        s.acf[lag], score(lag, false), prior(lag), s.scores[lag]);
     parameters_.onDebug(table);
 }
 
@@ -357,11 +356,11 @@ double TempoAnalyzer::clarity(double bestScore, size_t minLag, size_t maxLag) co
             ++finite;
         }
     if (finite == 0) return 0;
-    const double mu = sum / double(finite);
+    const double mu = sum / finite;
     double var = 0;
     for (double v : scores)
         if (std::isfinite(v)) var += (v - mu) * (v - mu);
-    var /= double(finite);
+    var /= finite;
     return var > 1e-12 ? (bestScore - mu) / std::sqrt(var) : 0;
 }
 

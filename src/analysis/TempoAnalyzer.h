@@ -68,7 +68,7 @@ class TempoAnalyzer {
     void setBpmRange(BPMBounds range) { bpmRange_ = range; }
 
     double sampleRate() const { return sampleRate_; }
-    double framesPerSecond() const { return sampleRate_ / double(hop_); }
+    double framesPerSecond() const { return sampleRate_ / hop_; }
     // The lock's state, for diagnostics.
     double lockedBPM() const { return lockedBPM_; }
     double candidateBPM() const { return candidateBPM_; }

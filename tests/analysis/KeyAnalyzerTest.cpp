@@ -86,6 +86,8 @@ TEST(KeyAnalyzer, FindsEveryKeyOfACadence) {
         EXPECT_EQ(*estimate.key, key)
             << "expected " << key.shortName() << ", got " << estimate.key->shortName();
         EXPECT_GT(estimate.confidence, 0.3) << key.shortName();
+        // A clear winner offers at most its relative as the alternative, never a close-second neighbour.
+        if (estimate.alternative) EXPECT_TRUE(estimate.alternative->isRelativeOf(key)) << key.shortName();
         EXPECT_DOUBLE_EQ(*std::max_element(estimate.chroma.begin(), estimate.chroma.end()), 1.0);
     }
 }
