@@ -371,7 +371,6 @@ TEST_F(DesktopAppTest, FirstLaunchOpensTheMenuWithAHintAndTheBarSaysItIsListenin
 }
 
 TEST_F(DesktopAppTest, HidingTheNoteLineLeavesNothingPaintedBehind) {
-    store("showNotes", true);
     std::vector<QImage> pausedMenus;
     for (const bool showNotesFirst : {true, false}) {
         launch();
@@ -395,7 +394,6 @@ TEST_F(DesktopAppTest, HidingTheNoteLineLeavesNothingPaintedBehind) {
 }
 
 TEST_F(DesktopAppTest, ShortcutsWorkWhileTheMenuIsOpen) {
-    store("showNotes", true);
     launch();
     QObject::disconnect(items().quitItem, &QAction::triggered, qApp, nullptr);
     int quits = 0;
@@ -430,7 +428,6 @@ TEST_F(DesktopAppTest, ShortcutsWorkWhileTheMenuIsOpen) {
 }
 
 TEST_F(DesktopAppTest, ADropKeepsItsShelfAndWorkingStateUntilTheResult) {
-    store("showNotes", true);
     launch();
     std::atomic<bool> finish = false;
     app->drops().analyzer = [&](const std::string&, TempoRange, const FileJobControl& control) {
@@ -455,7 +452,6 @@ TEST_F(DesktopAppTest, ADropKeepsItsShelfAndWorkingStateUntilTheResult) {
 }
 
 TEST_F(DesktopAppTest, MenuAnalysisShowsProgressAndCancelsQuickly) {
-    store("showNotes", true);
     launch();
     std::atomic<bool> returned = false;
     app->drops().analyzer = [&](const std::string&, TempoRange, const FileJobControl& control) {
