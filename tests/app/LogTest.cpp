@@ -44,10 +44,7 @@ TEST(Log, LinesAppendInCallOrderAndSurviveADeletedFile) {
 
     log.write("shelf: show");
     log.flush();
-    auto got = lines(file);
-    ASSERT_EQ(got.size(), 1u) << "the first line creates the file holding exactly that line";
-    EXPECT_TRUE(std::regex_match(got[0], std::regex(kStamp + " shelf: show")));
-    EXPECT_EQ(test::readText(file).back(), '\n');
+    EXPECT_TRUE(std::regex_match(test::readText(file), std::regex(kStamp + " shelf: show\n")));
 
     log.write("two\nlines");
     // Two writers at once: every line whole, each writer's lines in its own order.
@@ -59,7 +56,7 @@ TEST(Log, LinesAppendInCallOrderAndSurviveADeletedFile) {
         });
     for (auto& t : writers) t.join();
     log.flush();
-    got = lines(file);
+    const auto got = lines(file);
     ASSERT_EQ(got.size(), 3u + 2 * perThread);
     EXPECT_TRUE(std::regex_match(got[1], std::regex(kStamp + " two")));
     EXPECT_EQ(got[2], "lines") << "a line feed in a message is not escaped";
@@ -74,22 +71,18 @@ TEST(Log, LinesAppendInCallOrderAndSurviveADeletedFile) {
     std::filesystem::remove(file);
     log.write("shelf: hide");
     log.flush();
-    got = lines(file);
-    ASSERT_EQ(got.size(), 1u);
-    EXPECT_TRUE(std::regex_match(got[0], std::regex(kStamp + " shelf: hide")));
+    EXPECT_TRUE(std::regex_match(test::readText(file), std::regex(kStamp + " shelf: hide\n")));
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()), {}), 1) << "no temporary left";
 }
 
 TEST(Log, FailuresAreIgnored) {
     test::TempDir dir;
-    LogWriter missingFolder(dir / "gone" / "Velquin.log");
-    missingFolder.write("nowhere to go");
-    missingFolder.flush();
+    for (const auto& file : {dir / "gone" / "Velquin.log", std::filesystem::path()}) {
+        LogWriter log(file);  // a missing folder, or logging switched off
+        log.write("nowhere to go");
+        log.flush();
+    }
     EXPECT_FALSE(std::filesystem::exists(dir / "gone"));
-
-    LogWriter off{std::filesystem::path()};
-    off.write("dropped");
-    off.flush();
 }
 
 // The process-wide log picks its folder once, on first use, so it is checked in a fresh process.

@@ -4,7 +4,9 @@
 #include <QPalette>
 #include <QTest>
 #include <cmath>
+#include <optional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "BarWindow.h"
@@ -16,9 +18,10 @@ namespace {
 
 enum class Shade { none, track, orange, yellow, green };
 
-// What the ring shows at `degrees` clockwise from twelve o'clock, on its centre line. A large ring is
-// used so that a sampled pixel lies wholly inside the stroke; hue bands are far apart, so antialiasing
-// cannot move a colour into its neighbour's band.
+// What the ring shows at `degrees` clockwise from twelve o'clock, on its centre
+// line. A large ring is used so that a sampled pixel lies wholly inside the
+// stroke; hue bands are far apart, so antialiasing cannot move a colour into
+// its neighbour's band.
 Shade shadeAt(const QImage& ring, double diameter, double degrees) {
     const double radius = diameter / 2 - 1.5;
     const double a = degrees * M_PI / 180;
@@ -35,31 +38,22 @@ Shade shadeAt(const QImage& ring, double diameter, double degrees) {
 
 TEST(ConfidenceRing, ArcGrowsClockwiseFromTheTopInTheColourOfItsConfidence) {
     constexpr double d = 48;
-    struct Case {
-        double confidence;
-        Shade arc;          // colour of the drawn arc
-        double insideArc;   // an angle the arc covers
-        double outsideArc;  // an angle it does not (track only)
-    };
-    const std::vector<Case> cases = {
+    // Confidence, the arc's colour, an angle the arc covers and one it does not.
+    const std::vector<std::tuple<double, Shade, double, double>> cases = {
         {0.02, Shade::orange, 3.6, 20},  // 7.2° long: a short arc right of the top
         {0.34, Shade::orange, 100, 140}, {0.35, Shade::yellow, 110, 140}, {0.69, Shade::yellow, 240, 265},
-        {0.7, Shade::green, 240, 265},   {1.4, Shade::green, 359, -1},  // clamped to a full circle
+        {0.7, Shade::green, 240, 265},   {1.4, Shade::green, 359, 265},  // clamped to a full circle
+        {0.0, Shade::track, 2, 180},     {0.01, Shade::track, 2, 180},    {-0.5, Shade::track, 2, 180},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE("confidence " + std::to_string(c.confidence));
-        const QImage ring = ConfidenceRing::image(c.confidence, d);
+    for (const auto& [confidence, arc, inside, outside] : cases) {
+        SCOPED_TRACE("confidence " + std::to_string(confidence));
+        const QImage ring = ConfidenceRing::image(confidence, d);
         ASSERT_EQ(ring.size(), QSize(48, 48));
-        EXPECT_EQ(shadeAt(ring, d, c.insideArc), c.arc);
-        if (c.outsideArc >= 0) {
-            EXPECT_EQ(shadeAt(ring, d, c.outsideArc), Shade::track);
-        }
+        EXPECT_EQ(shadeAt(ring, d, inside), arc);
         // Anticlockwise of the top is never reached except by the full circle.
-        EXPECT_EQ(shadeAt(ring, d, 340), c.confidence >= 1 ? c.arc : Shade::track);
-    }
-    for (const double empty : {0.0, 0.01, -0.5}) {
-        const QImage ring = ConfidenceRing::image(empty, d);
-        for (double angle = 0; angle < 360; angle += 15) EXPECT_EQ(shadeAt(ring, d, angle), Shade::track);
+        for (const double angle : {outside, 340.0}) {
+            EXPECT_EQ(shadeAt(ring, d, angle), confidence >= 1 ? arc : Shade::track);
+        }
     }
 }
 
@@ -81,113 +75,87 @@ class StatusBarViewTest : public ::testing::Test {
 };
 
 TEST_F(StatusBarViewTest, OneLineKeepsKeyLeftAndBpmRightInFixedColumns) {
-    view.keyText = "8A";
-    view.keySlot = 7;
-    view.bpmText = "128";
-    view.bpmSlot = 3;
-    EXPECT_EQ(view.lineText(), "8A" + QString(5, ' ') + " " + "128");
-
-    view.bpmText = "12345";  // longer than its slot: drawn whole after the one separating space
-    EXPECT_EQ(view.lineText(), "8A" + QString(5, ' ') + " 12345");
-    view.keyText = "10A-long";  // longer than its slot: cut
-    view.keySlot = 6;
-    EXPECT_EQ(view.lineText(), "10A-lo 12345");
-
-    // Drawn: the last BPM digit and the first key letter stay put whatever the other characters are.
-    view.keySlot = 6;
-    view.bpmSlot = 3;
-    std::vector<QRect> bpmInk, keyInk;
-    for (const char* bpm : {"128", "98", "8"}) {
-        view.keyText = "-";
+    struct Case {
+        const char *key, *bpm;
+        int keySlot;
+        QString line;
+    };
+    // A BPM longer than its slot is drawn whole after the one separating space; a
+    // longer key is cut.
+    for (const Case& c : {Case{"8A", "128", 7, "8A      128"}, Case{"8A", "12345", 7, "8A      12345"},
+                          Case{"10A-long", "12345", 6, "10A-lo 12345"}}) {
+        view.keyText = c.key;
+        view.bpmText = c.bpm;
+        view.keySlot = c.keySlot;
+        view.bpmSlot = 3;
+        EXPECT_EQ(view.lineText(), c.line);
+    }
+    // Drawn: the first key letter and the last BPM digit stay put whatever the
+    // other characters are.
+    std::optional<QRect> first;
+    for (const auto& [key, bpm] : {std::pair{"A", "128"}, {"A#m", "8"}, {"Am", "98"}}) {
+        view.keyText = key;
         view.bpmText = bpm;
         const QImage image = draw();
-        const int keyRight = textX + static_cast<int>(view.preferredWidth() / 2);
-        bpmInk.push_back(test::inkBounds(image, QRect(keyRight, 0, image.width(), 22), background));
+        const QRect ink = test::inkBounds(image, textArea(image), background);
+        EXPECT_NEAR(ink.left(), textX, 2);
+        EXPECT_EQ(ink.right(), first.value_or(ink).right()) << bpm;
+        first = ink;
     }
-    for (const char* key : {"A", "Am", "A#m"}) {
-        view.keyText = key;
-        view.bpmText = "---";
-        const QImage image = draw();
-        keyInk.push_back(test::inkBounds(image, textArea(image), background));
-    }
-    for (size_t i = 1; i < 3; ++i) {
-        EXPECT_EQ(bpmInk[i].right(), bpmInk[0].right());
-        EXPECT_EQ(keyInk[i].left(), keyInk[0].left());
-    }
-    EXPECT_NEAR(keyInk[0].left(), textX, 2);
 }
 
-TEST_F(StatusBarViewTest, PreferredWidthHoldsFullSlotsInEveryLayout) {
+TEST_F(StatusBarViewTest, PreferredWidthHoldsFullSlotsInEveryLayoutAndCompactStacksTheLines) {
     for (const bool compact : {false, true}) {
-        for (const int keySlot : {6, 7}) {
-            for (const int bpmSlot : {3, 5}) {
-                SCOPED_TRACE(testing::Message()
-                             << "compact " << compact << " slots " << keySlot << "/" << bpmSlot);
-                view.compact = compact;
-                view.keySlot = keySlot;
-                view.bpmSlot = bpmSlot;
-                view.keyText = QString(keySlot, 'W');
-                view.bpmText = QString(bpmSlot, '8');
-                const double width = view.preferredWidth();
-                EXPECT_EQ(width, std::ceil(width));
-                const QImage image = draw();
-                const QRect ink = test::inkBounds(image, textArea(image), background);
-                ASSERT_FALSE(ink.isEmpty());
-                EXPECT_LT(ink.right(), width - StatusBarView::rightPad);
-                EXPECT_GE(ink.top(), 0);
-                EXPECT_LE(ink.bottom(), 21);
-
-                // The width follows the settings alone, so the bar does not jump as readings change.
-                view.keyText = "-";
-                view.bpmText = "---";
-                EXPECT_EQ(view.preferredWidth(), width);
-            }
+        for (const auto& [keySlot, bpmSlot] : {std::pair{6, 3}, {7, 5}, {6, 5}, {7, 3}}) {
+            SCOPED_TRACE(testing::Message()
+                         << "compact " << compact << " slots " << keySlot << "/" << bpmSlot);
+            view.compact = compact;
+            view.keySlot = keySlot;
+            view.bpmSlot = bpmSlot;
+            view.keyText = QString(keySlot, 'W');
+            view.bpmText = QString(bpmSlot, '8');
+            const double width = view.preferredWidth();
+            const QImage image = draw();
+            const QRect ink = test::inkBounds(image, textArea(image), background);
+            ASSERT_FALSE(ink.isEmpty());
+            EXPECT_LT(ink.right(), width - StatusBarView::rightPad);
+            EXPECT_TRUE(ink.top() >= 0 && ink.bottom() <= 21);
+            // The width follows the settings alone, so the bar does not jump as
+            // readings change.
+            view.keyText = "-";
+            view.bpmText = "---";
+            EXPECT_EQ(view.preferredWidth(), width);
         }
     }
-}
-
-TEST_F(StatusBarViewTest, CompactStacksUnpaddedKeyAboveBpmAtTheSameX) {
-    view.compact = true;
-    view.keySlot = 7;
-    view.bpmSlot = 5;
+    // Compact: the key, unpadded right after the ring, above the BPM at the same
+    // x.
     view.keyText = "8A";
     view.bpmText = "";
     const QImage keyOnly = draw();
     view.keyText = "";
     view.bpmText = "88.0";
     const QImage bpmOnly = draw();
-
     const QRect key = test::inkBounds(keyOnly, textArea(keyOnly), background);
     const QRect bpm = test::inkBounds(bpmOnly, textArea(bpmOnly), background);
-    ASSERT_FALSE(key.isEmpty());
-    ASSERT_FALSE(bpm.isEmpty());
     EXPECT_LT(key.bottom(), bpm.top());
-    EXPECT_GE(key.top(), 0);
-    EXPECT_LE(bpm.bottom(), 21);
     EXPECT_EQ(key.left(), bpm.left());
-    // Unpadded: the key text starts right after the ring, not in a right-aligned slot.
     EXPECT_LE(key.left(), textX + 2);
 }
 
-TEST_F(StatusBarViewTest, TextInTheLabelColourOrTheAccentForAFile) {
+TEST_F(StatusBarViewTest, TextInTheLabelColourOrTheAccentForAFileAndAWashWhenPressed) {
     view.keyText = "8A";
     view.bpmText = "128";
-    QImage image = draw();
-    EXPECT_TRUE(test::containsColor(image, textArea(image), label));
-    EXPECT_FALSE(test::containsColor(image, textArea(image), accent));
-    view.showingFile = true;
-    image = draw();
-    EXPECT_TRUE(test::containsColor(image, textArea(image), accent));
-    EXPECT_FALSE(test::containsColor(image, textArea(image), label));
-
-    // The pressed look washes the whole bar (inset 1 × 2) in the accent colour.
+    for (const bool file : {false, true}) {
+        view.showingFile = file;
+        const QImage image = draw();
+        EXPECT_EQ(test::containsColor(image, textArea(image), accent), file);
+        EXPECT_EQ(test::containsColor(image, textArea(image), label), !file);
+    }
     view.showingFile = false;
     view.setHighlighted(true);
-    image = draw();
-    const QColor wash = image.pixelColor(view.width() - 3, 11);
-    EXPECT_GT(test::colorDistance(wash, background), 20);
-    EXPECT_EQ(image.pixelColor(0, 11), background);
-    EXPECT_EQ(image.pixelColor(view.width() - 3, 0), background);
+    const QImage image = draw();
+    EXPECT_GT(test::colorDistance(image.pixelColor(view.width() - 3, 11), background), 20);
+    EXPECT_EQ(image.pixelColor(0, 11), background);  // inset from the edges
 }
 
 TEST_F(StatusBarViewTest, LeftClickReportsTheRealWindowRectThenClicks) {

@@ -46,22 +46,21 @@ inline QImage render(QWidget& widget) {
 
 // Bounding box of the pixels that differ from `background` by more than a faint antialiasing
 // fringe, within `area`; empty when nothing was drawn there.
+inline int colorDistance(const QColor& a, const QColor& b) {
+    return std::abs(a.red() - b.red()) + std::abs(a.green() - b.green()) + std::abs(a.blue() - b.blue());
+}
+
 inline QRect inkBounds(const QImage& image, const QRect& area, const QColor& background) {
     QRect box;
     const QRect clipped = area.intersected(image.rect());
     for (int y = clipped.top(); y <= clipped.bottom(); ++y) {
         for (int x = clipped.left(); x <= clipped.right(); ++x) {
             const QColor c = image.pixelColor(x, y);
-            const int d = std::abs(c.red() - background.red()) + std::abs(c.green() - background.green()) +
-                          std::abs(c.blue() - background.blue()) + std::abs(c.alpha() - background.alpha());
-            if (d > 90) box = box.united(QRect(x, y, 1, 1));
+            if (colorDistance(c, background) + std::abs(c.alpha() - background.alpha()) > 90)
+                box = box.united(QRect(x, y, 1, 1));
         }
     }
     return box;
-}
-
-inline int colorDistance(const QColor& a, const QColor& b) {
-    return std::abs(a.red() - b.red()) + std::abs(a.green() - b.green()) + std::abs(a.blue() - b.blue());
 }
 
 // Whether some pixel in `area` has `color` (within a small tolerance) at `minAlpha` or more; thin
