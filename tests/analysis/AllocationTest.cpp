@@ -2,8 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "AllocationCounter.h"
-#include "KeyAnalyzer.h"
-#include "TempoAnalyzer.h"
+#include "LiveAnalysis.h"
 #include "TestSupport.h"
 
 namespace allocations = velquin::test::allocations;
@@ -15,15 +14,11 @@ TEST(Allocation, LiveTicksAllocateNothingOnceTheHistoriesAreFull) {
     auto music =
         velquin::test::progression({{60, 64, 67}, {65, 69, 72}, {67, 71, 74}, {57, 60, 64}}, rate, 80.0);
     velquin::test::mixInto(music, velquin::test::clickTrain(120, rate, 80.0), 0.5f);
-    velquin::TempoAnalyzer tempo(rate, false);
-    velquin::KeyAnalyzer key(rate, false);
+    velquin::LiveAnalysis live(rate, velquin::bounds(velquin::TempoRange::Auto));
     size_t i = 0;
     const auto step = [&] {
-        const std::span<const float> block(music.data() + i, tick);
-        tempo.append(block);
-        key.append(block);
-        (void)tempo.estimate();
-        (void)key.estimate();
+        live.append(std::span<const float>(music.data() + i, tick));
+        (void)live.read();
         i += tick;
     };
     while (i < size_t(55 * rate)) step();

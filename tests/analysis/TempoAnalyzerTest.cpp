@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <vector>
@@ -47,18 +48,6 @@ TempoEstimate analyzeWhole(const std::vector<float>& samples, double rate,
 }
 
 }  // namespace
-
-TEST(TempoAnalyzer, LevelAndSilence) {
-    // Digital silence after a level: the level decays by 0.85 a call and no tempo appears.
-    TempoAnalyzer a(44100, false);
-    a.append({});
-    EXPECT_EQ(a.rms(), 0.0);
-    a.append(std::vector<float>(4410, 0.3f));
-    const double before = a.rms();
-    for (int i = 0; i < 5; ++i) a.append(std::vector<float>(4410, 0.0f));
-    EXPECT_NEAR(a.rms(), before * std::pow(0.85, 5), 1e-12);
-    EXPECT_EQ(a.estimate().bpm, 0.0);
-}
 
 TEST(TempoAnalyzer, ClickTrainsGiveTheirTempoAtEveryRate) {
     // Tolerance: 0.5 BPM is well under one lag step at 100 onset values per second.
@@ -127,10 +116,7 @@ TEST(TempoAnalyzer, LockHoldsBlendsAndSwitches) {
         EXPECT_EQ(a.regimeChanges(), 0);
         EXPECT_GT(a.lockedBPM(), before + 2);
         EXPECT_EQ(a.candidateBPM(), 0.0);
-        for (double v : shown) {
-            EXPECT_GT(v, 119.5);
-            EXPECT_LT(v, 123.5);
-        }
+        EXPECT_TRUE(std::all_of(shown.begin(), shown.end(), [](double v) { return v > 119.5 && v < 123.5; }));
     }
     // Two thirds of the tempo: a simple ratio, so no regime change; its support is far stronger
     // than the locked tempo's, so the short hold applies (2 s of onset frames after the candidate).
@@ -172,18 +158,6 @@ TEST(TempoAnalyzer, SilenceKeepsTheLockAndUnlockForgetsIt) {
     // Under 3 s of history: nothing.
     TempoAnalyzer fresh(48000, false);
     EXPECT_EQ(feedTicks(fresh, pulseCurve(120, 2.9)).bpm, 0.0);
-}
-
-TEST(TempoAnalyzer, DebugTableOnlyWhenAsked) {
-    std::string table;
-    velquin::TempoParameters parameters;
-    parameters.onDebug = [&](std::string_view text) { table += text; };
-    TempoAnalyzer a(48000, true, parameters);
-    a.appendOnsetValuesForTesting(pulseCurve(120, 10), 0.1);
-    a.estimateGlobal();
-    EXPECT_EQ(table.rfind("  lag    bpm     acf     harm    prior   score\n", 0), 0u);
-    EXPECT_EQ(std::count(table.begin(), table.end(), '\n'), 9);
-    EXPECT_NE(table.find("   50   120.0"), std::string::npos) << table;
 }
 
 TEST(TempoRange, RawValuesAndBounds) {

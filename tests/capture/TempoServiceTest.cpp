@@ -52,13 +52,15 @@ struct Harness {
     double rate = 48000;
     bool fail = false;
     ScriptedSource* last = nullptr;  // the newest source; the service owns it
+    // Declared before the service, so they outlive whatever it delivers while it shuts down.
+    std::vector<std::pair<TempoEstimate, KeyEstimate>> updates;
+    std::vector<std::string> errors;
+    size_t updatesBeforeError = 0;
     TempoService service{[this](AudioSourceKind) {
         auto source = std::make_unique<ScriptedSource>(registry, rate, fail);
         last = source.get();
         return source;
     }};
-    std::vector<std::pair<TempoEstimate, KeyEstimate>> updates;
-    std::vector<std::string> errors;
 
     Harness() {
         service.onUpdate = [this](const TempoEstimate& t, const KeyEstimate& k) {
@@ -69,7 +71,6 @@ struct Harness {
             EXPECT_TRUE(updates.empty() || updates.size() == updatesBeforeError);
         };
     }
-    size_t updatesBeforeError = 0;
 };
 
 // Runs the main thread's event loop until `done` or `seconds` have passed (generous: TSan on a busy
