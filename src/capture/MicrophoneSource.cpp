@@ -84,10 +84,6 @@ void MicrophoneSource::stop() {
     loop_.reset();
 }
 
-void MicrophoneSource::handle(const float* data, size_t frames, unsigned channels) {
-    mixer_.mix(data, frames, channels, onSamples);
-}
-
 void MicrophoneSource::readCallback(pa_stream* stream, size_t, void* userdata) {
     auto* self = static_cast<MicrophoneSource*>(userdata);
     self->mixer_.read(stream, self->channels_, self->onSamples);

@@ -31,11 +31,6 @@ class MicrophoneSource final : public AudioSource {
     void start() override;
     void stop() override;
 
-    // Mixes `frames` interleaved float frames of `channels` channels to mono and hands them to
-    // onSamples; empty blocks and null data are skipped. Allocates only when the block is larger than any
-    // before. Runs on the PulseAudio thread; public so the mixing can be tested without a server.
-    void handle(const float* data, size_t frames, unsigned channels);
-
   private:
     std::optional<AudioSourceError> startLocked();
     static void readCallback(pa_stream* stream, size_t bytes, void* userdata);

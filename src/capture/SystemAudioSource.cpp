@@ -126,11 +126,6 @@ void SystemAudioSource::stop() {
     loop_.reset();
 }
 
-void SystemAudioSource::handle(const float* data, size_t bytes, unsigned channels) {
-    if (channels == 0) return;
-    mixer_.mix(data, bytes / (size_t(channels) * sizeof(float)), channels, onSamples);
-}
-
 void SystemAudioSource::readCallback(pa_stream* stream, size_t, void* userdata) {
     auto* self = static_cast<SystemAudioSource*>(userdata);
     self->mixer_.read(stream, self->channels_, self->onSamples);

@@ -32,11 +32,6 @@ class SystemAudioSource final : public AudioSource {
     void start() override;
     void stop() override;
 
-    // Mixes one block of interleaved float frames to mono and hands it to onSamples. Blocks shorter
-    // than one frame are dropped. Allocates only when the block is larger than any before.
-    // Runs on the PulseAudio thread; public so the mixing can be tested without a server.
-    void handle(const float* data, size_t bytes, unsigned channels);
-
   private:
     std::optional<AudioSourceError> startLocked();
     void startListeningForChanges();
