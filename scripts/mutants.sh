@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Mutation check of the unit tests: applies the one-line slips listed in scripts/mutants.txt to the
-# engine and capture code one at a time, rebuilds, runs the unit test programs, and counts which slips
-# the tests catch. A tool to run by hand after trimming or rewriting tests, not part of the test run.
+# engine and capture code one at a time, rebuilds, runs the unit test programs and then the conformance
+# goldens, and counts which slips the tests catch (each line names the program that caught it). A tool to
+# run by hand after trimming or rewriting tests, not part of the test run.
 #   scripts/mutants.sh [LABEL-REGEX…]    (no argument: every mutant in the list)
 #   scripts/mutants.sh --check           only says which snippets no longer match (after a refactor)
 # Environment:
@@ -57,25 +58,32 @@ build() {
 run_program() {
     local status
     echo "--- $1" >>"$log"
-    VELQUIN_BIN=$build/velquin timeout --kill-after=5 "$2" "$build/tests/$1" \
-        --gtest_fail_fast --gtest_brief=1 >>"$log" 2>&1
+    if [ "$1" = conformance ]; then
+        timeout --kill-after=5 "$2" bash "$root/tests/conformance/check.sh" "$build/velquin" \
+            "$state/conformance" >>"$log" 2>&1
+    else
+        VELQUIN_BIN=$build/velquin timeout --kill-after=5 "$2" "$build/tests/$1" \
+            --gtest_fail_fast --gtest_brief=1 >>"$log" 2>&1
+    fi
     status=$?
     if [ $status -eq 0 ]; then return 0; fi
     if [ $status -eq 124 ] || [ $status -eq 137 ]; then return 124; fi
     return 1
 }
 
-# Only programs that link the mutated code can catch it; the cheapest to build and run go first.
+# Only programs that link the mutated code can catch it; the cheapest to build and run go first. The
+# golden outputs come last: they carry the output formats the unit tests leave to them.
 programs_for() {
     case $1 in
-        src/analysis/*) echo analysis_tests capture_tests app_tests ;;
-        *) echo capture_tests app_tests ;;
+        src/analysis/*) echo analysis_tests capture_tests app_tests conformance ;;
+        *) echo capture_tests app_tests conformance ;;
     esac
 }
 
 targets_for() {
     case $1 in
         app_tests) echo app_tests velquin ;;  # the app tests run the program itself
+        conformance) echo velquin ;;
         *) echo "$1" ;;
     esac
 }
@@ -143,7 +151,7 @@ fi
 # The clean run: every program must pass before a failure can mean anything; its times set the timeout.
 echo "mutants: building and running the unmodified tests in $build"
 declare -A timeLimit
-for p in analysis_tests capture_tests app_tests; do
+for p in analysis_tests capture_tests app_tests conformance; do
     # shellcheck disable=SC2046
     build $(targets_for $p) || die "the unmodified code does not build (see $log)"
     start=$(date +%s)
