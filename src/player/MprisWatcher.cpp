@@ -17,15 +17,6 @@ const QString kProperties = QStringLiteral("org.freedesktop.DBus.Properties");
 const QString kBus = QStringLiteral("org.freedesktop.DBus");
 constexpr int kCallTimeoutMs = 5000;
 
-QVariantMap asPropertyMap(const QVariant& value) {
-    if (value.typeId() == QMetaType::QVariantMap) return value.toMap();
-    if (value.typeId() == qMetaTypeId<QDBusArgument>()) {
-        const auto arg = value.value<QDBusArgument>();
-        if (arg.currentSignature() == QLatin1String("a{sv}")) return qdbus_cast<QVariantMap>(arg);
-    }
-    return {};
-}
-
 }  // namespace
 
 MprisWatcher::MprisWatcher(QDBusConnection bus, QObject* parent) : QObject(parent), bus_(std::move(bus)) {}
@@ -90,7 +81,7 @@ void MprisWatcher::fetch(const QString& name) {
         // A reply from a process that has since lost the name is stale.
         if (!it->second.owner.isEmpty() && it->second.owner != reply.service()) return;
         it->second.owner = reply.service();
-        apply(it->second, asPropertyMap(reply.arguments().constFirst()));
+        apply(it->second, asMap(reply.arguments().constFirst()));
     });
 }
 
@@ -114,7 +105,7 @@ void MprisWatcher::propertiesChanged(const QDBusMessage& message) {
     const auto args = message.arguments();
     if (args.size() < 2 || args[0].toString() != kPlayerInterface) return;
     const QString sender = message.service();
-    const QVariantMap properties = asPropertyMap(args[1]);
+    const QVariantMap properties = asMap(args[1]);
     const QStringList invalidated = args.size() > 2 ? args[2].toStringList() : QStringList();
     bool known = false;
     for (auto& [name, player] : players_) {

@@ -15,10 +15,7 @@
 
 namespace velquin {
 
-namespace {
-
-// Nested D-Bus containers arrive as QDBusArgument; demarshal only when the signature is the one asked
-// for, because extracting a mismatched type leaves garbage.
+// Demarshal only when the signature is the one asked for: extracting a mismatched type leaves garbage.
 QVariantMap asMap(const QVariant& value) {
     if (value.typeId() == QMetaType::QVariantMap) return value.toMap();
     if (value.typeId() == qMetaTypeId<QDBusArgument>()) {
@@ -27,6 +24,8 @@ QVariantMap asMap(const QVariant& value) {
     }
     return {};
 }
+
+namespace {
 
 QString asString(const QVariant& value) {
     if (value.typeId() == QMetaType::QString) return value.toString();

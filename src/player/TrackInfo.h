@@ -4,6 +4,7 @@
 
 #include <QString>
 #include <QVariant>
+#include <QVariantMap>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -19,6 +20,10 @@ struct TrackInfo {
 
     friend bool operator==(const TrackInfo&, const TrackInfo&) = default;
 };
+
+// An a{sv} value as a map, whether plain or still marshalled (nested D-Bus containers arrive as
+// QDBusArgument); anything else gives an empty map.
+QVariantMap asMap(const QVariant& value);
 
 // From the Metadata property (a{sv}, possibly still marshalled); anything else gives an empty track.
 TrackInfo trackFromMetadata(const QVariant& metadata);
