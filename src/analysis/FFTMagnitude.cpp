@@ -70,8 +70,13 @@ FFTMagnitude::~FFTMagnitude() = default;
 
 // The window and magnitude loops run twice as wide with AVX; every operation is the same IEEE one
 // either way, so the results do not depend on which version the processor gets.
-__attribute__((target_clones("avx", "default"))) void FFTMagnitude::magnitudes(std::span<const float> frame,
-                                                                               std::span<float> out) {
+#if defined(__x86_64__) && defined(__ELF__)
+#define VELQUIN_WIDE_VERSIONS __attribute__((target_clones("avx", "default")))
+#else
+#define VELQUIN_WIDE_VERSIONS
+#endif
+
+VELQUIN_WIDE_VERSIONS void FFTMagnitude::magnitudes(std::span<const float> frame, std::span<float> out) {
     assert(frame.size() >= static_cast<size_t>(size_) && out.size() <= static_cast<size_t>(binCount_));
     if (out.empty()) return;
     float* w = windowed_.get();
