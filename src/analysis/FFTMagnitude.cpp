@@ -70,7 +70,9 @@ FFTMagnitude::~FFTMagnitude() = default;
 
 // The window and magnitude loops run twice as wide with AVX; every operation is the same IEEE one
 // either way, so the results do not depend on which version the processor gets.
-#if defined(__x86_64__) && defined(__ELF__)
+// GCC only: clang 14 leaves a member defined out of line without its dispatcher, so other files
+// cannot link against it.
+#if defined(__x86_64__) && defined(__ELF__) && !defined(__clang__)
 #define VELQUIN_WIDE_VERSIONS __attribute__((target_clones("avx", "default")))
 #else
 #define VELQUIN_WIDE_VERSIONS
