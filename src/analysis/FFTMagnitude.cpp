@@ -71,8 +71,10 @@ FFTMagnitude::~FFTMagnitude() = default;
 // The window and magnitude loops run twice as wide with AVX; every operation is the same IEEE one
 // either way, so the results do not depend on which version the processor gets.
 // GCC only: clang 14 leaves a member defined out of line without its dispatcher, so other files
-// cannot link against it.
-#if defined(__x86_64__) && defined(__ELF__) && !defined(__clang__)
+// cannot link against it. Not in sanitized builds either: the dispatcher runs during relocation,
+// before ThreadSanitizer's runtime is up, and its instrumentation crashes there.
+#if defined(__x86_64__) && defined(__ELF__) && !defined(__clang__) && !defined(__SANITIZE_THREAD__) && \
+    !defined(__SANITIZE_ADDRESS__)
 #define VELQUIN_WIDE_VERSIONS __attribute__((target_clones("avx", "default")))
 #else
 #define VELQUIN_WIDE_VERSIONS
