@@ -87,6 +87,10 @@ read -r -t 10 -u "$dfd" dnum
 export DISPLAY=:$dnum
 unset WAYLAND_DISPLAY QT_QPA_PLATFORM
 export XDG_SESSION_TYPE=x11
+# No session bus, as on a bare X session, but one that fails at once: left unset, libdbus forks to
+# autolaunch one, and under AddressSanitizer that fork of a threaded process can hang before its exec,
+# leaving the program's start blocked for good.
+export DBUS_SESSION_BUS_ADDRESS=unix:path=$WORK/no-session-bus
 if [ -z "${XDG_RUNTIME_DIR:-}" ]; then export XDG_RUNTIME_DIR=$WORK/xdg-runtime; mkdir -m 700 -p "$XDG_RUNTIME_DIR"; fi
 # Fresh settings and log, so the first-launch defaults apply.
 export XDG_CONFIG_HOME=$WORK/config XDG_STATE_HOME=$WORK/state XDG_CACHE_HOME=$WORK/cache
@@ -308,7 +312,7 @@ if command -v openbox >/dev/null && command -v wmctrl >/dev/null && command -v x
     eval "$(xdotool getwindowgeometry --shell "$wbar")"
     moved_x=$X moved_y=$Y
     if [ "$moved_x" -lt 900 ]; then echo "ok: the drag moved the bar to $moved_x,$moved_y"; else fail "the bar stayed at $moved_x,$moved_y"; fi
-    kill "$wpid"; wait "$wpid" 2>/dev/null || true
+    kill "$wpid" 2>/dev/null || true; wait "$wpid" 2>/dev/null || true
     "$VELQUIN" >>"$WORK/velquin-wm.out" 2>&1 &
     wpid=$!
     pids+=($wpid)
@@ -328,8 +332,15 @@ if command -v openbox >/dev/null && command -v wmctrl >/dev/null && command -v x
     n=$(bar_windows)
     if [ "$second" = 0 ] && [ "$n" = 1 ]; then echo "ok: a second launch leaves one bar"; else fail "second launch: exit $second, $n bars"; fi
     xdotool key Escape
-    kill "$wpid"; wait "$wpid" 2>/dev/null || true
+    kill "$wpid" 2>/dev/null || true; wait "$wpid" 2>/dev/null || true
     cp "$WORK/velquin-wm.out" "$OUT/velquin-wm.out"
+    [ -f "$XDG_STATE_HOME/Velquin/Velquin.log" ] && cp "$XDG_STATE_HOME/Velquin/Velquin.log" "$OUT/velquin-wm.log"
+    if [ "$wm_status" = fail ]; then
+        echo "--- what velquin printed under openbox:" >&2
+        cat "$WORK/velquin-wm.out" "$WORK/velquin-second.out" >&2
+        echo "--- its log:" >&2
+        tail -n 40 "$OUT/velquin-wm.log" >&2 2>/dev/null || true
+    fi
 fi
 
 status=0
