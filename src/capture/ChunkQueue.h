@@ -75,11 +75,6 @@ class ChunkQueue {
         roomFreed_.notify_all();
     }
 
-    bool closed() const {
-        std::lock_guard lock(mutex_);
-        return closed_;
-    }
-
   private:
     uint64_t slowest() const {
         uint64_t least = produced_;
@@ -87,7 +82,7 @@ class ChunkQueue {
         return least;
     }
 
-    mutable std::mutex mutex_;
+    std::mutex mutex_;
     std::condition_variable chunkReady_;
     std::condition_variable roomFreed_;
     std::vector<std::vector<float>> slots_;

@@ -57,10 +57,13 @@ class Pipeline {
         const bool threaded = options_.execution == Execution::automatic && consumers.size() > 1 &&
                               std::thread::hardware_concurrency() > 1;
         if (threaded)
-            runThreaded(consumers);
+            feedThreaded(consumers);
         else
-            runSequential(consumers);
+            feedSequential(consumers);
         if (options_.stop.stop_requested()) throw AnalysisCancelled();
+        // The decisions are brief; taken in order on this thread, their debug reports come out in the
+        // same order however the chunks were shared out.
+        for (Consumer& consumer : consumers) consumer.finish();
         return framesRead_;
     }
 
@@ -81,7 +84,7 @@ class Pipeline {
             options_.onProgress(static_cast<double>(framesRead_) / reader_.sampleRate(), total_);
     }
 
-    void runSequential(std::vector<Consumer>& consumers) {
+    void feedSequential(std::vector<Consumer>& consumers) {
         std::vector<float> mono(static_cast<size_t>(AudioFileReader::chunkFrames));
         while (!options_.stop.stop_requested()) {
             const auto frames = static_cast<size_t>(decode(mono));
@@ -89,12 +92,10 @@ class Pipeline {
             for (Consumer& consumer : consumers) consumer.feed(std::span<const float>(mono.data(), frames));
             progress();
         }
-        if (options_.stop.stop_requested()) return;
-        for (Consumer& consumer : consumers) consumer.finish();
     }
 
     // This thread decodes into the queue; each consumer reads it on a thread of its own.
-    void runThreaded(std::vector<Consumer>& consumers) {
+    void feedThreaded(std::vector<Consumer>& consumers) {
         ChunkQueue queue(queueSlots, static_cast<size_t>(AudioFileReader::chunkFrames), consumers.size());
         std::mutex errorMutex;
         std::exception_ptr error;
@@ -117,7 +118,6 @@ class Pipeline {
                             consumer.feed(chunk);
                             queue.release(index);
                         }
-                        if (!queue.closed()) consumer.finish();
                     } catch (...) {
                         fail(std::current_exception());
                     }

@@ -3,9 +3,10 @@
 // analyzer pair (and, for timelines, a live pair read at fixed intervals of file time). Shares nothing
 // with a running TempoService; every call owns its analyzers.
 //
-// Each call decodes on the calling thread and runs the analyzers on threads of its own, joined before it
-// returns; progress is reported on the calling thread. They throw AudioFileError (std::runtime_error;
-// what() is the text to show), std::system_error when the CSV cannot be written, or AnalysisCancelled.
+// Each call decodes on the calling thread and feeds the analyzers on threads of its own, joined before
+// their decisions are taken on the calling thread; progress is reported on the calling thread. They throw
+// AudioFileError (std::runtime_error; what() is the text to show), std::system_error when the CSV cannot be
+// written, or AnalysisCancelled.
 
 #include <cstdint>
 #include <exception>
