@@ -3,10 +3,13 @@
 #include <array>
 #include <chrono>
 #include <cmath>
+#include <mutex>
+#include <string_view>
 #include <thread>
 
 #include "AudioFileReader.h"
 #include "AudioSource.h"
+#include "EngineSettings.h"
 #include "FileAnalysis.h"
 #include "Format.h"
 #include "TestSupport.h"
@@ -45,6 +48,16 @@ TEST(FileAnalysis, ThreadedAndSequentialAgreeBitForBit) {
     test::mixInto(long_, test::clickTrain(93, 22050, 120), 0.6f);
     test::writeWav(dir / "long.wav", {long_}, 22050);
 
+    // The debug reports too: the same lines in the same order, whichever thread finished first.
+    std::mutex debugMutex;
+    std::string debug;
+    velquin::AnalyzerParameters parameters;
+    parameters.tempo.onDebug = parameters.key.onDebug = [&](std::string_view text) {
+        std::lock_guard lock(debugMutex);
+        debug += text;
+    };
+    velquin::EngineSettings::install(parameters);
+
     using FileAnalysis::Execution;
     for (const char* name : {"change.wav", "long.wav"}) {
         const std::string path = (dir / name).string();
@@ -53,6 +66,7 @@ TEST(FileAnalysis, ThreadedAndSequentialAgreeBitForBit) {
             FileAnalysis::FileAnalysisOptions options;
             options.execution = execution;
             std::string& out = text[execution == Execution::automatic];
+            debug.clear();
             for (const TempoRange range : {TempoRange::Auto, TempoRange::slow}) {
                 const auto r = FileAnalysis::analyzeFile(path, range, options);
                 out += velquin::format("%a %a %a %a %@|", r.tempo.bpm, r.tempo.confidence, r.key.confidence,
@@ -64,9 +78,11 @@ TEST(FileAnalysis, ThreadedAndSequentialAgreeBitForBit) {
             out += std::to_string(timeline.restarts);
             FileAnalysis::dumpChroma(path, (dir / "chroma.csv").string(), options);
             out += test::readText(dir / "chroma.csv");
+            out += debug;
         }
         EXPECT_TRUE(text[0] == text[1]) << name;
     }
+    velquin::EngineSettings::install({});
 }
 
 TEST(FileAnalysis, ReportsProgressAndDurationAndStopsWhenAsked) {
