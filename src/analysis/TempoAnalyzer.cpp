@@ -10,6 +10,7 @@
 
 #include "BlockLevel.h"
 #include "Format.h"
+#include "Log1p.h"
 #include "OnsetCurve.h"
 
 namespace velquin {
@@ -112,7 +113,8 @@ void TempoAnalyzer::append(std::span<const float> samples) {
     size_t offset = 0;
     while (pending_.size() - offset >= fftSize_) {
         fft_.magnitudes(std::span(pending_).subspan(offset), mag_);
-        for (size_t i = 0; i < bins; ++i) mag_[i] = std::log1p(50.0f * mag_[i]);
+        for (float& m : mag_) m *= 50.0f;
+        log1pInPlace(mag_);
         if (haveFirstFrame_) {
             float flux = 0.0f;
             for (size_t i = 0; i < bins; ++i) flux += std::max(0.0f, mag_[i] - prevMag_[i]);
