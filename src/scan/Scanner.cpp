@@ -30,7 +30,11 @@ void putLine(std::FILE* stream, const std::string& line) {
 class Scan {
   public:
     Scan(const ScanOptions& options, std::vector<std::string> files, std::unique_ptr<AnalysisCache> cache)
-        : options_(options), cache_(std::move(cache)), rows_(files.size()), done_(files.size(), false) {
+        : options_(options),
+          cache_(std::move(cache)),
+          rows_(files.size()),
+          tagNotes_(files.size()),
+          done_(files.size(), false) {
         for (size_t i = 0; i < files.size(); ++i) rows_[i].path = std::move(files[i]);
     }
 
@@ -59,6 +63,8 @@ class Scan {
             // The table has no column for a file analysed but left untagged.
             if (options_.format == OutputFormat::table && row.result && !row.error.empty())
                 putLine(err, "velquin-scan: " + row.path + ": " + row.error);
+            for (const std::string& note : tagNotes_[i])
+                putLine(err, "velquin-scan: " + row.path + ": " + note);
         }
         std::fflush(out);
     }
@@ -107,7 +113,7 @@ class Scan {
                 std::lock_guard lock(mutex_);
                 current_ = rows_[i].path;
             }
-            const bool complete = process(rows_[i], stop);
+            const bool complete = process(i, stop);
             std::lock_guard lock(mutex_);
             if (complete) {
                 done_[i] = true;
@@ -122,7 +128,8 @@ class Scan {
     }
 
     // Fills the row; false when a stop cut the analysis short.
-    bool process(ScanRow& row, std::stop_token stop) {
+    bool process(size_t i, std::stop_token stop) {
+        ScanRow& row = rows_[i];
         const auto key =
             AnalysisCache::keyForFile(row.path, analysisVersion(), std::string(rawValue(options_.range)));
         if (cache_ && key && !options_.force) row.result = cache_->lookup(*key);
@@ -140,8 +147,10 @@ class Scan {
         }
         if (options_.writeTags) {
             const TagRequest request{options_.camelotTags, options_.touch};
-            if (const auto why = writeTags(row.path, row.result->tempo, row.result->key, request)) {
-                row.error = *why;
+            TagOutcome outcome = writeTags(row.path, row.result->tempo, row.result->key, request);
+            tagNotes_[i] = std::move(outcome.notes);
+            if (!outcome.failure.empty()) {
+                row.error = outcome.failure;
             } else if (cache_) {
                 // The new tags change the size (and maybe the time); the result still holds.
                 const auto tagged = AnalysisCache::keyForFile(row.path, analysisVersion(),
@@ -155,6 +164,7 @@ class Scan {
     const ScanOptions& options_;
     std::unique_ptr<AnalysisCache> cache_;
     std::vector<ScanRow> rows_;  // each row written by one worker, read after its done flag
+    std::vector<std::vector<std::string>> tagNotes_;  // fields a row's file was not given; as rows_
     std::atomic<size_t> next_{0};
     std::atomic<size_t> fromCache_{0};
 

@@ -1,99 +1,184 @@
 #include "TagWriter.h"
 
 #include <fcntl.h>
-#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cmath>
+#include <condition_variable>
 #include <cstring>
 #include <filesystem>
 #include <mutex>
 #include <set>
 
+#include "AudioPayload.h"
+#include "CheckedStream.h"
+#include "Container.h"
+#include "Format.h"
+#include "TagCopy.h"
 #include "TagFields.h"
 
 namespace velquin::scan {
 
 namespace {
 
-constexpr std::string_view kCopyMarker = ".velquin-";
-
-std::mutex copiesMutex;
-std::set<std::string> copiesInProgress;  // guarded by copiesMutex
-bool copiesAbandoned = false;            // guarded by copiesMutex
+namespace fs = std::filesystem;
 
 std::string errnoText() {
     return std::strerror(errno);
 }
 
-// The copy is named after the original, is hidden, and keeps the extension (which tells TagLib the
-// container); the process id lets a later scan recognise a copy whose writer was killed.
-std::optional<std::string> makeCopyFile(const std::filesystem::path& target, int& fd) {
-    const std::string extension = target.extension().string();
-    std::string name = (target.parent_path() / ("." + target.filename().string())).string();
-    name += std::string(kCopyMarker) + std::to_string(::getpid()) + "-XXXXXX" + extension;
-    std::lock_guard lock(copiesMutex);
-    if (copiesAbandoned) return std::nullopt;
-    fd = ::mkostemps(name.data(), static_cast<int>(extension.size()), O_CLOEXEC);
-    if (fd < 0) return std::nullopt;
-    copiesInProgress.insert(name);
-    return name;
+std::string notTagged(const std::string& why) {
+    return "not tagged: " + why;
 }
 
-void forgetCopy(const std::string& name, bool remove) {
-    std::lock_guard lock(copiesMutex);
-    if (remove) ::unlink(name.c_str());
-    copiesInProgress.erase(name);
+// What identifies the file's content: any edit changes the size or a time, a replacement the inode.
+bool sameFile(const struct stat& a, const struct stat& b) {
+    const auto same = [](const timespec& x, const timespec& y) {
+        return x.tv_sec == y.tv_sec && x.tv_nsec == y.tv_nsec;
+    };
+    return a.st_dev == b.st_dev && a.st_ino == b.st_ino && a.st_size == b.st_size &&
+           same(a.st_mtim, b.st_mtim) && same(a.st_ctim, b.st_ctim);
 }
 
-bool copyContents(int from, int to) {
-    for (;;) {
-        const ssize_t n = ::copy_file_range(from, nullptr, to, nullptr, 1 << 30, 0);
-        if (n == 0) return true;
-        if (n > 0) continue;
-        if (errno == EINTR) continue;
-        if (errno != EXDEV && errno != ENOSYS && errno != EINVAL && errno != EOPNOTSUPP) return false;
-        break;  // no kernel copy between these files: copy by hand from where it stopped
+// Two names of one file are tagged one after the other, never at once (each would undo the other).
+class InodeTurn {
+  public:
+    explicit InodeTurn(const struct stat& info) : inode_(info.st_dev, info.st_ino) {
+        std::unique_lock lock(mutex_);
+        free_.wait(lock, [&] { return busy_.count(inode_) == 0; });
+        busy_.insert(inode_);
     }
-    char buffer[1 << 16];
-    for (;;) {
-        const ssize_t n = ::read(from, buffer, sizeof buffer);
-        if (n == 0) return true;
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            return false;
-        }
-        for (ssize_t done = 0; done < n;) {
-            const ssize_t written = ::write(to, buffer + done, static_cast<size_t>(n - done));
-            if (written < 0 && errno != EINTR) return false;
-            if (written > 0) done += written;
-        }
+    ~InodeTurn() {
+        std::lock_guard lock(mutex_);
+        busy_.erase(inode_);
+        free_.notify_all();
     }
+    InodeTurn(const InodeTurn&) = delete;
+    InodeTurn& operator=(const InodeTurn&) = delete;
+
+  private:
+    std::pair<dev_t, ino_t> inode_;
+    static inline std::mutex mutex_;
+    static inline std::condition_variable free_;
+    static inline std::set<std::pair<dev_t, ino_t>> busy_;  // guarded by mutex_
+};
+
+class FileDescriptor {
+  public:
+    explicit FileDescriptor(int fd) : fd_(fd) {}
+    ~FileDescriptor() {
+        if (fd_ >= 0) ::close(fd_);
+    }
+    FileDescriptor(const FileDescriptor&) = delete;
+    FileDescriptor& operator=(const FileDescriptor&) = delete;
+    int get() const { return fd_; }
+
+  private:
+    int fd_;
+};
+
+TagValues valuesFor(const TempoEstimate& tempo, const KeyEstimate& key, const TagRequest& request,
+                    std::vector<std::string>& notes) {
+    TagValues values;
+    if (tempo.bpm > 0)
+        values.bpm = static_cast<int>(std::lround(tempo.bpm));
+    else
+        notes.emplace_back("BPM not written: no tempo");
+    if (key.key && key.confidence >= kMinimumTagKeyConfidence) {
+        const std::string name = tagKeyName(*key.key), camelot = key.key->camelot();
+        values.key = request.camelot ? camelot : name;
+        values.otherKey = request.camelot ? name : camelot;
+        values.otherField = request.camelot ? "KEY" : "CAMELOT";
+        values.staleField = request.camelot ? "CAMELOT" : "KEY";
+    } else {
+        notes.push_back(key.key ? format("key not written: confidence %.0f %%", key.confidence * 100)
+                                : std::string("key not written: no key"));
+    }
+    return values;
 }
 
-// Flushes the copy and gives it the original's owner, mode and (unless touched) times.
-bool finishCopy(const std::string& copy, const struct stat& original, bool touch) {
-    const int fd = ::open(copy.c_str(), O_RDWR | O_CLOEXEC);
-    if (fd < 0) return false;
-    bool ok = ::fchmod(fd, original.st_mode & 07777) == 0;
-    if (::fchown(fd, original.st_uid, original.st_gid) != 0) {
-        // Only root may give a file away; an ordinary user's copy is already theirs.
-    }
-    if (!touch) {
-        const struct timespec times[2] = {original.st_atim, original.st_mtim};
-        ok = ok && ::futimens(fd, times) == 0;
-    }
-    ok = ::fsync(fd) == 0 && ok;
-    return ::close(fd) == 0 && ok;
+// The article and extension for "with an .mp3 name".
+std::string nameDescription(const fs::path& path) {
+    const std::string extension = path.extension().string();
+    const bool vowelSound = extension.size() > 1 && std::strchr("aeioufhlmnrsxAEIOUFHLMNRSX", extension[1]) &&
+                            extension != ".flac" && extension != ".mov";
+    return (vowelSound ? "an " : "a ") + extension + " name";
 }
 
-void syncFolder(const std::filesystem::path& folder) {
-    const int fd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0) return;
-    ::fsync(fd);
-    ::close(fd);
+// Why the container cannot be tagged, or nothing when it can.
+std::optional<std::string> untaggable(Container container, const fs::path& path) {
+    if (canTag(container)) return std::nullopt;
+    const auto promised = containerOfName(path.string());
+    if (promised && canTag(*promised))
+        return "it is " + describe(container) + " with " + nameDescription(path);
+    return std::string(container == Container::unknown ? "unrecognised container" : "unsupported container");
+}
+
+bool alreadyHolds(Container container, int fd, const std::string& name, const TagValues& values) {
+    CheckedStream stream(fd, name, true);
+    const auto file = openTagFile(container, &stream);
+    return file && tagsHold(*file, values) && stream.error().empty();
+}
+
+// Tags the copy through a stream that notices every failed write, and flushes it.
+std::optional<std::string> tagCopy(Container container, int fd, const TagValues& values) {
+    CheckedStream stream(fd, "copy", false);
+    {
+        const auto file = openTagFile(container, &stream);
+        if (!file) return std::string("TagLib cannot read the file");
+        if (auto why = applyTagValues(*file, values)) return why;
+    }
+    if (!stream.error().empty()) return stream.error();
+    if (::fsync(fd) != 0) return "could not flush the copy: " + errnoText();
+    return std::nullopt;
+}
+
+// The copy must be the same container, hold the fields, and carry the original's audio.
+std::optional<std::string> proveCopy(Container container, int original, int copy, const TagValues& values) {
+    if (sniffContainer(copy) != container)
+        return std::string("the tagged copy is no longer " + describe(container));
+    if (!alreadyHolds(container, copy, "copy", values))
+        return std::string("the tagged copy does not read back");
+    return compareAudio(container, original, copy);
+}
+
+std::optional<std::string> tagFile(const fs::path& target, const TagValues& values, bool touch) {
+    struct stat before {};
+    if (::stat(target.c_str(), &before) != 0) return errnoText();
+    InodeTurn turn(before);
+    finishLeftCopy(target, before.st_ino);  // a write back cut short by a kill comes first
+    const FileDescriptor source(::open(target.c_str(), O_RDONLY | O_CLOEXEC));
+    if (source.get() < 0 || ::fstat(source.get(), &before) != 0) return errnoText();
+    if (!S_ISREG(before.st_mode)) return std::string("not a regular file");
+    const Container container = sniffContainer(source.get());
+    if (auto why = untaggable(container, target)) return why;
+    // A library scanned again is neither copied nor opened for writing.
+    if (alreadyHolds(container, source.get(), target.string(), values)) return std::nullopt;
+    if ((before.st_mode & S_IWUSR) == 0 || ::access(target.c_str(), W_OK) != 0)
+        return std::string("read-only file");
+
+    TagCopy copy(target.parent_path());
+    if (!copy.valid()) return "cannot write in its folder: " + errnoText();
+    if (!copyWhole(source.get(), copy.fd())) return "could not copy the file: " + errnoText();
+    if (auto why = tagCopy(container, copy.fd(), values)) return why;
+    if (auto why = proveCopy(container, source.get(), copy.fd(), values)) return why;
+    if (!copy.markReady(before.st_ino))
+        return errno == EEXIST ? "another program is writing it"
+                               : "cannot write in its folder: " + errnoText();
+
+    struct stat now {
+    }, opened{};
+    const FileDescriptor file(::open(target.c_str(), O_RDWR | O_CLOEXEC));
+    if (::stat(target.c_str(), &now) != 0 || !sameFile(before, now) || ::fstat(source.get(), &now) != 0 ||
+        !sameFile(before, now) || file.get() < 0 || ::fstat(file.get(), &opened) != 0 ||
+        !sameFile(before, opened))
+        return std::string("it changed while being tagged");
+    const struct timespec times[2] = {before.st_atim, before.st_mtim};
+    if (auto why = copy.writeInto(file.get(), touch ? nullptr : times))
+        return *why + " (the tagged copy is kept beside it; the next scan of its folder finishes the job)";
+    return std::nullopt;
 }
 
 }  // namespace
@@ -107,71 +192,20 @@ std::string tagKeyName(const MusicalKey& key) {
     return name;
 }
 
-std::optional<std::string> writeTags(const std::string& path, const TempoEstimate& tempo,
-                                     const KeyEstimate& key, const TagRequest& request) {
-    TagValues values;
-    if (tempo.bpm > 0) values.bpm = static_cast<int>(std::lround(tempo.bpm));
-    if (key.key) {
-        const std::string name = tagKeyName(*key.key), camelot = key.key->camelot();
-        values.key = request.camelot ? camelot : name;
-        values.otherKey = request.camelot ? name : camelot;
-        values.otherField = request.camelot ? "KEY" : "CAMELOT";
-    }
-    if (!values.bpm && !values.key) return std::nullopt;  // nothing found, nothing to write
-
-    // A symbolic link stays a link: the file it points to is the one replaced.
+TagOutcome writeTags(const std::string& path, const TempoEstimate& tempo, const KeyEstimate& key,
+                     const TagRequest& request) {
+    TagOutcome outcome;
+    const TagValues values = valuesFor(tempo, key, request, outcome.notes);
+    if (!values.bpm && !values.key) return outcome;  // nothing worth writing
+    // A symbolic link stays a link: the file it points to is the one tagged.
     std::error_code error;
-    const std::filesystem::path target = std::filesystem::canonical(path, error);
-    struct stat original {};
-    if (error || ::stat(target.c_str(), &original) != 0) return "not tagged: " + errnoText();
-    if (!tagFormatOf(target.string())) return std::string("not tagged: unsupported container");
-    // A library scanned again is not copied file by file for nothing.
-    if (tagsAlreadyHold(target.string(), values)) return std::nullopt;
-    // Renaming over a read-only file would succeed in a writable folder; its mode is the owner's "no".
-    if ((original.st_mode & S_IWUSR) == 0 || ::access(target.c_str(), W_OK) != 0)
-        return std::string("not tagged: read-only file");
-
-    int fd = -1;
-    const auto copy = makeCopyFile(target, fd);
-    if (!copy) return "not tagged: cannot write in its folder: " + errnoText();
-    const int source = ::open(target.c_str(), O_RDONLY | O_CLOEXEC);
-    const bool copied = source >= 0 && copyContents(source, fd);
-    const std::string copyError = errnoText();
-    if (source >= 0) ::close(source);
-    if (::close(fd) != 0 || !copied) {
-        forgetCopy(*copy, true);
-        return "not tagged: could not copy the file: " + copyError;
+    const fs::path target = fs::canonical(path, error);
+    if (error) {
+        outcome.failure = notTagged(error.message());
+        return outcome;
     }
-    if (const auto why = applyTagValues(*copy, values)) {
-        forgetCopy(*copy, true);
-        return "not tagged: " + *why;
-    }
-    if (!finishCopy(*copy, original, request.touch) || ::rename(copy->c_str(), target.c_str()) != 0) {
-        const std::string why = errnoText();
-        forgetCopy(*copy, true);
-        return "not tagged: " + why;
-    }
-    forgetCopy(*copy, false);
-    syncFolder(target.parent_path());
-    return std::nullopt;
-}
-
-void abandonTagCopies() {
-    std::lock_guard lock(copiesMutex);
-    copiesAbandoned = true;
-    for (const std::string& name : copiesInProgress) ::unlink(name.c_str());
-    copiesInProgress.clear();
-}
-
-void removeIfStaleTagCopy(const std::string& path) {
-    const size_t marker = path.rfind(kCopyMarker);
-    const size_t slash = path.rfind('/');
-    if (marker == std::string::npos || (slash != std::string::npos && marker < slash)) return;
-    const char* digits = path.c_str() + marker + kCopyMarker.size();
-    char* end = nullptr;
-    const long pid = std::strtol(digits, &end, 10);
-    if (end == digits || *end != '-' || pid <= 0) return;
-    if (::kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH) ::unlink(path.c_str());
+    if (auto why = tagFile(target, values, request.touch)) outcome.failure = notTagged(*why);
+    return outcome;
 }
 
 }  // namespace velquin::scan
