@@ -48,7 +48,7 @@ bool readFully(int fd, int64_t offset, char* data, size_t size, size_t& got) {
 
 // Makes `to` byte for byte `from`, writing only the blocks that differ (an unchanged stretch, such as a
 // FLAC file's audio behind its padding, is only read), then flushes it.
-std::optional<std::string> writeBlocks(int from, int to, const struct timespec* times) {
+std::optional<std::string> writeBlocks(int from, int to) {
     const auto failed = [](const char* what) { return std::string(what) + ": " + std::strerror(errno); };
     struct stat info {};
     if (::fstat(from, &info) != 0) return failed("could not read the tagged copy");
@@ -74,8 +74,15 @@ std::optional<std::string> writeBlocks(int from, int to, const struct timespec* 
         offset += static_cast<int64_t>(got);
     }
     if (::ftruncate(to, info.st_size) != 0) return failed("could not set the file's length");
-    if (times != nullptr && ::futimens(to, times) != 0) return failed("could not keep the file's times");
     if (::fsync(to) != 0) return failed("could not flush the file");
+    return std::nullopt;
+}
+
+// The content is whole by now: a time that cannot be set is said, but needs no copy kept.
+std::optional<std::string> setTimes(int fd, const struct timespec* times) {
+    if (times == nullptr) return std::nullopt;
+    if (::futimens(fd, times) != 0 || ::fsync(fd) != 0)
+        return std::string("tagged, but its times could not be kept: ") + std::strerror(errno);
     return std::nullopt;
 }
 
@@ -122,7 +129,8 @@ void finishReadyCopy(const fs::path& copy, ino_t inode, std::optional<fs::path> 
         fileInfo.st_dev == info.st_dev) {
         // The copy carries the times the file is to keep.
         const struct timespec times[2] = {info.st_atim, info.st_mtim};
-        if (!writeBlocks(fd, file, times)) {
+        if (!writeBlocks(fd, file)) {
+            setTimes(file, times);
             ::unlink(copy.c_str());
             syncFolder(copy.parent_path());
         }
@@ -170,14 +178,14 @@ bool TagCopy::markReady(ino_t inode) {
 }
 
 std::optional<std::string> TagCopy::writeInto(int targetFd, const struct timespec* times) {
-    if (auto why = writeBlocks(fd_, targetFd, times)) {
+    if (auto why = writeBlocks(fd_, targetFd)) {
         done_ = true;  // keep it: the file may be half written, and this copy is what finishes it
-        return why;
+        return *why + " (the tagged copy is kept beside it; the next scan of its folder finishes the job)";
     }
     ::unlink(name_.c_str());
     syncFolder(folder_);
     done_ = true;
-    return std::nullopt;
+    return setTimes(targetFd, times);
 }
 
 bool copyWhole(int from, int to) {

@@ -158,6 +158,11 @@ std::optional<std::string> tagFile(const fs::path& target, const TagValues& valu
     if (alreadyHolds(container, source.get(), target.string(), values)) return std::nullopt;
     if ((before.st_mode & S_IWUSR) == 0 || ::access(target.c_str(), W_OK) != 0)
         return std::string("read-only file");
+    // Only the owner may set a file's times; a rewritten file of someone else's would look new.
+    if (!touch && ::geteuid() != 0 && ::geteuid() != before.st_uid)
+        return std::string(
+            "it belongs to another user, so its modification time cannot be kept (--touch gives it a new "
+            "one)");
 
     TagCopy copy(target.parent_path());
     if (!copy.valid()) return "cannot write in its folder: " + errnoText();
@@ -176,9 +181,7 @@ std::optional<std::string> tagFile(const fs::path& target, const TagValues& valu
         !sameFile(before, opened))
         return std::string("it changed while being tagged");
     const struct timespec times[2] = {before.st_atim, before.st_mtim};
-    if (auto why = copy.writeInto(file.get(), touch ? nullptr : times))
-        return *why + " (the tagged copy is kept beside it; the next scan of its folder finishes the job)";
-    return std::nullopt;
+    return copy.writeInto(file.get(), touch ? nullptr : times);
 }
 
 }  // namespace
@@ -204,7 +207,8 @@ TagOutcome writeTags(const std::string& path, const TempoEstimate& tempo, const 
         outcome.failure = notTagged(error.message());
         return outcome;
     }
-    if (auto why = tagFile(target, values, request.touch)) outcome.failure = notTagged(*why);
+    if (auto why = tagFile(target, values, request.touch))
+        outcome.failure = why->starts_with("tagged") ? *why : notTagged(*why);
     return outcome;
 }
 
