@@ -91,7 +91,43 @@ Container oggCodec(int fd) {
     return Container::oggOther;
 }
 
+// Each chunk-offset table below `[begin, end)` holds no more entries than it has room for.
+bool offsetTablesFit(int fd, int64_t begin, int64_t end, int depth) {
+    for (int64_t at = begin; at + 8 <= end;) {
+        unsigned char header[16] = {};
+        if (readAt(fd, at, header, 16) < 8) return false;
+        int64_t size = (int64_t{header[0]} << 24) | (header[1] << 16) | (header[2] << 8) | header[3];
+        int64_t body = 8;
+        if (size == 1) {
+            size = 0;
+            for (int i = 8; i < 16; ++i) size = (size << 8) | header[i];
+            body = 16;
+        } else if (size == 0) {
+            size = end - at;
+        }
+        if (size < body || size > end - at) return false;
+        const std::string_view type(reinterpret_cast<const char*>(header) + 4, 4);
+        if (type == "stco" || type == "co64") {
+            unsigned char count[8] = {};
+            if (size < body + 8 || readAt(fd, at + body, count, 8) < 8) return false;
+            const int64_t entries = (int64_t{count[4]} << 24) | (count[5] << 16) | (count[6] << 8) | count[7];
+            if (entries * (type == "stco" ? 4 : 8) > size - body - 8) return false;
+        } else if ((type == "moov" || type == "trak" || type == "mdia" || type == "minf" || type == "stbl") &&
+                   (depth > 8 || !offsetTablesFit(fd, at + body, at + size, depth + 1))) {
+            return false;
+        }
+        at += size;
+    }
+    return true;
+}
+
 }  // namespace
+
+std::optional<std::string> unsafeForTagLib(Container container, int fd) {
+    if (container != Container::mp4) return std::nullopt;
+    if (!offsetTablesFit(fd, 0, ::lseek(fd, 0, SEEK_END), 0)) return std::string("its MP4 boxes are damaged");
+    return std::nullopt;
+}
 
 int64_t id3v2Length(int fd, int64_t offset, int64_t fileSize) {
     int64_t total = 0;

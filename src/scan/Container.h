@@ -40,6 +40,10 @@ bool canTag(Container container);
 // "an MP4 file", "a FLAC file", for messages.
 std::string describe(Container container);
 
+// Why TagLib must not be let at this file, or nothing. TagLib 1.13 trusts an MP4 chunk-offset table's
+// count when it moves the audio, and a count past the table's end has it write gigabytes.
+std::optional<std::string> unsafeForTagLib(Container container, int fd);
+
 // Length of the ID3v2 tags at `offset` (none: 0), each header, body and footer; `fileSize` bounds them.
 int64_t id3v2Length(int fd, int64_t offset, int64_t fileSize);
 

@@ -118,8 +118,10 @@ void finishReadyCopy(const fs::path& copy, ino_t inode, std::optional<fs::path> 
     const int fd = ::open(copy.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
     if (fd < 0) return;
     struct stat info {};
-    if (::flock(fd, LOCK_EX | LOCK_NB) != 0 || ::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
-        ::close(fd);  // its writer is still at work (or it is no copy of ours)
+    // Only a copy of our own: one planted by someone else would have us write their bytes into a file.
+    if (::flock(fd, LOCK_EX | LOCK_NB) != 0 || ::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode) ||
+        info.st_uid != ::geteuid()) {
+        ::close(fd);  // its writer is still at work, or it is no copy of ours
         return;
     }
     if (!target) target = fileOfInode(copy.parent_path(), inode);
@@ -234,7 +236,9 @@ void removeIfStaleTagCopy(const std::string& path) {
     if (name.starts_with(kMakingPrefix)) {
         const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
         if (fd < 0) return;
-        if (::flock(fd, LOCK_EX | LOCK_NB) == 0) ::unlink(path.c_str());
+        struct stat info {};
+        if (::flock(fd, LOCK_EX | LOCK_NB) == 0 && ::fstat(fd, &info) == 0 && info.st_uid == ::geteuid())
+            ::unlink(path.c_str());
         ::close(fd);
         return;
     }

@@ -93,8 +93,9 @@ TagValues valuesFor(const TempoEstimate& tempo, const KeyEstimate& key, const Ta
         values.otherField = request.camelot ? "KEY" : "CAMELOT";
         values.staleField = request.camelot ? "CAMELOT" : "KEY";
     } else {
-        notes.push_back(key.key ? format("key not written: confidence %.0f %%", key.confidence * 100)
-                                : std::string("key not written: no key"));
+        notes.push_back(
+            key.key ? format("key not written: confidence %d %%", static_cast<int>(key.confidence * 100))
+                    : std::string("key not written: no key"));
     }
     return values;
 }
@@ -154,6 +155,7 @@ std::optional<std::string> tagFile(const fs::path& target, const TagValues& valu
     if (!S_ISREG(before.st_mode)) return std::string("not a regular file");
     const Container container = sniffContainer(source.get());
     if (auto why = untaggable(container, target)) return why;
+    if (auto why = unsafeForTagLib(container, source.get())) return why;
     // A library scanned again is neither copied nor opened for writing.
     if (alreadyHolds(container, source.get(), target.string(), values)) return std::nullopt;
     if ((before.st_mode & S_IWUSR) == 0 || ::access(target.c_str(), W_OK) != 0)
