@@ -171,17 +171,20 @@ std::optional<std::string> tagFile(const fs::path& target, const TagValues& valu
     if (!copyWhole(source.get(), copy.fd())) return "could not copy the file: " + errnoText();
     if (auto why = tagCopy(container, copy.fd(), values)) return why;
     if (auto why = proveCopy(container, source.get(), copy.fd(), values)) return why;
+    // Looked at before the copy is marked ready (a kill after that has the next scan write it in) and
+    // again after, just before the write back.
+    const FileDescriptor file(::open(target.c_str(), O_RDWR | O_CLOEXEC));
+    const auto unchanged = [&] {
+        struct stat now {};
+        return ::stat(target.c_str(), &now) == 0 && sameFile(before, now) &&
+               ::fstat(source.get(), &now) == 0 && sameFile(before, now) && file.get() >= 0 &&
+               ::fstat(file.get(), &now) == 0 && sameFile(before, now);
+    };
+    if (!unchanged()) return std::string("it changed while being tagged");
     if (!copy.markReady(before.st_ino))
         return errno == EEXIST ? "another program is writing it"
                                : "cannot write in its folder: " + errnoText();
-
-    struct stat now {
-    }, opened{};
-    const FileDescriptor file(::open(target.c_str(), O_RDWR | O_CLOEXEC));
-    if (::stat(target.c_str(), &now) != 0 || !sameFile(before, now) || ::fstat(source.get(), &now) != 0 ||
-        !sameFile(before, now) || file.get() < 0 || ::fstat(file.get(), &opened) != 0 ||
-        !sameFile(before, opened))
-        return std::string("it changed while being tagged");
+    if (!unchanged()) return std::string("it changed while being tagged");
     const struct timespec times[2] = {before.st_atim, before.st_mtim};
     return copy.writeInto(file.get(), touch ? nullptr : times);
 }
