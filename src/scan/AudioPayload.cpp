@@ -24,14 +24,7 @@ int64_t sizeOf(int fd) {
 }
 
 bool readExactly(int fd, int64_t offset, void* data, size_t size) {
-    auto* bytes = static_cast<char*>(data);
-    for (size_t done = 0; done < size;) {
-        const ssize_t n = ::pread(fd, bytes + done, size - done, offset + static_cast<int64_t>(done));
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        done += static_cast<size_t>(n);
-    }
-    return true;
+    return readBytesAt(fd, offset, data, size) == static_cast<int64_t>(size);
 }
 
 uint32_t number32(const unsigned char* bytes, bool bigEndian) {

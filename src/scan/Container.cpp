@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstring>
 #include <string_view>
 
@@ -14,13 +15,7 @@ namespace {
 constexpr size_t kHeadSize = 64 * 1024;  // how far a leading run of junk before MPEG frames is searched
 
 size_t readAt(int fd, int64_t offset, unsigned char* buffer, size_t size) {
-    size_t done = 0;
-    while (done < size) {
-        const ssize_t n = ::pread(fd, buffer + done, size - done, offset + static_cast<int64_t>(done));
-        if (n <= 0) break;
-        done += static_cast<size_t>(n);
-    }
-    return done;
+    return static_cast<size_t>(std::max<int64_t>(readBytesAt(fd, offset, buffer, size), 0));
 }
 
 bool startsWith(const unsigned char* data, size_t size, std::string_view text) {
@@ -122,6 +117,19 @@ bool offsetTablesFit(int fd, int64_t begin, int64_t end, int depth) {
 }
 
 }  // namespace
+
+int64_t readBytesAt(int fd, int64_t offset, void* data, size_t size) {
+    auto* bytes = static_cast<char*>(data);
+    size_t done = 0;
+    while (done < size) {
+        const ssize_t n = ::pread(fd, bytes + done, size - done, offset + static_cast<int64_t>(done));
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) return -1;
+        if (n == 0) break;
+        done += static_cast<size_t>(n);
+    }
+    return static_cast<int64_t>(done);
+}
 
 std::optional<std::string> unsafeForTagLib(Container container, int fd) {
     if (container != Container::mp4) return std::nullopt;

@@ -28,6 +28,10 @@ enum class Container {
     wavpack,
 };
 
+// Reads up to `size` bytes at `offset` by pread (the file's offset stays where it was): how many it got
+// before the end of the file, or -1 on an error.
+int64_t readBytesAt(int fd, int64_t offset, void* data, size_t size);
+
 // Reads the head of the open file `fd` (from offset 0, by pread; the offset is left alone).
 Container sniffContainer(int fd);
 

@@ -6,12 +6,15 @@
 #include <sys/file.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <mutex>
 #include <set>
 #include <vector>
+
+#include "Container.h"
 
 namespace velquin::scan {
 
@@ -35,15 +38,9 @@ void syncFolder(const fs::path& folder) {
 }
 
 bool readFully(int fd, int64_t offset, char* data, size_t size, size_t& got) {
-    got = 0;
-    while (got < size) {
-        const ssize_t n = ::pread(fd, data + got, size - got, offset + static_cast<int64_t>(got));
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0) return false;
-        if (n == 0) break;
-        got += static_cast<size_t>(n);
-    }
-    return true;
+    const int64_t n = readBytesAt(fd, offset, data, size);
+    got = static_cast<size_t>(std::max<int64_t>(n, 0));
+    return n >= 0;
 }
 
 // Makes `to` byte for byte `from`, writing only the blocks that differ (an unchanged stretch, such as a
