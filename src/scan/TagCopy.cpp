@@ -30,11 +30,12 @@ std::mutex copiesMutex;
 std::set<std::string> copiesBeingMade;  // guarded by copiesMutex
 bool copiesAbandoned = false;           // guarded by copiesMutex
 
-void syncFolder(const fs::path& folder) {
+bool syncFolder(const fs::path& folder) {
     const int fd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0) return;
-    ::fsync(fd);
+    if (fd < 0) return false;
+    const bool synced = ::fsync(fd) == 0;
     ::close(fd);
+    return synced;
 }
 
 bool readFully(int fd, int64_t offset, char* data, size_t size, size_t& got) {
@@ -163,17 +164,18 @@ TagCopy::~TagCopy() {
 
 bool TagCopy::markReady(ino_t inode) {
     const std::string ready = (folder_ / (std::string(kReadyPrefix) + std::to_string(inode))).string();
-    std::lock_guard lock(copiesMutex);
-    if (copiesBeingMade.count(name_) == 0) {
-        errno = ECANCELED;  // abandoned meanwhile
-        return false;
+    {
+        std::lock_guard lock(copiesMutex);
+        if (copiesBeingMade.count(name_) == 0) {
+            errno = ECANCELED;  // abandoned meanwhile
+            return false;
+        }
+        if (::renameat2(AT_FDCWD, name_.c_str(), AT_FDCWD, ready.c_str(), RENAME_NOREPLACE) != 0) return false;
+        copiesBeingMade.erase(name_);
+        name_ = ready;
+        ready_ = true;
     }
-    if (::renameat2(AT_FDCWD, name_.c_str(), AT_FDCWD, ready.c_str(), RENAME_NOREPLACE) != 0) return false;
-    copiesBeingMade.erase(name_);
-    name_ = ready;
-    ready_ = true;
-    syncFolder(folder_);  // the ready name must be on disk before the file is touched
-    return true;
+    return syncFolder(folder_);  // the ready name must be on disk before the file is touched
 }
 
 std::optional<std::string> TagCopy::writeInto(int targetFd, const struct timespec* times) {
