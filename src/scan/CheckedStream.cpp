@@ -93,7 +93,8 @@ void CheckedStream::insert(const TagLib::ByteVector& data, unsigned long start, 
         }
     }
     if (!writeAt(static_cast<long>(start), data.data(), data.size())) return;
-    if (to < from && size > from) truncate(size - (from - to));
+    // What was replaced past the end of the file is gone too.
+    if (to < from && std::max(to, size - (from - to)) < size) truncate(std::max(to, size - (from - to)));
     position_ = to;
 }
 

@@ -41,9 +41,10 @@ TEST(CheckedStream, InsertsAndRemovesLikeAByteString) {
     struct Edit {
         unsigned long start, replace, length;
     };
-    // Growth and shrinkage by more than the 1 MiB buffer, near the start, the middle and the end.
+    // Growth and shrinkage by more than the 1 MiB buffer, near the start, the middle and the end, and a
+    // replacement running past the end.
     for (const Edit e : {Edit{0, 0, 4096}, Edit{10, 5000, 1'500'000}, Edit{2'000'000, 1'200'000, 7},
-                         Edit{100, 0, 0}, Edit{model.size() - 3, 3, 10}}) {
+                         Edit{100, 0, 0}, Edit{model.size() - 3, 3, 10}, Edit{3'299'100, 50, 2}}) {
         const std::string data(e.length, static_cast<char>('a' + e.length % 26));
         stream.insert(TagLib::ByteVector(data.data(), static_cast<unsigned>(data.size())), e.start,
                       e.replace);
