@@ -21,7 +21,8 @@ namespace fs = std::filesystem;
 
 const fs::path& folder() {
     static const fs::path path = [] {
-        std::string name = (fs::exists("/dev/shm") ? "/dev/shm" : "/tmp") + std::string("/velquin-tag-fuzz-XXXXXX");
+        std::string name =
+            (fs::exists("/dev/shm") ? "/dev/shm" : "/tmp") + std::string("/velquin-tag-fuzz-XXXXXX");
         if (::mkdtemp(name.data()) == nullptr) ::abort();
         return fs::path(name);
     }();
@@ -33,7 +34,7 @@ const fs::path& folder() {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     using namespace velquin;
     if (size < 1) return 0;
-    static constexpr std::array<const char*, 8> names = {"x.mp3", "x.flac", "x.ogg", "x.opus",
+    static constexpr std::array<const char*, 8> names = {"x.mp3", "x.flac", "x.ogg",  "x.opus",
                                                          "x.m4a", "x.wav",  "x.aiff", "x.mka"};
     const fs::path file = folder() / names[data[0] % names.size()];
     const int fd = ::open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);

@@ -170,7 +170,8 @@ bool TagCopy::markReady(ino_t inode) {
             errno = ECANCELED;  // abandoned meanwhile
             return false;
         }
-        if (::renameat2(AT_FDCWD, name_.c_str(), AT_FDCWD, ready.c_str(), RENAME_NOREPLACE) != 0) return false;
+        if (::renameat2(AT_FDCWD, name_.c_str(), AT_FDCWD, ready.c_str(), RENAME_NOREPLACE) != 0)
+            return false;
         copiesBeingMade.erase(name_);
         name_ = ready;
         ready_ = true;
