@@ -174,11 +174,12 @@ std::optional<std::string> tagFile(const fs::path& target, const TagValues& valu
     // Looked at before the copy is marked ready (a kill after that has the next scan write it in) and
     // again after, just before the write back.
     const FileDescriptor file(::open(target.c_str(), O_RDWR | O_CLOEXEC));
+    if (file.get() < 0) return "cannot open it for writing: " + errnoText();
     const auto unchanged = [&] {
         struct stat now {};
         return ::stat(target.c_str(), &now) == 0 && sameFile(before, now) &&
-               ::fstat(source.get(), &now) == 0 && sameFile(before, now) && file.get() >= 0 &&
-               ::fstat(file.get(), &now) == 0 && sameFile(before, now);
+               ::fstat(source.get(), &now) == 0 && sameFile(before, now) && ::fstat(file.get(), &now) == 0 &&
+               sameFile(before, now);
     };
     if (!unchanged()) return std::string("it changed while being tagged");
     if (!copy.markReady(before.st_ino))
