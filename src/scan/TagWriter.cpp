@@ -93,9 +93,12 @@ TagValues valuesFor(const TempoEstimate& tempo, const KeyEstimate& key, const Ta
         values.otherField = request.camelot ? "KEY" : "CAMELOT";
         values.staleField = request.camelot ? "CAMELOT" : "KEY";
     } else {
-        notes.push_back(
-            key.key ? format("key not written: confidence %d %%", static_cast<int>(key.confidence * 100))
-                    : std::string("key not written: no key"));
+        // In the table's whole percent, where 34.6 shows as 35 although it is below the bar's 35.
+        const double percent = key.confidence * 100;
+        notes.push_back(!key.key ? std::string("key not written: no key")
+                        : std::lround(percent) < 35
+                            ? format("key not written: confidence %.0f %%", percent)
+                            : std::string("key not written: confidence just under 35 %"));
     }
     return values;
 }
