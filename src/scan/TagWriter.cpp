@@ -148,6 +148,23 @@ std::optional<std::string> proveCopy(Container container, int original, int copy
     return compareAudio(container, original, copy);
 }
 
+// Waits (ten seconds at most) while another process writes its ready copy of the file back.
+void waitForOtherWriter(const fs::path& target, ino_t inode) {
+    const fs::path ready = target.parent_path() / (".velquin-ready-" + std::to_string(inode));
+    struct stat info {};
+    for (int i = 0; i < 1000 && ::lstat(ready.c_str(), &info) == 0; ++i) ::usleep(10'000);
+}
+
+// Another scan tagging the same file at the same time changes it too: that is no failure when the
+// file now holds what this one would have written.
+std::optional<std::string> changedMeanwhile(const fs::path& target, ino_t inode, const TagValues& values) {
+    waitForOtherWriter(target, inode);
+    const FileDescriptor fd(::open(target.c_str(), O_RDONLY | O_CLOEXEC));
+    if (fd.get() >= 0 && alreadyHolds(sniffContainer(fd.get()), fd.get(), target.string(), values))
+        return std::nullopt;
+    return std::string("it changed while being tagged");
+}
+
 std::optional<std::string> tagFile(const fs::path& target, const TagValues& values, bool touch) {
     struct stat before {};
     if (::stat(target.c_str(), &before) != 0) return errnoText();
@@ -172,23 +189,29 @@ std::optional<std::string> tagFile(const fs::path& target, const TagValues& valu
     TagCopy copy(target.parent_path());
     if (!copy.valid()) return "cannot write in its folder: " + errnoText();
     if (!copyWhole(source.get(), copy.fd())) return "could not copy the file: " + errnoText();
-    if (auto why = tagCopy(container, copy.fd(), values)) return why;
-    if (auto why = proveCopy(container, source.get(), copy.fd(), values)) return why;
+    const auto unchanged = [&](int fd) {
+        struct stat now {};
+        return ::stat(target.c_str(), &now) == 0 && sameFile(before, now) && ::fstat(fd, &now) == 0 &&
+               sameFile(before, now);
+    };
+    // A copy that fails its proof because the file changed under it says so.
+    const auto failed = [&](const std::string& why) {
+        return unchanged(source.get()) ? std::optional(why) : changedMeanwhile(target, before.st_ino, values);
+    };
+    if (auto why = tagCopy(container, copy.fd(), values)) return failed(*why);
+    if (auto why = proveCopy(container, source.get(), copy.fd(), values)) return failed(*why);
     // Looked at before the copy is marked ready (a kill after that has the next scan write it in) and
     // again after, just before the write back.
     const FileDescriptor file(::open(target.c_str(), O_RDWR | O_CLOEXEC));
     if (file.get() < 0) return "cannot open it for writing: " + errnoText();
-    const auto unchanged = [&] {
-        struct stat now {};
-        return ::stat(target.c_str(), &now) == 0 && sameFile(before, now) &&
-               ::fstat(source.get(), &now) == 0 && sameFile(before, now) && ::fstat(file.get(), &now) == 0 &&
-               sameFile(before, now);
-    };
-    if (!unchanged()) return std::string("it changed while being tagged");
-    if (!copy.markReady(before.st_ino))
-        return errno == EEXIST ? "another program is writing it"
-                               : "cannot write in its folder: " + errnoText();
-    if (!unchanged()) return std::string("it changed while being tagged");
+    if (!unchanged(source.get()) || !unchanged(file.get()))
+        return changedMeanwhile(target, before.st_ino, values);
+    if (!copy.markReady(before.st_ino)) {
+        if (errno != EEXIST) return "cannot write in its folder: " + errnoText();
+        return changedMeanwhile(target, before.st_ino, values);
+    }
+    if (!unchanged(source.get()) || !unchanged(file.get()))
+        return changedMeanwhile(target, before.st_ino, values);
     const struct timespec times[2] = {before.st_atim, before.st_mtim};
     return copy.writeInto(file.get(), touch ? nullptr : times);
 }

@@ -111,6 +111,18 @@ grep -qx "velquin-scan: e/x.mp3: not tagged: it changed while being tagged" err.
 [ "$(tail -c 25 e/x.mp3)" = "edited by another program" ] || fail "the other program's edit was lost"
 check_no_copies
 
+# Three tagging runs at once on one library: each file is tagged once, and no run fails over the others.
+mkdir three
+for i in 1 2 3 4 5 6; do tone three/t$i.mp3; tone three/t$i.flac; done
+pids=()
+for r in 1 2 3; do
+    "$SCAN" --force --jobs 2 --write-tags --format table three >/dev/null 2>three-$r.txt &
+    pids+=($!)
+done
+for r in 0 1 2; do wait "${pids[$r]}" || fail "run $((r + 1)) of three at once: $(cat three-$((r + 1)).txt)"; done
+for f in three/*; do tags "$f" | grep -Eq '(TKEY|INITIALKEY)="G"' || fail "$f not tagged by three runs at once"; done
+check_no_copies
+
 # 5. The file keeps its identity: every hard link, extended attributes, ACL, owner.
 mkdir -p id/a id/b
 tone id/a/x.flac
