@@ -157,8 +157,10 @@ void waitForOtherWriter(const fs::path& target, ino_t inode) {
 
 // Another scan tagging the same file at the same time changes it too: that is no failure when the
 // file now holds what this one would have written.
-std::optional<std::string> changedMeanwhile(const fs::path& target, ino_t inode, const TagValues& values) {
-    waitForOtherWriter(target, inode);
+// `inode` names the ready copy of another writer to wait for; none when the ready copy is this one's.
+std::optional<std::string> changedMeanwhile(const fs::path& target, std::optional<ino_t> inode,
+                                            const TagValues& values) {
+    if (inode) waitForOtherWriter(target, *inode);
     const FileDescriptor fd(::open(target.c_str(), O_RDONLY | O_CLOEXEC));
     if (fd.get() >= 0 && alreadyHolds(sniffContainer(fd.get()), fd.get(), target.string(), values))
         return std::nullopt;
@@ -211,7 +213,7 @@ std::optional<std::string> tagFile(const fs::path& target, const TagValues& valu
         return changedMeanwhile(target, before.st_ino, values);
     }
     if (!unchanged(source.get()) || !unchanged(file.get()))
-        return changedMeanwhile(target, before.st_ino, values);
+        return changedMeanwhile(target, std::nullopt, values);
     const struct timespec times[2] = {before.st_atim, before.st_mtim};
     return copy.writeInto(file.get(), touch ? nullptr : times);
 }
