@@ -45,7 +45,7 @@ bool readFully(int fd, int64_t offset, char* data, size_t size, size_t& got) {
 }
 
 // Makes `to` byte for byte `from`, writing only the blocks that differ (an unchanged stretch, such as a
-// FLAC file's audio behind its padding, is only read), then flushes it.
+// FLAC file's audio behind its padding, is only read); finishFile() flushes it.
 std::optional<std::string> writeBlocks(int from, int to) {
     const auto failed = [](const char* what) { return std::string(what) + ": " + std::strerror(errno); };
     struct stat info {};
@@ -72,15 +72,15 @@ std::optional<std::string> writeBlocks(int from, int to) {
         offset += static_cast<int64_t>(got);
     }
     if (::ftruncate(to, info.st_size) != 0) return failed("could not set the file's length");
-    if (::fsync(to) != 0) return failed("could not flush the file");
     return std::nullopt;
 }
 
-// The content is whole by now: a time that cannot be set is said, but needs no copy kept.
-std::optional<std::string> setTimes(int fd, const struct timespec* times) {
-    if (times == nullptr) return std::nullopt;
-    if (::futimens(fd, times) != 0 || ::fsync(fd) != 0)
-        return std::string("tagged, but its times could not be kept: ") + std::strerror(errno);
+// Gives the written file its times (or keeps the present one when `times` is null) and flushes it, all in
+// one flush. Returns why the content could not be flushed; `timesError` says why the times were not kept,
+// which needs no copy kept.
+std::optional<std::string> finishFile(int fd, const struct timespec* times, std::string& timesError) {
+    if (times != nullptr && ::futimens(fd, times) != 0) timesError = std::strerror(errno);
+    if (::fsync(fd) != 0) return std::string("could not flush the file: ") + std::strerror(errno);
     return std::nullopt;
 }
 
@@ -129,10 +129,9 @@ void finishReadyCopy(const fs::path& copy, ino_t inode, std::optional<fs::path> 
         fileInfo.st_dev == info.st_dev) {
         // The copy carries the times the file is to keep.
         const struct timespec times[2] = {info.st_atim, info.st_mtim};
-        if (!writeBlocks(fd, file)) {
-            setTimes(file, times);
+        std::string timesError;
+        if (!writeBlocks(fd, file) && !finishFile(file, times, timesError)) {
             ::unlink(copy.c_str());
-            syncFolder(copy.parent_path());
         }
     }
     if (file >= 0) ::close(file);
@@ -180,14 +179,16 @@ bool TagCopy::markReady(ino_t inode) {
 }
 
 std::optional<std::string> TagCopy::writeInto(int targetFd, const struct timespec* times) {
-    if (auto why = writeBlocks(fd_, targetFd)) {
-        done_ = true;  // keep it: the file may be half written, and this copy is what finishes it
-        return *why + " (the tagged copy is kept beside it; the next scan of its folder finishes the job)";
-    }
-    ::unlink(name_.c_str());
-    syncFolder(folder_);
+    std::string timesError;
+    auto why = writeBlocks(fd_, targetFd);
+    if (!why) why = finishFile(targetFd, times, timesError);
     done_ = true;
-    return setTimes(targetFd, times);
+    if (why)  // the copy is kept: the file may be half written, and this copy is what finishes it
+        return *why + " (the tagged copy is kept beside it; the next scan of its folder finishes the job)";
+    // Unflushed: should the removal be lost, the next scan writes the same bytes again, which it only reads.
+    ::unlink(name_.c_str());
+    if (!timesError.empty()) return "tagged, but its times could not be kept: " + timesError;
+    return std::nullopt;
 }
 
 bool copyWhole(int from, int to) {
