@@ -80,7 +80,7 @@ TEST(TagWriter, WritesKeyAndBpmIntoEveryTagFamilyAndKeepsTheRest) {
 
 TEST(AnalysisCache, FindsAnEntryOnlyWhenEveryPartOfTheKeyMatches) {
     test::TempDir dir;
-    const AnalysisCache::Key key{"/music/a.flac", 1000, 123456789, 1, "auto"};
+    const AnalysisCache::Key key{"/music/a.flac", 1000, 123456789, 1, "auto", 77, 123456999};
     AnalysisCache::Entry entry;
     entry.tempo = {124.5, 0.8, 0.2};
     entry.key.key = MusicalKey{3, true};
@@ -102,13 +102,15 @@ TEST(AnalysisCache, FindsAnEntryOnlyWhenEveryPartOfTheKeyMatches) {
     EXPECT_EQ(found->key.tuningCents, -12.5);
     EXPECT_EQ(found->key.chroma, entry.key.chroma);
     EXPECT_EQ(found->durationSeconds, 61.25);
-    for (auto changed : {AnalysisCache::Key{"/music/b.flac", 1000, 123456789, 1, "auto"},
-                         AnalysisCache::Key{"/music/a.flac", 1001, 123456789, 1, "auto"},
-                         AnalysisCache::Key{"/music/a.flac", 1000, 123456790, 1, "auto"},
-                         AnalysisCache::Key{"/music/a.flac", 1000, 123456789, 2, "auto"},
-                         AnalysisCache::Key{"/music/a.flac", 1000, 123456789, 1, "fast"}})
-        EXPECT_FALSE(cache.lookup(changed))
-            << changed.path << changed.size << changed.mtimeNs << changed.range;
+    auto changed = std::vector<AnalysisCache::Key>(7, key);
+    changed[0].path = "/music/b.flac";
+    changed[1].size = 1001;
+    changed[2].mtimeNs = 123456790;
+    changed[3].version = 2;
+    changed[4].range = "fast";
+    changed[5].inode = 78;  // another file put in its place
+    changed[6].ctimeNs = 123457000;
+    for (size_t i = 0; i < changed.size(); ++i) EXPECT_FALSE(cache.lookup(changed[i])) << "change " << i;
 }
 
 TEST(ScanOutput, CsvAndJsonRowsEscapeOddPaths) {
