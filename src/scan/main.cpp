@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "ScanOptions.h"
+#include "ScanOutput.h"
 #include "Scanner.h"
 #include "StandardStreams.h"
 
@@ -29,7 +30,8 @@ int main(int argc, char** argv) {
     const int cores = static_cast<int>(std::thread::hardware_concurrency());
     const ParsedOptions parsed = parseOptions(arguments, cores, ::isatty(STDOUT_FILENO) == 1);
     if (!parsed.options) {
-        std::fprintf(stderr, "velquin-scan: %s\nTry 'velquin-scan --help'.\n", parsed.error.c_str());
+        std::fprintf(stderr, "velquin-scan: %s\nTry 'velquin-scan --help'.\n",
+                     shownText(parsed.error).c_str());
         return 2;
     }
     if (parsed.options->help) return printText(kHelpText, stdout, stderr);

@@ -135,6 +135,20 @@ TEST(ScanOutput, CsvAndJsonRowsEscapeOddPaths) {
         R"("error":"Invalid data found when processing input"})");
 }
 
+TEST(ScanOutput, ShownTextEscapesWhatATerminalWouldActOn) {
+    // Printable UTF-8 stays; C0, DEL, C1 (U+009B is a one-byte CSI to some terminals), stray bytes and
+    // the backslash itself (so that an escape can be told from the same characters in a name) do not.
+    EXPECT_EQ(shownText("Café – Ünïcode ♭.mp3"), "Café – Ünïcode ♭.mp3");
+    EXPECT_EQ(shownText("a\nb\tc\rd\x1b[2Je\x7f"), "a\\nb\\tc\\rd\\x1b[2Je\\x7f");
+    EXPECT_EQ(shownText("\xc2\x9b"
+                        "31m \xc2\xa0"),
+              "\\xc2\\x9b31m \xc2\xa0");
+    EXPECT_EQ(shownText("\xff\xe2\x99 x\\y"), "\\xff\\xe2\\x99 x\\\\y");
+    const ScanRow row{"d/\x1b]0;title\x07.mp3", std::nullopt, "\x1b]0;title\x07.mp3: the file is empty"};
+    EXPECT_EQ(rowLine(OutputFormat::table, row),
+              "Error: \\x1b]0;title\\x07.mp3: the file is empty  d/\\x1b]0;title\\x07.mp3");
+}
+
 TEST(ScanOptions, ParsesOrNamesTheUsageError) {
     const auto ok = parseOptions({"--jobs=3", "--range", "fast", "--format", "json", "--write-tags",
                                   "--key-notation", "camelot", "--", "--odd-name.mp3"},
@@ -146,6 +160,7 @@ TEST(ScanOptions, ParsesOrNamesTheUsageError) {
     EXPECT_TRUE(ok.options->writeTags && ok.options->camelotTags);
     EXPECT_EQ(ok.options->paths, std::vector<std::string>{"--odd-name.mp3"});
     EXPECT_EQ(parseOptions({"x"}, 2, false).options->format, OutputFormat::csv);
+    EXPECT_TRUE(parseOptions({"--version"}, 2, false).options->version) << "needs no path";
     for (const auto& bad : std::vector<std::vector<std::string>>{{},
                                                                  {"--jobs", "0", "x"},
                                                                  {"--jobs"},
