@@ -140,9 +140,7 @@ TEST(ScanOutput, ShownTextEscapesWhatATerminalWouldActOn) {
     // the backslash itself (so that an escape can be told from the same characters in a name) do not.
     EXPECT_EQ(shownText("Café – Ünïcode ♭.mp3"), "Café – Ünïcode ♭.mp3");
     EXPECT_EQ(shownText("a\nb\tc\rd\x1b[2Je\x7f"), "a\\nb\\tc\\rd\\x1b[2Je\\x7f");
-    EXPECT_EQ(shownText("\xc2\x9b"
-                        "31m \xc2\xa0"),
-              "\\xc2\\x9b31m \xc2\xa0");
+    EXPECT_EQ(shownText("\xc2\x9b\x33\x31m \xc2\xa0"), "\\xc2\\x9b31m \xc2\xa0");  // "\x33\x31": 31
     EXPECT_EQ(shownText("\xff\xe2\x99 x\\y"), "\\xff\\xe2\\x99 x\\\\y");
     const ScanRow row{"d/\x1b]0;title\x07.mp3", std::nullopt, "\x1b]0;title\x07.mp3: the file is empty"};
     EXPECT_EQ(rowLine(OutputFormat::table, row),
