@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -37,7 +38,7 @@ std::string lowercase(std::string_view text) {
 // File systems that show the kernel's state rather than files. /proc alone links to the working folder
 // and root of every process, so a walk that entered it would list the whole machine.
 struct SystemFileSystem {
-    long magic;
+    std::uint32_t magic;  // statfs's f_type
     const char* name;
 };
 constexpr SystemFileSystem kSystemFileSystems[] = {
@@ -49,7 +50,7 @@ constexpr SystemFileSystem kSystemFileSystems[] = {
     {0x43415d53, "smackfs"},    {0xde5e81e4, "efivarfs"}, {0x42494e4d, "binfmt_misc"},
     {0x6e736673, "nsfs"},       {0x50495045, "pipefs"},
 };
-constexpr long kTmpfsMagic = 0x01021994;
+constexpr std::uint32_t kTmpfsMagic = 0x01021994;
 
 // devtmpfs (/dev) has tmpfs's magic number, and tmpfs is an ordinary place for files: only the mount
 // table tells them apart.
@@ -142,9 +143,11 @@ class Walker {
     const char* systemFileSystem(const std::string& folder, const struct stat& info) {
         struct statfs fs {};
         if (::statfs(folder.c_str(), &fs) != 0) return nullptr;  // opendir will say what is wrong
+        // f_type is a signed word of the platform's size; the magic numbers are 32 bits.
+        const auto type = static_cast<std::uint32_t>(fs.f_type);
         for (const auto& system : kSystemFileSystems)
-            if (static_cast<long>(fs.f_type) == system.magic) return system.name;
-        if (static_cast<long>(fs.f_type) == kTmpfsMagic) {
+            if (type == system.magic) return system.name;
+        if (type == kTmpfsMagic) {
             if (!devtmpfs_) devtmpfs_ = devtmpfsDevices();
             if (devtmpfs_->contains(info.st_dev)) return "devtmpfs";
         }
