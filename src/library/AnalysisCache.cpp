@@ -28,10 +28,6 @@ constexpr const char* kSchema =
     " key INTEGER, alternative INTEGER, key_confidence REAL NOT NULL, tuning_cents REAL NOT NULL,"
     " chroma BLOB, duration REAL NOT NULL, PRIMARY KEY (path, range))";
 
-// Entries of an older layout are only results that can be computed again.
-constexpr const char* kUpgrade =
-    "BEGIN IMMEDIATE; DROP TABLE IF EXISTS analyses; %s; PRAGMA user_version = %d; COMMIT;";
-
 constexpr const char* kLookup =
     "SELECT bpm, bpm_confidence, level, key, alternative, key_confidence, tuning_cents, chroma, duration"
     " FROM analyses WHERE path = ?1 AND range = ?2 AND size = ?3 AND mtime_ns = ?4 AND inode = ?5"
@@ -115,19 +111,27 @@ struct AnalysisCache::Database {
         // Reads every page's structure: a few milliseconds for thousands of entries, and damage found
         // here is repaired at once instead of showing as lookups that quietly miss.
         if (const std::string check = text("PRAGMA quick_check(1)"); check != "ok") throw Damaged(check);
-        if (integer("PRAGMA user_version") != kSchemaVersion) {
-            char upgrade[1024];
-            std::snprintf(upgrade, sizeof upgrade, kUpgrade, kSchema, kSchemaVersion);
-            if (sqlite3_exec(handle, upgrade, nullptr, nullptr, nullptr) != SQLITE_OK) {
-                sqlite3_exec(handle, "ROLLBACK", nullptr, nullptr, nullptr);
-                fail("could not set up " + name);
-            }
-        }
+        if (integer("PRAGMA user_version") != kSchemaVersion) upgrade(name);
         if (sqlite3_prepare_v2(handle, kLookup, -1, &lookup, nullptr) != SQLITE_OK ||
             sqlite3_prepare_v2(handle, kStore, -1, &store, nullptr) != SQLITE_OK)
             fail("could not read " + name);
     }
     bool readOnly() const { return sqlite3_db_readonly(handle, "main") == 1; }
+
+    // Entries of an older layout are only results that can be computed again. The version is read
+    // again under the write lock: another process may have upgraded it a moment ago, and begun to fill it.
+    void upgrade(const std::string& name) {
+        const std::string steps = std::string("DROP TABLE IF EXISTS analyses; ") + kSchema +
+                                  "; PRAGMA user_version = " + std::to_string(kSchemaVersion) + ";";
+        const bool done = sqlite3_exec(handle, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) == SQLITE_OK &&
+                          (integer("PRAGMA user_version") == kSchemaVersion ||
+                           sqlite3_exec(handle, steps.c_str(), nullptr, nullptr, nullptr) == SQLITE_OK) &&
+                          sqlite3_exec(handle, "COMMIT", nullptr, nullptr, nullptr) == SQLITE_OK;
+        if (done) return;
+        const std::string why = sqlite3_errmsg(handle);
+        sqlite3_exec(handle, "ROLLBACK", nullptr, nullptr, nullptr);
+        throw std::runtime_error("could not set up " + name + ": " + why);
+    }
 };
 
 namespace {

@@ -179,6 +179,20 @@ for how in copy rename; do
     "$SCAN" swap >/dev/null 2>&1
 done
 
+# A cache of the earlier layout (no inode, no change time) is started afresh, not refused.
+rm cache/Velquin/scan.sqlite*
+python3 - cache/Velquin/scan.sqlite <<'PY'
+import sqlite3, sys
+sqlite3.connect(sys.argv[1]).execute(
+    "CREATE TABLE analyses (path TEXT NOT NULL, range TEXT NOT NULL, size INTEGER NOT NULL,"
+    " mtime_ns INTEGER NOT NULL, version INTEGER NOT NULL, bpm REAL NOT NULL, bpm_confidence REAL NOT NULL,"
+    " level REAL NOT NULL, key INTEGER, alternative INTEGER, key_confidence REAL NOT NULL,"
+    " tuning_cents REAL NOT NULL, chroma BLOB, duration REAL NOT NULL, PRIMARY KEY (path, range))")
+PY
+"$SCAN" lib >/dev/null 2>err.txt
+"$SCAN" lib >/dev/null 2>>err.txt
+grep -q "(2 from the cache)" err.txt && ! grep -q "without the cache" err.txt || fail "old layout: $(cat err.txt)"
+
 # A damaged cache is moved aside and rebuilt, with one warning; the next run uses the new one.
 python3 -c 'import sys; f = open(sys.argv[1], "r+b"); f.write(b"x" * 100)' cache/Velquin/scan.sqlite
 "$SCAN" lib >/dev/null 2>err.txt
