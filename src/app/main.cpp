@@ -1,6 +1,3 @@
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -12,23 +9,7 @@
 #include "FileModes.h"
 #include "LiveMode.h"
 #include "Log.h"
-
-namespace {
-
-// A standard stream started closed (`>&-`) must stay unusable: otherwise the next file opened takes its
-// number and results are written into it. Read-only /dev/null makes every write fail with EBADF.
-void holdClosedStandardStreams() {
-    for (int fd = 0; fd <= 2; ++fd) {
-        if (::fcntl(fd, F_GETFD) != -1) continue;
-        const int held = ::open("/dev/null", O_RDONLY);
-        if (held >= 0 && held != fd) {
-            ::dup2(held, fd);
-            ::close(held);
-        }
-    }
-}
-
-}  // namespace
+#include "StandardStreams.h"
 
 int main(int argc, char** argv) {
     using namespace velquin;

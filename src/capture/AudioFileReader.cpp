@@ -47,6 +47,12 @@ constexpr double maximumMissingSeconds = 1.0;
 
 constexpr int ioBufferSize = 64 * 1024;
 
+// With nothing it recognises, FFmpeg tries the demuxer the name suggests, and that one gives up on
+// foreign bytes with EINVAL ("Invalid argument"), which says nothing about the file.
+int unreadable(int code) {
+    return code == AVERROR(EINVAL) ? AVERROR_INVALIDDATA : code;
+}
+
 }  // namespace
 
 struct AudioFileReader::State {
@@ -113,7 +119,7 @@ struct AudioFileReader::State {
         // The "file:" prefix keeps a name with a colon in it from being read as a protocol.
         const int r = avformat_open_input(&raw, ("file:" + path).c_str(), nullptr, &options);
         av_dict_free(&options);
-        if (r < 0) fail(r);
+        if (r < 0) fail(unreadable(r));
         format.reset(raw);
     }
 
@@ -134,13 +140,13 @@ struct AudioFileReader::State {
         raw->flags |= AVFMT_FLAG_CUSTOM_IO;
         raw->io_open = &refuseNestedOpen;
         const int r = avformat_open_input(&raw, nullptr, nullptr, nullptr);  // frees `raw` on failure
-        if (r < 0) fail(r);
+        if (r < 0) fail(unreadable(r));
         format.reset(raw);
     }
 
     void openDecoder() {
         int r = avformat_find_stream_info(format.get(), nullptr);
-        if (r < 0) fail(r);
+        if (r < 0) fail(unreadable(r));
 
         // The first audio stream, as a player would pick it in a movie with several.
         const AVCodec* codec = nullptr;

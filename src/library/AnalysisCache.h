@@ -1,7 +1,8 @@
 #pragma once
 // Whole-file analysis results remembered across runs, in one SQLite database. An entry is found only
-// when the file's path, size and modification time, the analysis version and the tempo range all match
-// what it was stored with; a changed file simply misses and is stored again.
+// when the file's path, size, modification time, inode and change time, the analysis version and the
+// tempo range all match what it was stored with; a changed or replaced file simply misses and is
+// stored again.
 //
 // One instance may be shared by any number of threads (calls are serialised inside). The database is
 // in WAL mode, so a process killed mid-write leaves the last committed entries readable.
@@ -10,6 +11,7 @@
 #include <filesystem>
 #include <memory>
 #include <optional>
+#include <stdexcept>
 #include <string>
 
 #include "MusicalKey.h"
@@ -25,6 +27,8 @@ class AnalysisCache {
         int64_t mtimeNs = 0;  // modification time, nanoseconds since the epoch
         int version = 0;      // the analysis version the result was computed with
         std::string range;    // the tempo range's raw value ("auto", …)
+        int64_t inode = 0;
+        int64_t ctimeNs = 0;  // change time, nanoseconds since the epoch
     };
     struct Entry {
         TempoEstimate tempo;
@@ -37,20 +41,30 @@ class AnalysisCache {
     // $XDG_CACHE_HOME/Velquin/scan.sqlite (empty when no home is known).
     static std::filesystem::path defaultPath();
 
-    // Opens or creates the database (and its folder). Throws std::runtime_error with SQLite's text.
+    // Opens or creates the database (and its folder). A damaged file is moved aside
+    // ("scan.sqlite.corrupt-20261125-151530") and a new one started; notice() then says so. Throws
+    // std::runtime_error with SQLite's text when no database can be had (a read-only file among them:
+    // in WAL mode it cannot even be read).
     explicit AnalysisCache(const std::filesystem::path& file);
     ~AnalysisCache();
     AnalysisCache(const AnalysisCache&) = delete;
     AnalysisCache& operator=(const AnalysisCache&) = delete;
 
+    // What the user should hear once about this cache: a damaged file moved aside. Empty when all is well.
+    const std::string& notice() const { return notice_; }
+
     std::optional<Entry> lookup(const Key& key) const;
-    // Replaces whatever was stored for the same path and range. Failures are swallowed: a cache
-    // that cannot be written only costs time.
-    void store(const Key& key, const Entry& entry);
+    // Replaces whatever was stored for the same path and range. Returns SQLite's text when the entry
+    // could not be stored (a cache that cannot be written only costs time).
+    std::optional<std::string> store(const Key& key, const Entry& entry);
 
   private:
     struct Database;
+    struct Damaged : std::runtime_error {
+        using std::runtime_error::runtime_error;
+    };
     std::unique_ptr<Database> db_;
+    std::string notice_;
 };
 
 }  // namespace velquin

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include "Format.h"
+#include "ScanOutput.h"
 
 namespace velquin::scan {
 
@@ -52,7 +53,7 @@ void Progress::update(size_t done, size_t total, const std::string& current, boo
     std::string line =
         format("%@ %zu/%zu  %@ elapsed, %@ left  ", bar, done, total, clockText(elapsed), left);
     const size_t width = terminalWidth(stream_) - 1;  // the last column would wrap on some terminals
-    if (characterCount(line) < width) line += tail(current, width - characterCount(line));
+    if (characterCount(line) < width) line += tail(shownText(current), width - characterCount(line));
     std::fprintf(stream_, "\r\033[K%s", line.c_str());
     std::fflush(stream_);
     shown_ = true;

@@ -1,6 +1,6 @@
 #pragma once
 // The one-line progress display on a terminal's standard error: files done of all, the file being
-// analysed, the time so far and the time left. Redrawn at most ten times a second.
+// analysed (escaped as in the table), the time so far and the time left. Redrawn at most ten times a second.
 
 #include <chrono>
 #include <cstdio>

@@ -19,10 +19,11 @@ const char* const kHelpText =
     "      --touch             give tagged files a new modification time (kept by default)\n"
     "      --force             analyse again even files the cache knows\n"
     "  -h, --help              show this help\n"
+    "      --version           show the version\n"
     "\n"
     "Results are remembered in $XDG_CACHE_HOME/Velquin/scan.sqlite.\n"
-    "Exit status: 0 when every file succeeded, 1 when some failed, 2 on a usage error,\n"
-    "130 when interrupted.\n";
+    "Exit status: 0 when every file was analysed (and tagged), 1 when some failed or a folder\n"
+    "could not be searched, 2 on a usage error, 130 when interrupted by Ctrl-C, 143 by SIGTERM.\n";
 
 namespace {
 
@@ -77,6 +78,8 @@ ParsedOptions parseOptions(const std::vector<std::string>& arguments, int defaul
 
         if ((argument == "-h" || argument == "--help") && takesNoValue()) {
             options.help = true;
+        } else if (argument == "--version" && takesNoValue()) {
+            options.version = true;
         } else if (argument == "--write-tags" && takesNoValue()) {
             options.writeTags = true;
         } else if (argument == "--touch" && takesNoValue()) {
@@ -107,7 +110,7 @@ ParsedOptions parseOptions(const std::vector<std::string>& arguments, int defaul
             return fail("unknown option " + arguments[i]);
         }
     }
-    if (options.paths.empty() && !options.help) return fail("no file or folder given");
+    if (options.paths.empty() && !options.help && !options.version) return fail("no file or folder given");
     return {options, {}};
 }
 

@@ -21,6 +21,7 @@ struct ScanOptions {
     bool touch = false;        // tagged files get a new modification time
     bool force = false;        // analyse even what the cache knows
     bool help = false;
+    bool version = false;
 };
 
 struct ParsedOptions {

@@ -58,7 +58,7 @@ std::string csvField(const Field& field) {
 }
 
 // Length of the valid UTF-8 sequence at `at`, or 0 when the byte there starts none.
-size_t utf8Length(const std::string& s, size_t at) {
+size_t utf8Length(std::string_view s, size_t at) {
     const auto byte = [&](size_t i) { return static_cast<unsigned char>(s[i]); };
     const unsigned char lead = byte(at);
     const size_t length = lead < 0x80                   ? 1
@@ -98,6 +98,41 @@ std::string jsonString(const std::string& value) {
 
 }  // namespace
 
+std::string shownText(std::string_view text) {
+    std::string out;
+    out.reserve(text.size());
+    for (size_t i = 0; i < text.size();) {
+        const auto c = static_cast<unsigned char>(text[i]);
+        const size_t length = utf8Length(text, i);
+        // U+0080…U+009F are control characters too; escaping their first byte leaves the second
+        // standing alone, so it is escaped in turn.
+        const bool c1 = length == 2 && c == 0xC2 && static_cast<unsigned char>(text[i + 1]) < 0xA0;
+        if (length != 0 && !c1 && c >= 0x20 && c != 0x7F && c != '\\') {
+            out.append(text, i, length);
+            i += length;
+            continue;
+        }
+        switch (c) {
+            case '\n':
+                out += "\\n";
+                break;
+            case '\t':
+                out += "\\t";
+                break;
+            case '\r':
+                out += "\\r";
+                break;
+            case '\\':
+                out += "\\\\";
+                break;
+            default:
+                out += format("\\x%02x", c);
+        }
+        ++i;
+    }
+    return out;
+}
+
 std::string headerLine(OutputFormat format) {
     if (format != OutputFormat::csv) return "";
     std::string line;
@@ -107,8 +142,8 @@ std::string headerLine(OutputFormat format) {
 
 std::string rowLine(OutputFormat outputFormat, const ScanRow& row) {
     if (outputFormat == OutputFormat::table) {
-        if (!row.result) return "Error: " + row.error + "  " + row.path;
-        return FileModes::resultLine(row.result->tempo, row.result->key) + "  " + row.path;
+        if (!row.result) return shownText("Error: " + row.error + "  " + row.path);
+        return FileModes::resultLine(row.result->tempo, row.result->key) + "  " + shownText(row.path);
     }
     const auto fields = fieldsOf(row);
     std::string line = outputFormat == OutputFormat::json ? "{" : "";

@@ -1,11 +1,14 @@
 #include "Scanner.h"
 
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
+#include <cstring>
 #include <exception>
 #include <memory>
 #include <mutex>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -26,6 +29,40 @@ void putLine(std::FILE* stream, const std::string& line) {
     std::fwrite(line.data(), 1, line.size(), stream);
     std::fputc('\n', stream);
 }
+
+// A message on standard error, which is always read by a person: file names in it are escaped.
+void note(std::FILE* err, const std::string& message) {
+    putLine(err, shownText(message));
+}
+
+// Standard output, watched for the first failed write (a full disk, a closed descriptor): results
+// that cannot be delivered make the scan stop, as nothing else would tell that they were lost.
+class Results {
+  public:
+    explicit Results(std::FILE* out) : out_(out) {}
+
+    void put(const std::string& line) { write(line + '\n'); }
+    void write(std::string_view text) {
+        if (!failed()) std::fwrite(text.data(), 1, text.size(), out_);
+        check();
+    }
+    void flush() {
+        if (!failed()) std::fflush(out_);
+        check();
+    }
+    bool failed() const { return error_ != 0; }
+    std::string failure() const {
+        return "Error: could not write the results: " + std::string(std::strerror(error_));
+    }
+
+  private:
+    void check() {
+        if (error_ == 0 && std::ferror(out_)) error_ = errno != 0 ? errno : EIO;
+    }
+
+    std::FILE* out_;
+    int error_ = 0;
+};
 
 class Scan {
   public:
@@ -56,17 +93,25 @@ class Scan {
         return ready;
     }
 
-    void print(const std::vector<size_t>& ready, std::FILE* out, std::FILE* err) const {
+    void print(const std::vector<size_t>& ready, Results& out, std::FILE* err) const {
         for (size_t i : ready) {
             const ScanRow& row = rows_[i];
-            putLine(out, rowLine(options_.format, row));
+            out.put(rowLine(options_.format, row));
             // The table has no column for a file analysed but left untagged.
             if (options_.format == OutputFormat::table && row.result && !row.error.empty())
-                putLine(err, "velquin-scan: " + row.path + ": " + row.error);
-            for (const std::string& note : tagNotes_[i])
-                putLine(err, "velquin-scan: " + row.path + ": " + note);
+                note(err, "velquin-scan: " + row.path + ": " + row.error);
+            for (const std::string& tagNote : tagNotes_[i])
+                note(err, "velquin-scan: " + row.path + ": " + tagNote);
         }
-        std::fflush(out);
+        out.flush();
+    }
+
+    // What the workers had to say since the last call (once each).
+    std::vector<std::string> takeNotes() {
+        std::lock_guard lock(mutex_);
+        std::vector<std::string> notes;
+        notes.swap(notes_);
+        return notes;
     }
 
     // Waits up to `timeout` for a row to finish; true when all have.
@@ -143,7 +188,7 @@ class Scan {
                 row.error = error.what();
                 return true;
             }
-            if (cache_ && key) cache_->store(*key, *row.result);
+            if (key) remember(*key, *row.result);
         }
         if (options_.writeTags) {
             const TagRequest request{options_.camelotTags, options_.touch};
@@ -152,13 +197,21 @@ class Scan {
             if (!outcome.failure.empty()) {
                 row.error = outcome.failure;
             } else if (cache_) {
-                // The new tags change the size (and maybe the time); the result still holds.
+                // The new tags change the size and the change time; the result still holds.
                 const auto tagged = AnalysisCache::keyForFile(row.path, analysisVersion(),
                                                               std::string(rawValue(options_.range)));
-                if (tagged) cache_->store(*tagged, *row.result);
+                if (tagged) remember(*tagged, *row.result);
             }
         }
         return true;
+    }
+
+    void remember(const AnalysisCache::Key& key, const AnalysisCache::Entry& entry) {
+        if (!cache_) return;
+        const auto why = cache_->store(key, entry);
+        if (!why || cacheFailed_.exchange(true)) return;
+        std::lock_guard lock(mutex_);
+        notes_.push_back("velquin-scan: results are not being remembered: " + *why);
     }
 
     const ScanOptions& options_;
@@ -167,12 +220,14 @@ class Scan {
     std::vector<std::vector<std::string>> tagNotes_;  // fields a row's file was not given; as rows_
     std::atomic<size_t> next_{0};
     std::atomic<size_t> fromCache_{0};
+    std::atomic<bool> cacheFailed_{false};  // said once
 
     mutable std::mutex mutex_;
     std::condition_variable changed_;
-    std::vector<bool> done_;       // guarded by mutex_
-    std::vector<size_t> pending_;  // finished rows waiting to be printed, guarded by mutex_
-    size_t printed_ = 0;           // rows before this were printed or passed over; main thread
+    std::vector<bool> done_;          // guarded by mutex_
+    std::vector<size_t> pending_;     // finished rows waiting to be printed, guarded by mutex_
+    std::vector<std::string> notes_;  // guarded by mutex_
+    size_t printed_ = 0;              // rows before this were printed or passed over; main thread
     size_t finished_ = 0;
     size_t busy_ = 0;
     bool changedFlag_ = false;
@@ -183,65 +238,89 @@ class Scan {
 std::unique_ptr<AnalysisCache> openCache(std::FILE* err) {
     const auto file = AnalysisCache::defaultPath();
     if (file.empty()) {
-        putLine(err, "velquin-scan: no home folder, so nothing is cached");
+        note(err, "velquin-scan: no home folder, so nothing is cached");
         return nullptr;
     }
     try {
-        return std::make_unique<AnalysisCache>(file);
+        auto cache = std::make_unique<AnalysisCache>(file);
+        if (!cache->notice().empty()) note(err, "velquin-scan: " + cache->notice());
+        return cache;
     } catch (const std::exception& error) {
-        putLine(err, std::string("velquin-scan: working without the cache: ") + error.what());
+        note(err, std::string("velquin-scan: working without the cache: ") + error.what());
         return nullptr;
     }
 }
 
 }  // namespace
 
-int runScan(const ScanOptions& options, std::FILE* out, std::FILE* err,
-            const std::atomic<bool>& interrupted) {
+int printText(const char* text, std::FILE* out, std::FILE* err) {
+    Results results(out);
+    results.write(text);
+    results.flush();
+    if (!results.failed()) return 0;
+    putLine(err, results.failure());
+    return 1;
+}
+
+int runScan(const ScanOptions& options, std::FILE* out, std::FILE* err, const std::atomic<int>& stopSignal) {
     const auto started = Clock::now();
-    auto files =
-        findAudioFiles(options.paths, [&](const std::string& why) { putLine(err, "velquin-scan: " + why); });
-    Scan scan(options, std::move(files), openCache(err));
+    auto found =
+        findAudioFiles(options.paths, [&](const std::string& why) { note(err, "velquin-scan: " + why); });
+    Scan scan(options, std::move(found.files), openCache(err));
     Progress progress(err);
+    Results results(out);
 
     const std::string header = headerLine(options.format);
-    if (!header.empty()) putLine(out, header);
-    std::fflush(out);
-    scan.start();
+    if (!header.empty()) results.put(header);
+    results.flush();
+    if (!results.failed()) scan.start();
     bool complete = scan.total() == 0;
-    while (!complete && !interrupted.load()) {
+    while (!complete && stopSignal.load() == 0 && !results.failed()) {
         complete = scan.wait(std::chrono::milliseconds(100));
-        if (const auto ready = scan.takeReady(false); !ready.empty()) {
+        const auto ready = scan.takeReady(false);
+        const auto notes = scan.takeNotes();
+        if (!ready.empty() || !notes.empty()) {
             progress.clear();
-            scan.print(ready, out, err);
+            for (const auto& text : notes) note(err, text);
+            scan.print(ready, results, err);
         }
         if (!complete) progress.update(scan.finished(), scan.total(), scan.current());
     }
     progress.clear();
+    for (const auto& text : scan.takeNotes()) note(err, text);
 
-    if (!complete) {
+    if (!complete || results.failed()) {
         const bool stopped = scan.stop(std::chrono::milliseconds(500));
-        scan.print(scan.takeReady(true), out, err);
-        putLine(err, format("Interrupted: %zu of %zu files done", scan.finished(), scan.total()));
+        // A signal's exit status is the shell's: 128 and its number.
+        int status = 128 + stopSignal.load();
+        if (results.failed()) {
+            putLine(err, results.failure());
+            status = 1;
+        } else {
+            scan.print(scan.takeReady(true), results, err);
+            if (results.failed()) putLine(err, results.failure());
+            putLine(err, format("Interrupted: %zu of %zu files done", scan.finished(), scan.total()));
+        }
         if (!stopped) {
             // A worker is deep in one file; its result would come too late to print, and nothing it
             // holds needs saving: the cache commits each entry whole.
             abandonTagCopies();
             std::fflush(err);
-            std::_Exit(130);
+            std::_Exit(status);
         }
         abandonTagCopies();
-        return 130;
+        return status;
     }
 
     const double seconds = std::chrono::duration<double>(Clock::now() - started).count();
     putLine(err, format("velquin-scan: %zu %@ in %.1f s (%zu from the cache)", scan.total(),
                         scan.total() == 1 ? "file" : "files", seconds, scan.fromCache()));
-    if (const size_t failed = scan.failures(); failed > 0) {
-        putLine(err, format("%zu %@ failed", failed, failed == 1 ? "file" : "files"));
-        return 1;
-    }
-    return 0;
+    const size_t failed = scan.failures();
+    if (failed > 0) putLine(err, format("%zu %@ failed", failed, failed == 1 ? "file" : "files"));
+    if (found.skipped > 0)
+        putLine(err, format("%zu %@ could not be searched", found.skipped,
+                            found.skipped == 1 ? "folder or file" : "folders or files"));
+    return failed > 0 || found.skipped > 0 ? 1 : 0;
 }
 
 }  // namespace velquin::scan

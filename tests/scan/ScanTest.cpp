@@ -82,7 +82,7 @@ TEST(TagWriter, WritesKeyAndBpmIntoEveryTagFamilyAndKeepsTheRest) {
 
 TEST(AnalysisCache, FindsAnEntryOnlyWhenEveryPartOfTheKeyMatches) {
     test::TempDir dir;
-    const AnalysisCache::Key key{"/music/a.flac", 1000, 123456789, 1, "auto"};
+    const AnalysisCache::Key key{"/music/a.flac", 1000, 123456789, 1, "auto", 77, 123456999};
     AnalysisCache::Entry entry;
     entry.tempo = {124.5, 0.8, 0.2};
     entry.key.key = MusicalKey{3, true};
@@ -104,13 +104,15 @@ TEST(AnalysisCache, FindsAnEntryOnlyWhenEveryPartOfTheKeyMatches) {
     EXPECT_EQ(found->key.tuningCents, -12.5);
     EXPECT_EQ(found->key.chroma, entry.key.chroma);
     EXPECT_EQ(found->durationSeconds, 61.25);
-    for (auto changed : {AnalysisCache::Key{"/music/b.flac", 1000, 123456789, 1, "auto"},
-                         AnalysisCache::Key{"/music/a.flac", 1001, 123456789, 1, "auto"},
-                         AnalysisCache::Key{"/music/a.flac", 1000, 123456790, 1, "auto"},
-                         AnalysisCache::Key{"/music/a.flac", 1000, 123456789, 2, "auto"},
-                         AnalysisCache::Key{"/music/a.flac", 1000, 123456789, 1, "fast"}})
-        EXPECT_FALSE(cache.lookup(changed))
-            << changed.path << changed.size << changed.mtimeNs << changed.range;
+    auto changed = std::vector<AnalysisCache::Key>(7, key);
+    changed[0].path = "/music/b.flac";
+    changed[1].size = 1001;
+    changed[2].mtimeNs = 123456790;
+    changed[3].version = 2;
+    changed[4].range = "fast";
+    changed[5].inode = 78;  // another file put in its place
+    changed[6].ctimeNs = 123457000;
+    for (size_t i = 0; i < changed.size(); ++i) EXPECT_FALSE(cache.lookup(changed[i])) << "change " << i;
 }
 
 TEST(ScanOutput, CsvAndJsonRowsEscapeOddPaths) {
@@ -135,6 +137,18 @@ TEST(ScanOutput, CsvAndJsonRowsEscapeOddPaths) {
         R"("error":"Invalid data found when processing input"})");
 }
 
+TEST(ScanOutput, ShownTextEscapesWhatATerminalWouldActOn) {
+    // Printable UTF-8 stays; C0, DEL, C1 (U+009B is a one-byte CSI to some terminals), stray bytes and
+    // the backslash itself (so that an escape can be told from the same characters in a name) do not.
+    EXPECT_EQ(shownText("Café – Ünïcode ♭.mp3"), "Café – Ünïcode ♭.mp3");
+    EXPECT_EQ(shownText("a\nb\tc\rd\x1b[2Je\x7f"), "a\\nb\\tc\\rd\\x1b[2Je\\x7f");
+    EXPECT_EQ(shownText("\xc2\x9b\x33\x31m \xc2\xa0"), "\\xc2\\x9b31m \xc2\xa0");  // "\x33\x31": 31
+    EXPECT_EQ(shownText("\xff\xe2\x99 x\\y"), "\\xff\\xe2\\x99 x\\\\y");
+    const ScanRow row{"d/\x1b]0;title\x07.mp3", std::nullopt, "\x1b]0;title\x07.mp3: the file is empty"};
+    EXPECT_EQ(rowLine(OutputFormat::table, row),
+              "Error: \\x1b]0;title\\x07.mp3: the file is empty  d/\\x1b]0;title\\x07.mp3");
+}
+
 TEST(ScanOptions, ParsesOrNamesTheUsageError) {
     const auto ok = parseOptions({"--jobs=3", "--range", "fast", "--format", "json", "--write-tags",
                                   "--key-notation", "camelot", "--", "--odd-name.mp3"},
@@ -146,6 +160,7 @@ TEST(ScanOptions, ParsesOrNamesTheUsageError) {
     EXPECT_TRUE(ok.options->writeTags && ok.options->camelotTags);
     EXPECT_EQ(ok.options->paths, std::vector<std::string>{"--odd-name.mp3"});
     EXPECT_EQ(parseOptions({"x"}, 2, false).options->format, OutputFormat::csv);
+    EXPECT_TRUE(parseOptions({"--version"}, 2, false).options->version) << "needs no path";
     for (const auto& bad : std::vector<std::vector<std::string>>{{},
                                                                  {"--jobs", "0", "x"},
                                                                  {"--jobs"},
