@@ -11,6 +11,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "MusicalKey.h"
 #include "TempoEstimate.h"
@@ -34,6 +35,11 @@ class AnalysisCache {
 
     // The key of the file at `path` as it is now; empty when it cannot be examined.
     static std::optional<Key> keyForFile(const std::string& path, int version, std::string range);
+    // The key's `range` for a tempo range's raw value: the precise analysis adds "/precise", so results of
+    // the two analyses never answer for each other.
+    static std::string rangeField(std::string_view range, bool precise) {
+        return std::string(range) + (precise ? "/precise" : "");
+    }
     // $XDG_CACHE_HOME/Velquin/scan.sqlite (empty when no home is known).
     static std::filesystem::path defaultPath();
 
@@ -44,7 +50,7 @@ class AnalysisCache {
     AnalysisCache& operator=(const AnalysisCache&) = delete;
 
     std::optional<Entry> lookup(const Key& key) const;
-    // Replaces whatever was stored for the same path and range. Failures are swallowed: a cache
+    // Replaces whatever was stored for the same path and range (field). Failures are swallowed: a cache
     // that cannot be written only costs time.
     void store(const Key& key, const Entry& entry);
 

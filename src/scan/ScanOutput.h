@@ -13,6 +13,7 @@ struct ScanRow {
     std::string path;                            // as found from the command line
     std::optional<AnalysisCache::Entry> result;  // absent when the analysis failed
     std::string error;                           // the analysis error, or why the file was not tagged
+    FileAnalysis::Analysis analysis = FileAnalysis::Analysis::specified;
 };
 
 // The header line for a format ("" when it has none), without the line feed.

@@ -1,0 +1,151 @@
+#include "PreciseTempo.h"
+
+#include <algorithm>
+#include <cmath>
+#include <numbers>
+
+namespace velquin {
+
+namespace {
+
+// The novelty's rises over its centred moving average of 2·half + 1 frames (shortened at the ends).
+std::vector<double> detrended(std::span<const float> x, size_t half) {
+    const size_t n = x.size();
+    std::vector<double> prefix(n + 1, 0.0);
+    for (size_t i = 0; i < n; ++i) prefix[i + 1] = prefix[i] + x[i];
+    std::vector<double> out(n);
+    for (size_t i = 0; i < n; ++i) {
+        const size_t lo = i >= half ? i - half : 0;
+        const size_t hi = std::min(n, i + half + 1);
+        const double mean = (prefix[hi] - prefix[lo]) / static_cast<double>(hi - lo);
+        out[i] = std::max(0.0, x[i] - mean);
+    }
+    return out;
+}
+
+// Both tempograms, averaged over the windows: the normalised autocorrelation by lag, and the Fourier
+// power (relative to the window's energy) at every grid tempo.
+struct Tempograms {
+    std::vector<double> acf;
+    std::vector<double> fourier;
+};
+
+Tempograms tempograms(std::span<const double> d, double fps, size_t window, size_t hop,
+                      std::span<const double> gridBpm, size_t maxLag) {
+    Tempograms t{std::vector<double>(maxLag + 1, 0.0), std::vector<double>(gridBpm.size(), 0.0)};
+    std::vector<double> taper(window);
+    for (size_t i = 0; i < window; ++i)
+        taper[i] = 0.5 - 0.5 * std::cos(2.0 * std::numbers::pi * static_cast<double>(i) /
+                                        static_cast<double>(window - 1));
+    std::vector<double> seg(window);
+    size_t used = 0;
+    for (size_t start = 0; start + window <= d.size(); start += hop) {
+        double mean = 0;
+        for (size_t i = 0; i < window; ++i) mean += d[start + i];
+        mean /= static_cast<double>(window);
+        double energy = 0;
+        for (size_t i = 0; i < window; ++i) {
+            seg[i] = (d[start + i] - mean) * taper[i];
+            energy += seg[i] * seg[i];
+        }
+        if (!(energy > 1e-12)) continue;
+        ++used;
+        for (size_t lag = 0; lag <= maxLag; ++lag) {
+            double sum = 0;
+            for (size_t i = lag; i < window; ++i) sum += seg[i] * seg[i - lag];
+            t.acf[lag] += sum / energy;
+        }
+        for (size_t g = 0; g < gridBpm.size(); ++g) {
+            const double w = 2.0 * std::numbers::pi * gridBpm[g] / 60.0 / fps;
+            const double c = std::cos(w), s = std::sin(w);
+            double re = 0, im = 0, zr = 1, zi = 0;
+            for (size_t i = 0; i < window; ++i) {
+                re += seg[i] * zr;
+                im -= seg[i] * zi;
+                const double nr = zr * c - zi * s;
+                zi = zr * s + zi * c;
+                zr = nr;
+            }
+            t.fourier[g] += (re * re + im * im) / energy;
+        }
+    }
+    if (used > 0) {
+        for (double& v : t.acf) v /= static_cast<double>(used);
+        for (double& v : t.fourier) v /= static_cast<double>(used);
+    }
+    return t;
+}
+
+double interpolate(std::span<const double> values, double at) {
+    if (at < 0) return values.front();
+    const auto i = static_cast<size_t>(at);
+    if (i + 1 >= values.size()) return values.back();
+    const double f = at - static_cast<double>(i);
+    return (1.0 - f) * values[i] + f * values[i + 1];
+}
+
+}  // namespace
+
+PreciseTempoAnalyzer::PreciseTempoAnalyzer(double sampleRate, Parameters parameters)
+    : p_(std::move(parameters)), novelty_(sampleRate, p_.novelty) {}
+
+TempoEstimate PreciseTempoAnalyzer::estimate(BPMBounds bounds) const {
+    const double level = std::sqrt(novelty_.meanSquare());
+    if (level <= p_.silenceFloor) return {0, 0, level};
+    TempoEstimate result = decide(novelty_.curve(), novelty_.framesPerSecond(), bounds, p_);
+    result.level = level;
+    return result;
+}
+
+TempoEstimate PreciseTempoAnalyzer::decide(std::span<const float> novelty, double fps, BPMBounds bounds,
+                                           const Parameters& p) {
+    const size_t n = novelty.size();
+    if (static_cast<double>(n) < 3.0 * fps || !(bounds.lower > 0) || !(bounds.upper > bounds.lower))
+        return {};
+    const std::vector<double> d = detrended(novelty, static_cast<size_t>(p.detrendSeconds * fps / 2));
+    const size_t window = std::min(n, static_cast<size_t>(p.windowSeconds * fps));
+    const size_t hop = std::max<size_t>(1, static_cast<size_t>(p.windowHopSeconds * fps));
+
+    std::vector<double> grid;
+    const double step = std::exp2(1.0 / p.gridStepsPerOctave);
+    for (double bpm = bounds.lower; bpm <= bounds.upper * (1 + 1e-9); bpm *= step) grid.push_back(bpm);
+    const size_t combSize = p.combWeights.size();
+    const auto maxLag = std::min(
+        window - 1,
+        static_cast<size_t>(std::ceil(static_cast<double>(combSize) * fps * 60.0 / bounds.lower)) + 1);
+    const Tempograms t = tempograms(d, fps, window, hop, grid, maxLag);
+
+    std::vector<double> score(grid.size());
+    for (size_t g = 0; g < grid.size(); ++g) {
+        const double lag = fps * 60.0 / grid[g];
+        double comb = 0, weights = 0;
+        for (size_t k = 0; k < combSize; ++k) {
+            const double at = static_cast<double>(k + 1) * lag;
+            if (at > static_cast<double>(maxLag)) break;
+            comb += p.combWeights[k] * interpolate(t.acf, at);
+            weights += p.combWeights[k];
+        }
+        comb = weights > 0 ? comb / weights : 0;
+        const double x = std::log2(grid[g] / p.priorCentreBpm) / p.priorWidthOctaves;
+        score[g] = std::log(std::max(comb, 1e-9)) +
+                   p.fourierExponent * std::log(std::max(t.fourier[g], 1e-12)) - 0.5 * x * x;
+    }
+    const size_t best = static_cast<size_t>(std::max_element(score.begin(), score.end()) - score.begin());
+    // A parabola through the peak and its neighbours places the tempo between grid steps.
+    double offset = 0;
+    if (best > 0 && best + 1 < grid.size()) {
+        const double a = score[best - 1], b = score[best], c = score[best + 1];
+        const double curvature = a - 2 * b + c;
+        if (curvature < 0) offset = std::clamp(0.5 * (a - c) / curvature, -0.5, 0.5);
+    }
+    const double bpm = grid[best] * std::pow(step, offset);
+    double rival = -1e300;
+    for (size_t g = 0; g < grid.size(); ++g)
+        if (std::abs(grid[g] / bpm - 1.0) > 0.04) rival = std::max(rival, score[g]);
+    const double margin = rival > -1e300 ? score[best] - rival : 10.0;
+    const double confidence = 1.0 / (1.0 + std::exp(-(p.confidenceOffset + p.confidenceSlope * margin)));
+    if (!std::isfinite(bpm)) return {};
+    return {bpm, confidence, 0};
+}
+
+}  // namespace velquin
