@@ -45,6 +45,7 @@ OnsetNovelty::OnsetNovelty(double sampleRate, Parameters parameters)
         if (raw != previousRaw) {
             ++band;
             previousRaw = raw;
+            registerOf_.push_back(hz < p_.lowMidHz ? low : hz < p_.midHighHz ? mid : high);
         }
         bandOf_[k] = static_cast<uint16_t>(band);
         firstBin_ = std::min(firstBin_, k);
@@ -56,7 +57,7 @@ OnsetNovelty::OnsetNovelty(double sampleRate, Parameters parameters)
     previous_.assign(bandCount, 0.0f);
     pending_.reserve(4 * fftSize_ + 16384);
     keptFrames_ = static_cast<size_t>(std::max(p_.keptSeconds * framesPerSecond(), 1.0));
-    curve_.reserve(2 * keptFrames_);
+    for (auto& curve : curves_) curve.reserve(2 * keptFrames_);
 }
 
 void OnsetNovelty::append(std::span<const float> samples) {
@@ -79,27 +80,28 @@ void OnsetNovelty::frame(std::span<const float> samples) {
     const auto gamma = static_cast<float>(p_.compression);
     for (float& band : bands_) band *= gamma;
     log1pInPlace(bands_);
-    float flux = 0;
+    float flux[registers] = {0, 0, 0};
     for (size_t b = 0; b < bands_.size(); ++b) {
         const float level = bands_[b];
-        if (havePrevious_) flux += std::max(0.0f, level - previous_[b]);
+        if (havePrevious_) flux[registerOf_[b]] += std::max(0.0f, level - previous_[b]);
         previous_[b] = level;
     }
     havePrevious_ = true;
     ++framesSeen_;
     // Kept values live in [curveStart_, end); the buffer is compacted when it is full, so appending
     // never reallocates.
-    if (curve_.size() == curve_.capacity()) {
-        curve_.erase(curve_.begin(),
-                     curve_.begin() + static_cast<std::ptrdiff_t>(curve_.size() - keptFrames_));
+    if (curves_[0].size() == curves_[0].capacity()) {
+        for (auto& curve : curves_)
+            curve.erase(curve.begin(),
+                        curve.begin() + static_cast<std::ptrdiff_t>(curve.size() - keptFrames_));
         curveStart_ = 0;
     }
-    curve_.push_back(flux);
-    if (curve_.size() - curveStart_ > keptFrames_) ++curveStart_;
+    for (size_t r = 0; r < registers; ++r) curves_[r].push_back(flux[r]);
+    if (curves_[0].size() - curveStart_ > keptFrames_) ++curveStart_;
 }
 
-std::span<const float> OnsetNovelty::curve() const {
-    return std::span<const float>(curve_).subspan(curveStart_);
+std::span<const float> OnsetNovelty::curve(Register r) const {
+    return std::span<const float>(curves_[r]).subspan(curveStart_);
 }
 
 }  // namespace velquin

@@ -1,9 +1,10 @@
 #pragma once
 // Onset novelty for the precise tempo analysis: the spectrum of each 10 ms hop pooled into
 // logarithmically spaced bands, compressed by log(1 + γ·x), and the rises of every band summed
-// (log-filtered spectral flux). Band pooling makes a note's onset count once whatever its pitch, and the
-// log makes quiet hi-hats and loud kicks rise by comparable amounts; both matter on drum-only and
-// heavily mixed material where plain spectral flux follows the loudest instrument.
+// (log-filtered spectral flux), separately for three registers: low (kick, bass), mid (snare, chords,
+// melody) and high (cymbals, hi-hats). Band pooling makes a note's onset count once whatever its pitch, and
+// the log makes quiet hi-hats and loud kicks rise by comparable amounts; both matter on drum-only and heavily
+// mixed material where plain spectral flux follows the loudest instrument.
 //
 // Not thread-safe. `append` allocates nothing once `reserve`d (the kept curve is bounded).
 
@@ -27,6 +28,9 @@ struct OnsetNoveltyParameters {
     // The curve kept for the decision; older values are dropped (ten minutes: memory stays bounded on
     // a long mix, and a tempo that held that long is the file's tempo).
     double keptSeconds = 600.0;
+    // Register edges (Hz): a band belongs to the register its lowest bin falls in.
+    double lowMidHz = 200.0;
+    double midHighHz = 2000.0;
 };
 
 class OnsetNovelty {
@@ -37,10 +41,13 @@ class OnsetNovelty {
     OnsetNovelty(const OnsetNovelty&) = delete;
     OnsetNovelty& operator=(const OnsetNovelty&) = delete;
 
+    enum Register : size_t { low, mid, high };
+    static constexpr size_t registers = 3;
+
     void append(std::span<const float> samples);
 
-    // One value per hop, oldest first; at most `keptSeconds` of them.
-    std::span<const float> curve() const;
+    // One value per hop and register, oldest first; at most `keptSeconds` of them.
+    std::span<const float> curve(Register r) const;
     double framesPerSecond() const { return sampleRate_ / static_cast<double>(hop_); }
     // The frames produced so far, including those no longer kept.
     int64_t framesSeen() const { return framesSeen_; }
@@ -55,14 +62,15 @@ class OnsetNovelty {
     size_t hop_;
     size_t fftSize_;
     FFTMagnitude fft_;
-    std::vector<uint16_t> bandOf_;  // per bin, or noBand
+    std::vector<uint16_t> bandOf_;     // per bin, or noBand
+    std::vector<uint8_t> registerOf_;  // per band
     size_t firstBin_ = 0;
     size_t lastBin_ = 0;  // exclusive
     std::vector<float> mag_;
     std::vector<float> bands_;
     std::vector<float> previous_;
     std::vector<float> pending_;
-    std::vector<float> curve_;
+    std::vector<float> curves_[registers];
     size_t curveStart_ = 0;
     size_t keptFrames_ = 0;
     bool havePrevious_ = false;

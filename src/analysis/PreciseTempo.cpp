@@ -92,36 +92,54 @@ PreciseTempoAnalyzer::PreciseTempoAnalyzer(double sampleRate, Parameters paramet
 TempoEstimate PreciseTempoAnalyzer::estimate(BPMBounds bounds) const {
     const double level = std::sqrt(novelty_.meanSquare());
     if (level <= p_.silenceFloor) return {0, 0, level};
-    TempoEstimate result = decide(novelty_.curve(), novelty_.framesPerSecond(), bounds, p_);
+    const Registers registers{novelty_.curve(OnsetNovelty::low), novelty_.curve(OnsetNovelty::mid),
+                              novelty_.curve(OnsetNovelty::high)};
+    TempoEstimate result = decide(registers, novelty_.framesPerSecond(), bounds, p_);
     result.level = level;
     return result;
 }
 
-TempoEstimate PreciseTempoAnalyzer::decide(std::span<const float> novelty, double fps, BPMBounds bounds,
+TempoEstimate PreciseTempoAnalyzer::decide(const Registers& novelty, double fps, BPMBounds bounds,
                                            const Parameters& p) {
-    const size_t n = novelty.size();
+    const size_t n = novelty[0].size();
     if (static_cast<double>(n) < 3.0 * fps || !(bounds.lower > 0) || !(bounds.upper > bounds.lower))
         return {};
-    const std::vector<double> d = detrended(novelty, static_cast<size_t>(p.detrendSeconds * fps / 2));
+    for (const auto& curve : novelty)
+        if (curve.size() != n) return {};
     const size_t window = std::min(n, static_cast<size_t>(p.windowSeconds * fps));
     const size_t hop = std::max<size_t>(1, static_cast<size_t>(p.windowHopSeconds * fps));
 
     std::vector<double> grid;
     const double step = std::exp2(1.0 / p.gridStepsPerOctave);
     for (double bpm = bounds.lower; bpm <= bounds.upper * (1 + 1e-9); bpm *= step) grid.push_back(bpm);
-    const size_t combSize = p.combWeights.size();
-    const auto maxLag = std::min(
-        window - 1,
-        static_cast<size_t>(std::ceil(static_cast<double>(combSize) * fps * 60.0 / bounds.lower)) + 1);
-    const Tempograms t = tempograms(d, fps, window, hop, grid, maxLag);
+    const size_t combSize = std::min(p.combWeights.size(), p.combMultiples.size());
+    double longest = 1.0;
+    for (size_t k = 0; k < combSize; ++k) longest = std::max(longest, p.combMultiples[k]);
+    const auto maxLag =
+        std::min(window - 1, static_cast<size_t>(std::ceil(longest * fps * 60.0 / bounds.lower)) + 1);
+    // The whole novelty first, then each register's.
+    std::vector<float> whole(n, 0.0f);
+    for (const auto& curve : novelty)
+        for (size_t i = 0; i < n; ++i) whole[i] += curve[i];
+    const size_t half = static_cast<size_t>(p.detrendSeconds * fps / 2);
+    Tempograms t{std::vector<double>(maxLag + 1, 0.0), std::vector<double>(grid.size(), 0.0)};
+    for (size_t r = 0; r < p.registerWeights.size(); ++r) {
+        const double weight = p.registerWeights[r];
+        if (weight == 0) continue;
+        const std::vector<double> d =
+            detrended(r == 0 ? std::span<const float>(whole) : novelty[r - 1], half);
+        const Tempograms part = tempograms(d, fps, window, hop, grid, maxLag);
+        for (size_t i = 0; i < t.acf.size(); ++i) t.acf[i] += weight * part.acf[i];
+        for (size_t i = 0; i < t.fourier.size(); ++i) t.fourier[i] += weight * part.fourier[i];
+    }
 
     std::vector<double> score(grid.size());
     for (size_t g = 0; g < grid.size(); ++g) {
         const double lag = fps * 60.0 / grid[g];
         double comb = 0, weights = 0;
         for (size_t k = 0; k < combSize; ++k) {
-            const double at = static_cast<double>(k + 1) * lag;
-            if (at > static_cast<double>(maxLag)) break;
+            const double at = p.combMultiples[k] * lag;
+            if (at > static_cast<double>(maxLag)) continue;
             comb += p.combWeights[k] * interpolate(t.acf, at);
             weights += p.combWeights[k];
         }
