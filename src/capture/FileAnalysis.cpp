@@ -27,6 +27,7 @@
 #include "KeyAnalyzer.h"
 #include "LiveAnalysis.h"
 #include "OutputFile.h"
+#include "PreciseKey.h"
 #include "PreciseTempo.h"
 #include "TempoAnalyzer.h"
 
@@ -172,11 +173,15 @@ int64_t streamPrecise(AudioFileReader& reader, BPMBounds bounds, const FileAnaly
     const AnalyzerParameters& parameters = EngineSettings::parameters();
     PreciseTempoAnalyzer tempo(rate);
     KeyAnalyzer key(rate, true, parameters.key);
+    key.dumpFrames = true;  // the precise key reads every frame
     std::vector<Consumer> consumers;
     consumers.push_back({[&](std::span<const float> block) { tempo.append(block); },
                          [&] { result.tempo = tempo.estimate(bounds); }});
     consumers.push_back({[&](std::span<const float> block) { key.append(block); },
-                         [&] { result.key = key.decide(std::numeric_limits<double>::infinity()); }});
+                         [&] {
+                             const KeyEstimate base = key.decide(std::numeric_limits<double>::infinity());
+                             result.key = PreciseKey::decide(key.dumped(), base);
+                         }});
     return Pipeline(reader, options, maximumFrames).run(consumers);
 }
 
