@@ -50,9 +50,10 @@ struct PreciseTempoParameters {
     // Tempo grid of the search: this many steps per octave (about 0.3 % apart).
     double gridStepsPerOctave = 240.0;
     // Confidence = 1 / (1 + exp(−(a + b·margin))), margin the log-score lead over the best rival
-    // outside ±4 % of the winner (fitted on the labelled set).
-    double confidenceOffset = -1.0;
-    double confidenceSlope = 4.0;
+    // outside ±4 % of the winner (fitted by logistic regression on the labelled set's 127 tempo files:
+    // a reading of 80 % was right 80 % of the time there).
+    double confidenceOffset = 0.14;
+    double confidenceSlope = 2.0;
     // Below this RMS the file is silence: no tempo.
     double silenceFloor = 0.002;
 };
