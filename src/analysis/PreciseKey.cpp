@@ -37,18 +37,27 @@ double correlation(const Table& x, const Table& profile, int64_t tonic) {
 
 }  // namespace
 
-std::array<double, 24> PreciseKey::scores(Frames frames, const PreciseKeyParameters& p) {
-    Table chroma{};
-    Table bass{};
-    if (!frames.empty()) {
-        const double first = frames.front().seconds;
-        const double last = frames.back().seconds;
-        for (const KeyAnalyzer::DumpRow& row : frames) {
-            const bool edge = row.seconds <= first + p.edgeSeconds || row.seconds >= last - p.edgeSeconds;
-            const double weight = edge ? 1.0 + p.edgeWeight : 1.0;
-            for (size_t i = 0; i < 12; ++i) chroma[i] += weight * row.chroma[i];
-            if (row.bass >= 0 && row.bass < 12) bass[static_cast<size_t>(row.bass)] += weight;
-        }
+void PreciseKey::Accumulator::add(Frames frames) {
+    for (const KeyAnalyzer::DumpRow& row : frames) {
+        if (count_ == 0) first_ = row.seconds;
+        ++count_;
+        const bool opening = row.seconds <= first_ + p_.edgeSeconds;
+        const double weight = opening ? 1.0 + p_.edgeWeight : 1.0;
+        for (size_t i = 0; i < 12; ++i) chroma_[i] += weight * row.chroma[i];
+        const bool hasBass = row.bass >= 0 && row.bass < 12;
+        if (hasBass) bass_[static_cast<size_t>(row.bass)] += weight;
+        // The closing seconds' extra weight is added at the end; an opening frame already has it.
+        if (!opening) tail_.push_back({row.seconds, row.chroma, hasBass ? row.bass : -1});
+        while (!tail_.empty() && tail_.front().seconds < row.seconds - p_.edgeSeconds) tail_.pop_front();
+    }
+}
+
+std::array<double, 24> PreciseKey::Accumulator::scores() const {
+    std::array<double, 12> chroma = chroma_;
+    std::array<double, 12> bass = bass_;
+    for (const Tail& t : tail_) {
+        for (size_t i = 0; i < 12; ++i) chroma[i] += p_.edgeWeight * t.chroma[i];
+        if (t.bass >= 0) bass[static_cast<size_t>(t.bass)] += p_.edgeWeight;
     }
     std::array<double, 24> result{};
     const auto& keys = MusicalKey::all();
@@ -57,17 +66,28 @@ std::array<double, 24> PreciseKey::scores(Frames frames, const PreciseKeyParamet
         const Table& corpus = key.isMinor ? corpusMinor : corpusMajor;
         const Table& even = key.isMinor ? KeyProfile::temperleyMinor : KeyProfile::temperleyMajor;
         const double a =
-            correlation(chroma, corpus, key.tonic) + p.bassWeight * correlation(bass, corpus, key.tonic);
+            correlation(chroma, corpus, key.tonic) + p_.bassWeight * correlation(bass, corpus, key.tonic);
         const double b =
-            correlation(chroma, even, key.tonic) + p.bassWeight * correlation(bass, even, key.tonic);
-        result[k] = a + p.temperleyWeight * b;
+            correlation(chroma, even, key.tonic) + p_.bassWeight * correlation(bass, even, key.tonic);
+        result[k] = a + p_.temperleyWeight * b;
     }
     return result;
 }
 
+std::array<double, 24> PreciseKey::scores(Frames frames, const PreciseKeyParameters& p) {
+    Accumulator accumulator(p);
+    accumulator.add(frames);
+    return accumulator.scores();
+}
+
 KeyEstimate PreciseKey::decide(Frames frames, const KeyEstimate& base, const PreciseKeyParameters& p) {
-    if (!base.key || frames.empty()) return base;
-    const std::array<double, 24> score = scores(frames, p);
+    if (frames.empty()) return base;
+    return decide(scores(frames, p), base, p);
+}
+
+KeyEstimate PreciseKey::decide(const std::array<double, 24>& score, const KeyEstimate& base,
+                               const PreciseKeyParameters& p) {
+    if (!base.key) return base;
     size_t best = 0;
     for (size_t k = 1; k < score.size(); ++k)
         if (score[k] > score[best]) best = k;

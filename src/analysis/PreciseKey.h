@@ -9,6 +9,7 @@
 // fitted on labelled music.
 
 #include <array>
+#include <deque>
 #include <span>
 
 #include "KeyAnalyzer.h"
@@ -36,11 +37,37 @@ namespace PreciseKey {
 
 using Frames = std::span<const KeyAnalyzer::DumpRow>;
 
-// Every key's score, in MusicalKey::all order.
+// The weighted chroma and bass histogram of a stream of frames, taken as they come: the sums so far, the
+// opening seconds' and the frames of the last `edgeSeconds` (all that is kept, so memory is bounded).
+class Accumulator {
+  public:
+    explicit Accumulator(PreciseKeyParameters parameters = {}) : p_(parameters) {}
+    void add(Frames frames);
+    bool empty() const { return count_ == 0; }
+    // Every key's score, in MusicalKey::all order.
+    std::array<double, 24> scores() const;
+
+  private:
+    struct Tail {
+        double seconds;
+        std::array<double, 12> chroma;
+        int64_t bass;
+    };
+    PreciseKeyParameters p_;
+    std::array<double, 12> chroma_{};
+    std::array<double, 12> bass_{};
+    int64_t count_ = 0;
+    double first_ = 0;
+    std::deque<Tail> tail_;
+};
+
+// Every key's score over `frames`, in MusicalKey::all order.
 std::array<double, 24> scores(Frames frames, const PreciseKeyParameters& parameters);
 
 // The decision. `base` is the key analyzer's own decision over the same frames: its tuning and chroma
 // are kept, and without a key there (silence, too little audio) there is none here either.
+KeyEstimate decide(const std::array<double, 24>& scores, const KeyEstimate& base,
+                   const PreciseKeyParameters& parameters = {});
 KeyEstimate decide(Frames frames, const KeyEstimate& base, const PreciseKeyParameters& parameters = {});
 
 }  // namespace PreciseKey

@@ -30,7 +30,7 @@ struct PreciseTempoParameters {
     // Tempogram windows: long enough to hold four beats at 30 BPM, short enough that a slowly drifting
     // human tempo stays sharp within one.
     double windowSeconds = 8.0;
-    double windowHopSeconds = 1.0;
+    double windowHopSeconds = 2.0;
     // Weights of the tempograms of the whole novelty and of its low, mid and high registers in their sum.
     // The low and mid registers carry the kick and the snare, which mark the beat that listeners tap;
     // the high register's hi-hats mostly repeat the beat's subdivisions, so it only counts in the whole.

@@ -173,14 +173,19 @@ int64_t streamPrecise(AudioFileReader& reader, BPMBounds bounds, const FileAnaly
     const AnalyzerParameters& parameters = EngineSettings::parameters();
     PreciseTempoAnalyzer tempo(rate);
     KeyAnalyzer key(rate, true, parameters.key);
-    key.dumpFrames = true;  // the precise key reads every frame
+    key.dumpFrames = true;  // the precise key takes every frame as it comes
+    PreciseKey::Accumulator frames;
     std::vector<Consumer> consumers;
     consumers.push_back({[&](std::span<const float> block) { tempo.append(block); },
                          [&] { result.tempo = tempo.estimate(bounds); }});
-    consumers.push_back({[&](std::span<const float> block) { key.append(block); },
+    consumers.push_back({[&](std::span<const float> block) {
+                             key.append(block);
+                             frames.add(key.dumped());
+                             key.clearDumped();
+                         },
                          [&] {
                              const KeyEstimate base = key.decide(std::numeric_limits<double>::infinity());
-                             result.key = PreciseKey::decide(key.dumped(), base);
+                             result.key = frames.empty() ? base : PreciseKey::decide(frames.scores(), base);
                          }});
     return Pipeline(reader, options, maximumFrames).run(consumers);
 }
