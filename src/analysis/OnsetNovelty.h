@@ -24,7 +24,7 @@ struct OnsetNoveltyParameters {
     // Semitone-wide bands: fine enough that a bass line's notes land in different bands.
     double bandsPerOctave = 12.0;
     // γ of log(1 + γ·x) for band magnitudes (a full-scale sine has magnitude 1 in its band).
-    double compression = 1000.0;
+    double compression = 10000.0;
     // The curve kept for the decision; older values are dropped (ten minutes: memory stays bounded on
     // a long mix, and a tempo that held that long is the file's tempo).
     double keptSeconds = 600.0;
