@@ -52,8 +52,8 @@ struct PreciseTempoParameters {
     // Confidence = 1 / (1 + exp(−(a + b·margin))), margin the log-score lead over the best rival
     // outside ±4 % of the winner (fitted by logistic regression on the labelled set's 127 tempo files:
     // a reading of 80 % was right 80 % of the time there).
-    double confidenceOffset = 0.14;
-    double confidenceSlope = 2.0;
+    double confidenceOffset = 0.51;
+    double confidenceSlope = 1.51;
     // Below this RMS the file is silence: no tempo.
     double silenceFloor = 0.002;
 };
