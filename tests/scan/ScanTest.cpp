@@ -12,6 +12,7 @@
 #include <filesystem>
 
 #include "AnalysisCache.h"
+#include "ScanAnalysis.h"
 #include "ScanOptions.h"
 #include "ScanOutput.h"
 #include "TagWriter.h"
@@ -109,6 +110,25 @@ TEST(AnalysisCache, FindsAnEntryOnlyWhenEveryPartOfTheKeyMatches) {
                          AnalysisCache::Key{"/music/a.flac", 1000, 123456789, 1, "fast"}})
         EXPECT_FALSE(cache.lookup(changed))
             << changed.path << changed.size << changed.mtimeNs << changed.range;
+}
+
+TEST(AnalysisCache, ThePreciseAnalysisKeepsItsOwnEntries) {
+    test::TempDir dir;
+    EXPECT_EQ(cacheRange(TempoRange::Auto, FileAnalysis::Analysis::specified), "auto");
+    EXPECT_EQ(cacheRange(TempoRange::fast, FileAnalysis::Analysis::precise), "fast/precise");
+    AnalysisCache cache(dir / "scan.sqlite");
+    const AnalysisCache::Key specified{"/music/a.flac", 1000, 123456789, 1, "auto"};
+    AnalysisCache::Key precise = specified;
+    precise.range = cacheRange(TempoRange::Auto, FileAnalysis::Analysis::precise);
+    AnalysisCache::Entry a, b;
+    a.tempo.bpm = 120;
+    b.tempo.bpm = 180;
+    cache.store(specified, a);
+    EXPECT_FALSE(cache.lookup(precise));
+    cache.store(precise, b);
+    ASSERT_TRUE(cache.lookup(specified) && cache.lookup(precise));
+    EXPECT_EQ(cache.lookup(specified)->tempo.bpm, 120);
+    EXPECT_EQ(cache.lookup(precise)->tempo.bpm, 180);
 }
 
 TEST(ScanOutput, CsvAndJsonRowsEscapeOddPaths) {
