@@ -76,6 +76,29 @@ Tempograms tempograms(std::span<const double> d, double fps, size_t window, size
     return t;
 }
 
+// How strongly the novelty recurs half a period after its strongest phase, folded at `period` frames:
+// log of the half-period peak over the main one (0: as strong, very negative: nothing there).
+double halfPeriodContrast(std::span<const double> d, double period) {
+    const auto bins = static_cast<size_t>(std::max(4L, std::lround(period)));
+    std::vector<double> sum(bins, 0.0), count(bins, 0.0);
+    for (size_t k = 0; k < d.size(); ++k) {
+        const auto bin = static_cast<size_t>(std::floor(std::fmod(static_cast<double>(k), period))) % bins;
+        sum[bin] += d[k];
+        count[bin] += 1;
+    }
+    std::vector<double> profile(bins);
+    for (size_t i = 0; i < bins; ++i) {
+        const auto mean = [&](size_t j) { return count[j] > 0 ? sum[j] / count[j] : 0.0; };
+        profile[i] = (mean((i + bins - 1) % bins) + mean(i) + mean((i + 1) % bins)) / 3;
+    }
+    const size_t peak =
+        static_cast<size_t>(std::max_element(profile.begin(), profile.end()) - profile.begin());
+    const size_t opposite = (peak + bins / 2) % bins;
+    double half = 0;
+    for (size_t j = 0; j < 5; ++j) half = std::max(half, profile[(opposite + bins - 2 + j) % bins]);
+    return std::log((half + 1e-9) / (profile[peak] + 1e-9));
+}
+
 double interpolate(std::span<const double> values, double at) {
     if (at < 0) return values.front();
     const auto i = static_cast<size_t>(at);
@@ -156,11 +179,23 @@ TempoEstimate PreciseTempoAnalyzer::decide(const Registers& novelty, double fps,
         const double curvature = a - 2 * b + c;
         if (curvature < 0) offset = std::clamp(0.5 * (a - c) / curvature, -0.5, 0.5);
     }
-    const double bpm = grid[best] * std::pow(step, offset);
+    double bpm = grid[best] * std::pow(step, offset);
+    // The octave: between the slower and the faster of the winner's octave pair, the faster is the beat
+    // when the mid register (snare, chords) recurs half a slow period after its strongest phase.
+    const double slow = bpm / 2 >= bounds.lower ? bpm / 2 : bpm;
+    if (2 * slow <= bounds.upper) {
+        const std::vector<double> mid = detrended(novelty[OnsetNovelty::mid], half);
+        const double z = p.octaveBias + p.octaveTempoWeight * std::log2(slow / p.priorCentreBpm) +
+                         p.octaveHalfBeatWeight * halfPeriodContrast(mid, fps * 60.0 / slow);
+        bpm = z > 0 ? 2 * slow : slow;
+    }
+    size_t at = 0;
+    for (size_t g = 1; g < grid.size(); ++g)
+        if (std::abs(std::log(grid[g] / bpm)) < std::abs(std::log(grid[at] / bpm))) at = g;
     double rival = -1e300;
     for (size_t g = 0; g < grid.size(); ++g)
         if (std::abs(grid[g] / bpm - 1.0) > 0.04) rival = std::max(rival, score[g]);
-    const double margin = rival > -1e300 ? score[best] - rival : 10.0;
+    const double margin = rival > -1e300 ? score[at] - rival : 10.0;
     const double confidence = 1.0 / (1.0 + std::exp(-(p.confidenceOffset + p.confidenceSlope * margin)));
     if (!std::isfinite(bpm)) return {};
     return {bpm, confidence, 0};

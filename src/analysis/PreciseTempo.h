@@ -47,6 +47,15 @@ struct PreciseTempoParameters {
     // Fitted with the Fourier exponent on the labelled set (a 4 × 4 × 4 grid, nothing per file).
     double priorCentreBpm = 100.0;
     double priorWidthOctaves = 1.3;
+    // The octave check after the search: the faster of the winner's octave pair wins when
+    //   bias + tempoWeight·log2(slower / priorCentre) + halfBeatWeight·contrast > 0,
+    // contrast the log ratio of the mid register's strength half a slower period after its strongest
+    // phase to that phase's (a backbeat or off-beat chord as strong as the beat says the faster is the
+    // beat). Fitted by logistic regression on the labelled files whose tempo is one of the pair (118);
+    // choosing the octave right 86 % of the time, 86 % on held-out halves.
+    double octaveBias = -0.08;
+    double octaveTempoWeight = -3.5;
+    double octaveHalfBeatWeight = 1.14;
     // Tempo grid of the search: this many steps per octave (about 0.3 % apart).
     double gridStepsPerOctave = 240.0;
     // Confidence = 1 / (1 + exp(−(a + b·margin))), margin the log-score lead over the best rival
