@@ -23,21 +23,16 @@ std::vector<double> detrended(std::span<const float> x, size_t half) {
     return out;
 }
 
-// Both tempograms, averaged over the windows: the normalised autocorrelation by lag, and the Fourier
-// power (relative to the window's energy) at every grid tempo.
-struct Tempograms {
-    std::vector<double> acf;
-    std::vector<double> fourier;
-};
-
-Tempograms tempograms(std::span<const double> d, double fps, size_t window, size_t hop,
-                      std::span<const double> gridBpm, size_t maxLag) {
-    Tempograms t{std::vector<double>(maxLag + 1, 0.0), std::vector<double>(gridBpm.size(), 0.0)};
+// The autocorrelation tempogram: each window's autocorrelation at every lag (0 … window − 1), relative
+// to the window's energy, averaged over the windows. Its cosine transform is the Fourier tempogram
+// (the power spectrum of a window is the transform of its autocorrelation), so one array holds both.
+std::vector<double> autocorrelogram(std::span<const double> d, size_t window, size_t hop) {
+    std::vector<double> acf(window, 0.0);
     std::vector<double> taper(window);
     for (size_t i = 0; i < window; ++i)
         taper[i] = 0.5 - 0.5 * std::cos(2.0 * std::numbers::pi * static_cast<double>(i) /
                                         static_cast<double>(window - 1));
-    std::vector<double> seg(window);
+    std::vector<double> seg(window), reversed(window), sums(window);
     size_t used = 0;
     for (size_t start = 0; start + window <= d.size(); start += hop) {
         double mean = 0;
@@ -50,30 +45,35 @@ Tempograms tempograms(std::span<const double> d, double fps, size_t window, size
         }
         if (!(energy > 1e-12)) continue;
         ++used;
-        for (size_t lag = 0; lag <= maxLag; ++lag) {
-            double sum = 0;
-            for (size_t i = lag; i < window; ++i) sum += seg[i] * seg[i - lag];
-            t.acf[lag] += sum / energy;
+        // sums[lag] = Σ seg[i]·seg[i − lag], accumulated over i so that the inner loop runs along the lags
+        // (and vectorises); reversed[window − 1 − i + lag] is seg[i − lag].
+        for (size_t i = 0; i < window; ++i) reversed[window - 1 - i] = seg[i];
+        std::fill(sums.begin(), sums.end(), 0.0);
+        for (size_t i = 0; i < window; ++i) {
+            const double x = seg[i];
+            const double* back = reversed.data() + (window - 1 - i);
+            for (size_t lag = 0; lag <= i; ++lag) sums[lag] += x * back[lag];
         }
-        for (size_t g = 0; g < gridBpm.size(); ++g) {
-            const double w = 2.0 * std::numbers::pi * gridBpm[g] / 60.0 / fps;
-            const double c = std::cos(w), s = std::sin(w);
-            double re = 0, im = 0, zr = 1, zi = 0;
-            for (size_t i = 0; i < window; ++i) {
-                re += seg[i] * zr;
-                im -= seg[i] * zi;
-                const double nr = zr * c - zi * s;
-                zi = zr * s + zi * c;
-                zr = nr;
-            }
-            t.fourier[g] += (re * re + im * im) / energy;
-        }
+        for (size_t lag = 0; lag < window; ++lag) acf[lag] += sums[lag] / energy;
     }
-    if (used > 0) {
-        for (double& v : t.acf) v /= static_cast<double>(used);
-        for (double& v : t.fourier) v /= static_cast<double>(used);
+    if (used > 0)
+        for (double& v : acf) v /= static_cast<double>(used);
+    return acf;
+}
+
+// The Fourier tempogram at `bpm` from the autocorrelogram: r(0) + 2·Σ r(l)·cos(ω·l).
+double fourierAt(std::span<const double> acf, double bpm, double fps) {
+    const double w = 2.0 * std::numbers::pi * bpm / 60.0 / fps;
+    const double twoCos = 2.0 * std::cos(w);
+    double previous = 1.0, current = std::cos(w);  // cos(0·w), cos(1·w), then by recurrence
+    double sum = acf[0];
+    for (size_t l = 1; l < acf.size(); ++l) {
+        sum += 2.0 * acf[l] * current;
+        const double next = twoCos * current - previous;
+        previous = current;
+        current = next;
     }
-    return t;
+    return sum;
 }
 
 // How strongly the novelty recurs half a period after its strongest phase, folded at `period` frames:
@@ -145,15 +145,14 @@ TempoEstimate PreciseTempoAnalyzer::decide(const Registers& novelty, double fps,
     for (const auto& curve : novelty)
         for (size_t i = 0; i < n; ++i) whole[i] += curve[i];
     const size_t half = static_cast<size_t>(p.detrendSeconds * fps / 2);
-    Tempograms t{std::vector<double>(maxLag + 1, 0.0), std::vector<double>(grid.size(), 0.0)};
+    std::vector<double> acf(window, 0.0);
     for (size_t r = 0; r < p.registerWeights.size(); ++r) {
         const double weight = p.registerWeights[r];
         if (weight == 0) continue;
         const std::vector<double> d =
             detrended(r == 0 ? std::span<const float>(whole) : novelty[r - 1], half);
-        const Tempograms part = tempograms(d, fps, window, hop, grid, maxLag);
-        for (size_t i = 0; i < t.acf.size(); ++i) t.acf[i] += weight * part.acf[i];
-        for (size_t i = 0; i < t.fourier.size(); ++i) t.fourier[i] += weight * part.fourier[i];
+        const std::vector<double> part = autocorrelogram(d, window, hop);
+        for (size_t i = 0; i < acf.size(); ++i) acf[i] += weight * part[i];
     }
 
     std::vector<double> score(grid.size());
@@ -163,13 +162,13 @@ TempoEstimate PreciseTempoAnalyzer::decide(const Registers& novelty, double fps,
         for (size_t k = 0; k < combSize; ++k) {
             const double at = p.combMultiples[k] * lag;
             if (at > static_cast<double>(maxLag)) continue;
-            comb += p.combWeights[k] * interpolate(t.acf, at);
+            comb += p.combWeights[k] * interpolate(acf, at);
             weights += p.combWeights[k];
         }
         comb = weights > 0 ? comb / weights : 0;
         const double x = std::log2(grid[g] / p.priorCentreBpm) / p.priorWidthOctaves;
         score[g] = std::log(std::max(comb, 1e-9)) +
-                   p.fourierExponent * std::log(std::max(t.fourier[g], 1e-12)) - 0.5 * x * x;
+                   p.fourierExponent * std::log(std::max(fourierAt(acf, grid[g], fps), 1e-12)) - 0.5 * x * x;
     }
     const size_t best = static_cast<size_t>(std::max_element(score.begin(), score.end()) - score.begin());
     // A parabola through the peak and its neighbours places the tempo between grid steps.
