@@ -113,6 +113,9 @@ class KeyAnalyzer {
     int64_t restarts() const { return restarts_; }
     bool dumpFrames = false;
     const std::vector<DumpRow>& dumped() const { return dumped_; }
+    // Forgets the recorded frames (keeping the room): a reader that takes them as they come keeps
+    // memory bounded.
+    void clearDumped() { dumped_.clear(); }
 
     size_t frameCount() const { return frames_.size(); }
     double tuningOffsetSemitones() const;

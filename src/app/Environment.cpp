@@ -124,6 +124,8 @@ std::optional<double> parseNumber(const char* text) {
 Switches read() {
     Switches switches;
     switches.debug = lookup("DEBUG") != nullptr;
+    const char* analysis = std::getenv("VELQUIN_ANALYSIS");
+    switches.preciseAnalysis = analysis != nullptr && std::strcmp(analysis, "precise") == 0;
     overrideTempo(switches.parameters.tempo);
     overrideKey(switches.parameters.key);
     switches.parameters.key.profile = profile();

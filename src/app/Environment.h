@@ -3,6 +3,7 @@
 //   VELQUIN_DEBUG          analysis diagnostics (periodicity tables, key and chord lines) on standard error
 //   VELQUIN_PROFILE        "krumhansl", "temperley" or "shaath" key profiles; otherwise the blend
 //   VELQUIN_EXP_<NAME>     numeric overrides of the analyzers' parameters (names in Environment.cpp)
+//   VELQUIN_ANALYSIS       "precise": `--analyze` uses the precise whole-file analysis (no older spelling)
 // Each is also accepted under its older TESSARO_ spelling; the VELQUIN_ one wins when both are set.
 
 #include <optional>
@@ -14,6 +15,7 @@ namespace velquin::Environment {
 
 struct Switches {
     bool debug = false;
+    bool preciseAnalysis = false;
     AnalyzerParameters parameters;  // overrides applied, diagnostics routed to standard error
 };
 

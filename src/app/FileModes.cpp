@@ -70,12 +70,14 @@ std::string resultLine(const TempoEstimate& tempo, const KeyEstimate& key) {
     return tempoText + "  " + keyText;
 }
 
-int analyze(const std::vector<std::string>& arguments, std::FILE* out, std::FILE* err) {
+int analyze(const std::vector<std::string>& arguments, std::FILE* out, std::FILE* err, bool precise) {
     return guarded(err, [&] {
         const std::string& path = arguments.at(0);
         TempoRange range = TempoRange::Auto;
         if (arguments.size() > 1) range = tempoRangeFromRaw(arguments[1]).value_or(TempoRange::Auto);
-        const auto result = FileAnalysis::analyzeFile(path, range);
+        FileAnalysis::FileAnalysisOptions options;
+        if (precise) options.analysis = FileAnalysis::Analysis::precise;
+        const auto result = FileAnalysis::analyzeFile(path, range, options);
         putResult(out, resultLine(result.tempo, result.key) + "  " + lastPathComponent(path) + "\n");
     });
 }

@@ -11,7 +11,8 @@
 
 namespace velquin::FileModes {
 
-int analyze(const std::vector<std::string>& arguments, std::FILE* out, std::FILE* err);
+// `precise`: the precise whole-file analysis instead of the live engine's.
+int analyze(const std::vector<std::string>& arguments, std::FILE* out, std::FILE* err, bool precise = false);
 int timeline(const std::vector<std::string>& arguments, std::FILE* out, std::FILE* err);
 int chroma(const std::vector<std::string>& arguments, std::FILE* out, std::FILE* err);
 

@@ -14,14 +14,15 @@
 int main(int argc, char** argv) {
     using namespace velquin;
     holdClosedStandardStreams();
-    EngineSettings::install(Environment::read().parameters);
+    const Environment::Switches switches = Environment::read();
+    EngineSettings::install(switches.parameters);
     const std::vector<std::string> arguments(argv, argv + argc);
     const Dispatch dispatch = Dispatch::from(arguments);
     switch (dispatch.mode) {
         case Dispatch::Mode::help:
             return std::fputs(Dispatch::usage, stdout) >= 0 && std::fflush(stdout) == 0 ? 0 : 1;
         case Dispatch::Mode::analyze:
-            return FileModes::analyze(dispatch.arguments, stdout, stderr);
+            return FileModes::analyze(dispatch.arguments, stdout, stderr, switches.preciseAnalysis);
         case Dispatch::Mode::timeline:
             return FileModes::timeline(dispatch.arguments, stdout, stderr);
         case Dispatch::Mode::chroma:

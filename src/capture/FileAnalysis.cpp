@@ -27,6 +27,8 @@
 #include "KeyAnalyzer.h"
 #include "LiveAnalysis.h"
 #include "OutputFile.h"
+#include "PreciseKey.h"
+#include "PreciseTempo.h"
 #include "TempoAnalyzer.h"
 
 namespace velquin::FileAnalysis {
@@ -149,6 +151,7 @@ using TickCallback = std::function<void(double seconds, const KeyEstimate&, cons
 
 struct Stream {
     TempoRange range = TempoRange::Auto;
+    Analysis analysis = Analysis::specified;
     bool withTempo = true;
     std::optional<double> everySeconds;  // the live pair's reading interval, for timelines
     TickCallback onTick;
@@ -163,6 +166,30 @@ struct Streamed {
     int64_t liveRestarts = 0;
 };
 
+// The precise pair over the whole file; returns the frames decoded.
+int64_t streamPrecise(AudioFileReader& reader, BPMBounds bounds, const FileAnalysisOptions& options,
+                      int64_t maximumFrames, Streamed& result) {
+    const double rate = reader.sampleRate();
+    const AnalyzerParameters& parameters = EngineSettings::parameters();
+    PreciseTempoAnalyzer tempo(rate);
+    KeyAnalyzer key(rate, true, parameters.key);
+    key.dumpFrames = true;  // the precise key takes every frame as it comes
+    PreciseKey::Accumulator frames;
+    std::vector<Consumer> consumers;
+    consumers.push_back({[&](std::span<const float> block) { tempo.append(block); },
+                         [&] { result.tempo = tempo.estimate(bounds); }});
+    consumers.push_back({[&](std::span<const float> block) {
+                             key.append(block);
+                             frames.add(key.dumped());
+                             key.clearDumped();
+                         },
+                         [&] {
+                             const KeyEstimate base = key.decide(std::numeric_limits<double>::infinity());
+                             result.key = frames.empty() ? base : PreciseKey::decide(frames.scores(), base);
+                         }});
+    return Pipeline(reader, options, maximumFrames).run(consumers);
+}
+
 // The offline pair (and for timelines the live pair) over the whole file. The analyzers are independent
 // of one another, so each may run on its own thread; the live pair stays together, since its key
 // analyzer restarts on its tempo analyzer's regime changes.
@@ -172,6 +199,12 @@ Streamed streamFile(AudioFileReader& reader, const Stream& stream, const FileAna
     const AnalyzerParameters& parameters = EngineSettings::parameters();
     Streamed result;
     std::vector<Consumer> consumers;
+
+    if (stream.analysis == Analysis::precise) {
+        const int64_t frames = streamPrecise(reader, bounds, options, stream.maximumFrames, result);
+        result.durationSeconds = static_cast<double>(frames) / rate;
+        return result;
+    }
 
     std::optional<TempoAnalyzer> tempo;
     if (stream.withTempo) {
@@ -211,10 +244,21 @@ Streamed streamFile(AudioFileReader& reader, const Stream& stream, const FileAna
 
 }  // namespace
 
+std::string_view rawValue(Analysis analysis) {
+    return analysis == Analysis::precise ? "precise" : "specified";
+}
+
+std::optional<Analysis> analysisFromRaw(std::string_view text) {
+    if (text == "precise") return Analysis::precise;
+    if (text == "specified") return Analysis::specified;
+    return std::nullopt;
+}
+
 FileResult analyzeReader(AudioFileReader& reader, TempoRange range, const FileAnalysisOptions& options,
                          double maximumSeconds) {
     Stream stream;
     stream.range = range;
+    stream.analysis = options.analysis;
     const double frames = std::floor(maximumSeconds * reader.sampleRate());
     if (frames < static_cast<double>(stream.maximumFrames))
         stream.maximumFrames = static_cast<int64_t>(frames);

@@ -12,9 +12,11 @@
 #include <exception>
 #include <functional>
 #include <limits>
+#include <optional>
 #include <span>
 #include <stop_token>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "MusicalKey.h"
@@ -33,6 +35,13 @@ struct FileResult {
     double durationSeconds = 0;  // of the audio decoded
 };
 
+// Which analysis a whole file gets: `specified`, the live engine's analyzers run over the file (the
+// default everywhere); or `precise`, the slower whole-file analyzers of PreciseTempo and PreciseKey. The
+// two give different results, so whatever stores a result keeps the analysis beside it.
+enum class Analysis { specified, precise };
+std::string_view rawValue(Analysis analysis);
+std::optional<Analysis> analysisFromRaw(std::string_view text);
+
 // How the analyzers share the work: each on its own thread behind a decoder (with one core, all on the
 // calling thread), or always all on the calling thread. Both give the same results, bit for bit.
 enum class Execution { automatic, sequential };
@@ -42,6 +51,7 @@ struct FileAnalysisOptions {
     std::function<void(double doneSeconds, double totalSeconds)> onProgress;
     std::stop_token stop;  // requested -> AnalysisCancelled
     Execution execution = Execution::automatic;
+    Analysis analysis = Analysis::specified;  // analyzeFile and analyzeReader only
 };
 
 struct AnalysisCancelled : std::exception {

@@ -13,6 +13,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 
 #include "MusicalKey.h"
 #include "TempoEstimate.h"
@@ -38,6 +39,11 @@ class AnalysisCache {
 
     // The key of the file at `path` as it is now; empty when it cannot be examined.
     static std::optional<Key> keyForFile(const std::string& path, int version, std::string range);
+    // The key's `range` for a tempo range's raw value: the precise analysis adds "/precise", so results of
+    // the two analyses never answer for each other.
+    static std::string rangeField(std::string_view range, bool precise) {
+        return std::string(range) + (precise ? "/precise" : "");
+    }
     // $XDG_CACHE_HOME/Velquin/scan.sqlite (empty when no home is known).
     static std::filesystem::path defaultPath();
 

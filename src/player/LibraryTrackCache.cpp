@@ -7,6 +7,14 @@
 
 namespace velquin {
 
+namespace {
+
+std::string rangeField(const TrackCacheKey& key) {
+    return AnalysisCache::rangeField(rawValue(key.range), key.analysis == FileAnalysis::Analysis::precise);
+}
+
+}  // namespace
+
 LibraryTrackCache::LibraryTrackCache() = default;
 LibraryTrackCache::~LibraryTrackCache() = default;
 
@@ -27,7 +35,7 @@ AnalysisCache* LibraryTrackCache::disk() {
 std::optional<TrackResult> LibraryTrackCache::find(const TrackCacheKey& key) {
     AnalysisCache* cache = disk();
     if (!cache) return memory_.find(key);
-    const auto diskKey = AnalysisCache::keyForFile(key.path, key.version, std::string(rawValue(key.range)));
+    const auto diskKey = AnalysisCache::keyForFile(key.path, key.version, rangeField(key));
     if (!diskKey) return std::nullopt;
     const auto entry = cache->lookup(*diskKey);
     if (!entry) return std::nullopt;
@@ -37,7 +45,7 @@ std::optional<TrackResult> LibraryTrackCache::find(const TrackCacheKey& key) {
 void LibraryTrackCache::store(const TrackCacheKey& key, const TrackResult& result) {
     AnalysisCache* cache = disk();
     if (!cache) return memory_.store(key, result);
-    const auto diskKey = AnalysisCache::keyForFile(key.path, key.version, std::string(rawValue(key.range)));
+    const auto diskKey = AnalysisCache::keyForFile(key.path, key.version, rangeField(key));
     if (diskKey) cache->store(*diskKey, {result.tempo, result.key, result.durationSeconds});
 }
 

@@ -7,7 +7,7 @@ namespace velquin {
 namespace {
 
 bool sameFile(const auto& a, const auto& b) {
-    return a.path == b.path && a.range == b.range;
+    return a.path == b.path && a.range == b.range && a.analysis == b.analysis;
 }
 
 bool sameReading(const std::optional<PlayerReading>& a, const std::optional<PlayerReading>& b) {
@@ -51,6 +51,12 @@ void PlayerFollower::setRange(TempoRange range) {
     update();
 }
 
+void PlayerFollower::setAnalysis(FileAnalysis::Analysis analysis) {
+    if (analysis == analysis_) return;
+    analysis_ = analysis;
+    update();
+}
+
 void PlayerFollower::update() {
     const MprisWatcher::Player* player = enabled_ ? watcher_.followed() : nullptr;
     const auto path = player ? localPathOfUrl(player->track.url) : std::nullopt;
@@ -60,13 +66,13 @@ void PlayerFollower::update() {
         show(std::nullopt);
         return;
     }
-    const Wanted file{*path, range_};
+    const Wanted file{*path, range_, analysis_};
     if (!wanted_ || !sameFile(*wanted_, file)) {
         wanted_ = file;
         if (!known_ || !sameFile(known_->file, file)) {
             // The last track's reading would be wrong for this one: live until this one is read.
             show(std::nullopt);
-            worker_->request({++jobId_, file.path, file.range});
+            worker_->request({++jobId_, file.path, file.range, file.analysis});
             return;
         }
         cancelRead();

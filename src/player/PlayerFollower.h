@@ -43,6 +43,8 @@ class PlayerFollower : public QObject {
     bool isEnabled() const { return enabled_; }
     // The range the next file is read with; a playing file is read again with the new range.
     void setRange(TempoRange range);
+    // The analysis the next file gets; a playing file is read again with the new one.
+    void setAnalysis(FileAnalysis::Analysis analysis);
 
     // None: nothing to follow, so the live reading shows.
     const std::optional<PlayerReading>& reading() const { return reading_; }
@@ -57,6 +59,7 @@ class PlayerFollower : public QObject {
     struct Wanted {
         std::string path;
         TempoRange range;
+        FileAnalysis::Analysis analysis;
     };
     struct Known {
         Wanted file;
@@ -71,6 +74,7 @@ class PlayerFollower : public QObject {
     MprisWatcher watcher_;
     bool enabled_ = true;
     TempoRange range_ = TempoRange::Auto;
+    FileAnalysis::Analysis analysis_ = FileAnalysis::Analysis::specified;
     std::optional<Wanted> wanted_;  // the file the followed player plays
     std::optional<Known> known_;    // the last file read, kept for a resume or a rate change
     uint64_t jobId_ = 0;

@@ -13,9 +13,11 @@
 
 namespace velquin {
 
-std::optional<TrackResult> analyzeTrackFile(const std::string& path, TempoRange range, std::stop_token stop) {
+std::optional<TrackResult> analyzeTrackFile(const std::string& path, TempoRange range,
+                                            FileAnalysis::Analysis analysis, std::stop_token stop) {
     try {
-        return FileAnalysis::analyzeFile(path, range, {.onProgress = {}, .stop = std::move(stop)});
+        return FileAnalysis::analyzeFile(path, range,
+                                         {.onProgress = {}, .stop = std::move(stop), .analysis = analysis});
     } catch (const FileAnalysis::AnalysisCancelled&) {
         return std::nullopt;
     }
@@ -93,6 +95,7 @@ void TrackAnalysisWorker::run() {
         const std::optional<Job> job = takeJob(&jobStop);
         if (!job) return;
         TrackCacheKey key{job->path, 0, 0, job->range};
+        key.analysis = job->analysis;
         Outcome outcome = process(*job, jobStop.get_token(), key);
         // The reading goes out first; the cache write (a commit to disk) is nobody's wait.
         const auto fresh = outcome.fromCache ? std::nullopt : outcome.result;
@@ -115,7 +118,7 @@ TrackAnalysisWorker::Outcome TrackAnalysisWorker::process(const Job& job, std::s
         }
     }
     try {
-        outcome.result = analyze_(job.path, job.range, stop);
+        outcome.result = analyze_(job.path, job.range, job.analysis, stop);
         if (!outcome.result) return Outcome{};
     } catch (const std::exception& e) {
         outcome.error = e.what();

@@ -19,7 +19,8 @@ namespace velquin {
 
 // The whole-file analysis; none when `stop` was requested before it finished.
 // Throws the decoder's errors (std::exception; what() is the text for the log).
-std::optional<TrackResult> analyzeTrackFile(const std::string& path, TempoRange range, std::stop_token stop);
+std::optional<TrackResult> analyzeTrackFile(const std::string& path, TempoRange range,
+                                            FileAnalysis::Analysis analysis, std::stop_token stop);
 
 class TrackAnalysisWorker {
   public:
@@ -27,6 +28,7 @@ class TrackAnalysisWorker {
         uint64_t id = 0;
         std::string path;
         TempoRange range = TempoRange::Auto;
+        FileAnalysis::Analysis analysis = FileAnalysis::Analysis::specified;
     };
     struct Outcome {
         uint64_t id = 0;
@@ -34,8 +36,8 @@ class TrackAnalysisWorker {
         std::string error;
         bool fromCache = false;
     };
-    using Analyze =
-        std::function<std::optional<TrackResult>(const std::string&, TempoRange, std::stop_token)>;
+    using Analyze = std::function<std::optional<TrackResult>(const std::string&, TempoRange,
+                                                             FileAnalysis::Analysis, std::stop_token)>;
 
     // `cache` may be null (every request is analysed).
     explicit TrackAnalysisWorker(std::shared_ptr<TrackCache> cache, Analyze analyze = analyzeTrackFile);

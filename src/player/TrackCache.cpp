@@ -6,7 +6,8 @@ namespace velquin {
 
 size_t MemoryTrackCache::Hash::operator()(const TrackCacheKey& key) const {
     size_t h = std::hash<std::string>{}(key.path);
-    for (const int64_t part : {key.size, key.modifiedNanos, int64_t(key.range), int64_t(key.version)}) {
+    for (const int64_t part :
+         {key.size, key.modifiedNanos, int64_t(key.range), int64_t(key.version), int64_t(key.analysis)}) {
         h = h * 1000003u ^ std::hash<int64_t>{}(part);
     }
     return h;

@@ -22,6 +22,8 @@ struct TrackCacheKey {
     int64_t modifiedNanos = 0;
     TempoRange range = TempoRange::Auto;  // a range narrows the tempo search, so it is part of the result
     int version = FileAnalysis::kAnalysisVersion;
+    FileAnalysis::Analysis analysis =
+        FileAnalysis::Analysis::specified;  // the two never stand in for each other
 
     friend bool operator==(const TrackCacheKey&, const TrackCacheKey&) = default;
 };

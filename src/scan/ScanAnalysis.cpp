@@ -8,8 +8,14 @@ int analysisVersion() {
     return FileAnalysis::kAnalysisVersion;
 }
 
-AnalysisCache::Entry analyzeFile(const std::string& path, TempoRange range, std::stop_token stop) {
+std::string cacheRange(TempoRange range, FileAnalysis::Analysis analysis) {
+    return AnalysisCache::rangeField(rawValue(range), analysis == FileAnalysis::Analysis::precise);
+}
+
+AnalysisCache::Entry analyzeFile(const std::string& path, TempoRange range, FileAnalysis::Analysis analysis,
+                                 std::stop_token stop) {
     FileAnalysis::FileAnalysisOptions options;
+    options.analysis = analysis;
     options.stop = std::move(stop);
     // Each job is one thread: the scan already keeps every core busy with its own workers.
     options.execution = FileAnalysis::Execution::sequential;

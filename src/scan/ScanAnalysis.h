@@ -5,6 +5,7 @@
 #include <string>
 
 #include "AnalysisCache.h"
+#include "FileAnalysis.h"
 #include "TempoRange.h"
 
 namespace velquin::scan {
@@ -14,6 +15,9 @@ int analysisVersion();
 
 // The same analysis as `velquin --analyze`. Throws what it throws (what() is the text to show);
 // a requested stop ends it early with FileAnalysis::AnalysisCancelled.
-AnalysisCache::Entry analyzeFile(const std::string& path, TempoRange range, std::stop_token stop);
+AnalysisCache::Entry analyzeFile(const std::string& path, TempoRange range, FileAnalysis::Analysis analysis,
+                                 std::stop_token stop);
+// The cache's range field: the range, and for the precise analysis a mark that keeps its results apart.
+std::string cacheRange(TempoRange range, FileAnalysis::Analysis analysis);
 
 }  // namespace velquin::scan

@@ -11,6 +11,8 @@ const char* const kHelpText =
     "\n"
     "  -j, --jobs N            analyse N files at a time (default: the number of cores)\n"
     "      --range RANGE       tempo range: auto, verySlow, slow, standard, fast (default: auto)\n"
+    "      --analysis A        specified (the live engine's, default) or precise (slower, more often\n"
+    "                          right; its confidences are calibrated)\n"
     "      --format FORMAT     table (the `velquin --analyze` line), csv or json (JSON Lines);\n"
     "                          default: table on a terminal, csv otherwise\n"
     "      --write-tags        write the key and BPM into each file's tags\n"
@@ -96,6 +98,11 @@ ParsedOptions parseOptions(const std::vector<std::string>& arguments, int defaul
             const auto range = text ? tempoRangeFromRaw(*text) : std::nullopt;
             if (!range) return fail("--range needs one of auto, verySlow, slow, standard, fast");
             options.range = *range;
+        } else if (argument == "--analysis") {
+            const auto text = value();
+            const auto analysis = text ? FileAnalysis::analysisFromRaw(*text) : std::nullopt;
+            if (!analysis) return fail("--analysis needs one of specified, precise");
+            options.analysis = *analysis;
         } else if (argument == "--format") {
             const auto text = value();
             const auto format = text ? formatFromText(*text) : std::nullopt;

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "FileAnalysis.h"
 #include "TempoRange.h"
 
 namespace velquin::scan {
@@ -15,6 +16,7 @@ struct ScanOptions {
     std::vector<std::string> paths;
     int jobs = 1;
     TempoRange range = TempoRange::Auto;
+    FileAnalysis::Analysis analysis = FileAnalysis::Analysis::specified;
     OutputFormat format = OutputFormat::table;
     bool writeTags = false;
     bool camelotTags = false;  // --key-notation camelot: the key tag holds "8A"

@@ -42,11 +42,13 @@ std::vector<Field> fieldsOf(const ScanRow& row) {
         number(ifKey("%.1f", r ? r->key.tuningCents : 0)),
         number(r ? std::optional(format("%.3f", r->durationSeconds)) : std::nullopt),
         text(row.error.empty() ? std::nullopt : std::optional(row.error)),
+        text(std::string(FileAnalysis::rawValue(row.analysis))),
     };
 }
 
 constexpr const char* kNames[] = {"path",           "bpm",         "bpm_confidence", "key",        "camelot",
-                                  "key_confidence", "alternative", "tuning_cents",   "duration_s", "error"};
+                                  "key_confidence", "alternative", "tuning_cents",   "duration_s", "error",
+                                  "analysis"};
 
 std::string csvField(const Field& field) {
     if (!field.value) return "";

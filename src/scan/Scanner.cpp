@@ -72,7 +72,10 @@ class Scan {
           rows_(files.size()),
           tagNotes_(files.size()),
           done_(files.size(), false) {
-        for (size_t i = 0; i < files.size(); ++i) rows_[i].path = std::move(files[i]);
+        for (size_t i = 0; i < files.size(); ++i) {
+            rows_[i].path = std::move(files[i]);
+            rows_[i].analysis = options.analysis;
+        }
     }
 
     void start() {
@@ -175,14 +178,14 @@ class Scan {
     // Fills the row; false when a stop cut the analysis short.
     bool process(size_t i, std::stop_token stop) {
         ScanRow& row = rows_[i];
-        const auto key =
-            AnalysisCache::keyForFile(row.path, analysisVersion(), std::string(rawValue(options_.range)));
+        const auto key = AnalysisCache::keyForFile(row.path, analysisVersion(),
+                                                   cacheRange(options_.range, options_.analysis));
         if (cache_ && key && !options_.force) row.result = cache_->lookup(*key);
         if (row.result) {
             ++fromCache_;
         } else {
             try {
-                row.result = analyzeFile(row.path, options_.range, stop);
+                row.result = analyzeFile(row.path, options_.range, options_.analysis, stop);
             } catch (const std::exception& error) {
                 if (stop.stop_requested()) return false;
                 row.error = error.what();
@@ -199,7 +202,7 @@ class Scan {
             } else if (cache_) {
                 // The new tags change the size and the change time; the result still holds.
                 const auto tagged = AnalysisCache::keyForFile(row.path, analysisVersion(),
-                                                              std::string(rawValue(options_.range)));
+                                                              cacheRange(options_.range, options_.analysis));
                 if (tagged) remember(*tagged, *row.result);
             }
         }

@@ -129,6 +129,7 @@ void AppMenu::createItems() {
     items_.floatItem = checkable(QStringLiteral("Float Bar"));
     items_.copyItem = item(QStringLiteral("Copy Key and BPM"), "Ctrl+C");
     items_.analyzeItem = item(QStringLiteral("Analyze Audio File\u2026"), "Ctrl+O");
+    items_.preciseItem = checkable(QStringLiteral("Precise File Analysis"));
     items_.resetItem = item(QStringLiteral("Reset"), "Ctrl+R");
     items_.helpItem = item(QStringLiteral("Help\u2026"), "Ctrl+?");
     items_.quitItem = item(QStringLiteral("Quit Velquin"), "Ctrl+Q");
@@ -186,6 +187,8 @@ void AppMenu::build(const DisplaySettings& settings) {
     m.addSeparator();
     m.addAction(items_.copyItem);
     m.addAction(items_.analyzeItem);
+    items_.preciseItem->setChecked(settings.preciseAnalysis);
+    m.addAction(items_.preciseItem);
     m.addAction(items_.resetItem);
     m.addSeparator();
     m.addAction(items_.helpItem);

@@ -42,6 +42,7 @@ class AppMenu {
         QAction* floatItem = nullptr;
         QAction* copyItem = nullptr;
         QAction* analyzeItem = nullptr;
+        QAction* preciseItem = nullptr;
         QAction* resetItem = nullptr;
         QAction* helpItem = nullptr;
         QAction* quitItem = nullptr;

@@ -66,6 +66,7 @@ void DesktopApp::connectItems() {
     on(items.camelotItem, &DesktopApp::toggleCamelot);
     on(items.notesItem, &DesktopApp::toggleNotes);
     on(items.decimalsItem, &DesktopApp::toggleDecimals);
+    on(items.preciseItem, &DesktopApp::togglePrecise);
     on(items.compactItem, &DesktopApp::toggleCompact);
     on(items.floatItem, &DesktopApp::toggleFloatBar);
     on(items.copyItem, &DesktopApp::copyBoth);
@@ -108,6 +109,7 @@ void DesktopApp::launch() {
     view.onMoveEnd = [this] { barPosition_.remember(); };
     drops_.barFrame = [this] { return bar_->frameGeometry(); };
     drops_.range = [this] { return service_.range(); };
+    drops_.analysis = [this] { return fileAnalysis(); };
     drops_.onWorking = [this](const QString&) { rerender(); };
     drops_.describe = [this](const QString& name, const FileAnalysisResult& result) {
         return text::shelfLines(name, result.tempo, result.key, settings_);
@@ -162,6 +164,7 @@ void DesktopApp::launch() {
         if (log_) log_(line.toStdString());
     };
     follower_.setEnabled(settings_.followPlayer);
+    follower_.setAnalysis(fileAnalysis());
     follower_.start();
     if (firstLaunch) {
         // Once, so that a new user learns where the menu is and that the bar moves.
@@ -324,7 +327,8 @@ void DesktopApp::analyzeFile() {
     const std::optional<QString> path = dialogs.chooseAudioFile ? dialogs.chooseAudioFile() : std::nullopt;
     if (!path) return;
     const QString name = QFileInfo(*path).fileName();
-    menuAnalysis_.start(*path, service_.range(), drops_.analyzer, [this, name](FileJobOutcome outcome) {
+    const FileAnalyzer analyzer = withAnalysis(drops_.analyzer, fileAnalysis());
+    menuAnalysis_.start(*path, service_.range(), analyzer, [this, name](FileJobOutcome outcome) {
         if (!outcome.result) {
             if (dialogs.showFileError) dialogs.showFileError(name, outcome.error);
         } else if (dialogs.showFileAlert) {

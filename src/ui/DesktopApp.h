@@ -70,6 +70,8 @@ class DesktopApp : public QObject {
     void toggleCamelot();
     void toggleNotes();
     void toggleDecimals();
+    void togglePrecise();
+    FileAnalysis::Analysis fileAnalysis() const;
     void toggleCompact();
     void toggleFloatBar();
     void copyBoth();

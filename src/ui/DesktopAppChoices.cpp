@@ -64,6 +64,13 @@ void DesktopApp::toggleNotes() {
 void DesktopApp::toggleDecimals() {
     toggle(settings_.showDecimals, menu_.items().decimalsItem, settingsKey::showDecimals, true);
 }
+void DesktopApp::togglePrecise() {
+    toggle(settings_.preciseAnalysis, menu_.items().preciseItem, settingsKey::preciseAnalysis, false);
+    follower_.setAnalysis(fileAnalysis());
+}
+FileAnalysis::Analysis DesktopApp::fileAnalysis() const {
+    return settings_.preciseAnalysis ? FileAnalysis::Analysis::precise : FileAnalysis::Analysis::specified;
+}
 void DesktopApp::toggleCompact() {
     toggle(settings_.compact, menu_.items().compactItem, settingsKey::compactBar, true);
 }

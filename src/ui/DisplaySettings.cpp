@@ -30,6 +30,7 @@ DisplaySettings DisplaySettings::read(const QSettings& s) {
             s.value(QLatin1String(settingsKey::relativePreference)).toString().toStdString())
             .value_or(KeyEstimate::RelativePreference::both);
     d.showDecimals = flag(settingsKey::showDecimals, false);
+    d.preciseAnalysis = flag(settingsKey::preciseAnalysis, false);
     d.compact = flag(settingsKey::compactBar, false);
     d.followPlayer = flag(settingsKey::followPlayer, true);
     d.floatBar = flag(settingsKey::floatBar, true);

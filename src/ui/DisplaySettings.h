@@ -24,6 +24,7 @@ inline constexpr const char* showDecimals = "showDecimals";
 inline constexpr const char* compactBar = "compactBar";
 inline constexpr const char* followPlayer = "followPlayer";
 inline constexpr const char* floatBar = "floatBar";
+inline constexpr const char* preciseAnalysis = "preciseAnalysis";
 inline constexpr const char* barPositionGroup = "barPosition";
 }  // namespace settingsKey
 
@@ -31,10 +32,11 @@ struct DisplaySettings {
     bool useCamelot = false;  // keys in Camelot notation
     bool showNotes = true;    // the note-strength line in the menu
     KeyEstimate::RelativePreference relativePreference = KeyEstimate::RelativePreference::both;
-    bool showDecimals = false;  // BPM with one decimal
-    bool compact = false;       // two-line bar
-    bool followPlayer = true;   // the playing file's reading stands in for the live one
-    bool floatBar = true;       // the bar is shown (else only the tray carries the reading)
+    bool showDecimals = false;     // BPM with one decimal
+    bool compact = false;          // two-line bar
+    bool followPlayer = true;      // the playing file's reading stands in for the live one
+    bool floatBar = true;          // the bar is shown (else only the tray carries the reading)
+    bool preciseAnalysis = false;  // dropped, picked and followed files get the precise analysis
 
     static DisplaySettings read(const QSettings& settings);
 };

@@ -89,7 +89,9 @@ void DropCoordinator::analyzeDropped(const QUrl& url) {
         shelf_.scheduleHide(afterResult);
         if (onAnalyzed) onAnalyzed(name, outcome.result);
     };
-    startFileJob(this, path, range ? range() : TempoRange::Auto, analyzer, std::move(callbacks));
+    const auto chosen = analysis ? analysis() : FileAnalysis::Analysis::specified;
+    startFileJob(this, path, range ? range() : TempoRange::Auto, withAnalysis(analyzer, chosen),
+                 std::move(callbacks));
 }
 
 std::optional<QRect> DropCoordinator::knownItemFrame() const {

@@ -31,6 +31,8 @@ class DropCoordinator : public QObject {
     std::function<QRect()> barFrame;
     std::function<TempoRange()> range;
     FileAnalyzer analyzer = analyzeAudioFile;
+    // Which analysis a dropped file gets (the live engine's when unset).
+    std::function<FileAnalysis::Analysis()> analysis;
     // A dropped file's analysis started; the shelf then stays up until its result has shown.
     std::function<void(const QString& name)> onWorking;
     // The shelf's result lines for a file's result.

@@ -28,6 +28,15 @@ FileAnalysisResult analyzeAudioFile(const std::string& path, TempoRange range,
     return FileAnalysis::analyzeFile(path, range, control);
 }
 
+FileAnalyzer withAnalysis(FileAnalyzer analyzer, FileAnalysis::Analysis analysis) {
+    return [analyzer = std::move(analyzer), analysis](const std::string& path, TempoRange range,
+                                                      const FileJobControl& control) {
+        FileJobControl chosen = control;
+        chosen.analysis = analysis;
+        return analyzer(path, range, chosen);
+    };
+}
+
 std::shared_ptr<std::stop_source> startFileJob(QObject* context, const QString& path, TempoRange range,
                                                FileAnalyzer analyzer, FileJobCallbacks callbacks) {
     auto stop = std::make_shared<std::stop_source>();

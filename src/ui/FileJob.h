@@ -29,6 +29,9 @@ using FileAnalyzer = std::function<FileAnalysisResult(const std::string& path, T
 // The one call into the file analysis.
 FileAnalysisResult analyzeAudioFile(const std::string& path, TempoRange range, const FileJobControl& control);
 
+// `analyzer` run with the given analysis, whatever its caller asked for.
+FileAnalyzer withAnalysis(FileAnalyzer analyzer, FileAnalysis::Analysis analysis);
+
 struct FileJobOutcome {
     std::optional<FileAnalysisResult> result;
     QString error;  // why there is no result

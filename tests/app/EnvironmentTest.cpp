@@ -3,6 +3,7 @@
 #include <clocale>
 #include <cmath>
 #include <cstdlib>
+#include <string_view>
 
 #include "Environment.h"
 #include "Format.h"
@@ -32,6 +33,11 @@ TEST(Environment, NumbersAreTheWholeTextInTheCLocale) {
 TEST(Environment, OverridesFillTheParametersUnderEitherPrefix) {
     const auto defaults = Environment::read();
     EXPECT_FALSE(defaults.debug);
+    EXPECT_FALSE(defaults.preciseAnalysis);
+    for (const char* value : {"precise", "Precise", "specified", ""}) {
+        ScopedEnv analysis("VELQUIN_ANALYSIS", value);
+        EXPECT_EQ(Environment::read().preciseAnalysis, std::string_view(value) == "precise") << value;
+    }
     EXPECT_FALSE(defaults.parameters.key.onDebug);
     {
         ScopedEnv harm("VELQUIN_EXP_HARM", "1,x,,0.5");

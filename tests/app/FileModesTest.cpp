@@ -126,6 +126,27 @@ TEST(FileModes, OutputsReplaceOnlyOrdinaryFilesAndWritesAreChecked) {
     }
 }
 
+TEST(FileModes, PreciseAnalysisOnlyWhenTheSwitchSaysSo) {
+    test::TempDir dir;
+    auto beat = test::clickTrain(100, 44100, 12);
+    test::mixInto(beat, test::progression({{60, 64, 67}, {65, 69, 72}, {67, 71, 74}}, 44100, 12), 0.5f);
+    test::writeWav(dir / "beat.wav", {beat}, 44100);
+    const ProgramRun plain = runVelquin("--analyze beat.wav", dir);
+    const ProgramRun precise = runVelquin("--analyze beat.wav", dir, "", "VELQUIN_ANALYSIS=precise");
+    ASSERT_EQ(plain.exitCode, 0);
+    ASSERT_EQ(precise.exitCode, 0);
+    EXPECT_NE(plain.out, precise.out);  // its own confidences, at least
+    EXPECT_NE(precise.out.find("BPM ("), std::string::npos);
+    EXPECT_NE(precise.out.find("beat.wav\n"), std::string::npos);
+    for (const char* other :
+         {"VELQUIN_ANALYSIS=Precise", "VELQUIN_ANALYSIS=specified", "TESSARO_ANALYSIS=precise"})
+        EXPECT_EQ(runVelquin("--analyze beat.wav", dir, "", other).out, plain.out) << other;
+    // The other modes are the live engine's whatever the switch.
+    EXPECT_EQ(runVelquin("--timeline beat.wav", dir, "", "VELQUIN_ANALYSIS=precise").out,
+              runVelquin("--timeline beat.wav", dir).out);
+    EXPECT_EQ(runVelquin("--analyze missing.wav", dir, "", "VELQUIN_ANALYSIS=precise").exitCode, 1);
+}
+
 // Start-up: a terminal without a display gets a sentence, not an abort; --help needs no display.
 TEST(FileModes, HelpAndMissingDisplay) {
     test::TempDir dir;

@@ -36,6 +36,37 @@ TEST(FileAnalysis, StreamingMatchesOneWholeAnalysisAndNeedsAFile) {
                  velquin::AudioFileError);
 }
 
+TEST(FileAnalysis, PreciseAnalysisIsItsOwnAndLeavesTheOtherAlone) {
+    test::TempDir dir;
+    auto music = test::clickTrain(96, 44100, 20);
+    test::mixInto(
+        music, test::progression({{62, 66, 69}, {67, 71, 74}, {69, 73, 76}, {62, 66, 69}}, 44100, 20), 0.5f);
+    test::writeWav(dir / "d.wav", {music, music}, 44100, true);
+    const std::string path = (dir / "d.wav").string();
+    const auto before = FileAnalysis::analyzeFile(path, TempoRange::Auto);
+    FileAnalysis::FileAnalysisOptions precise;
+    precise.analysis = FileAnalysis::Analysis::precise;
+    const auto threaded = FileAnalysis::analyzeFile(path, TempoRange::Auto, precise);
+    precise.execution = FileAnalysis::Execution::sequential;
+    const auto sequential = FileAnalysis::analyzeFile(path, TempoRange::Auto, precise);
+    const auto after = FileAnalysis::analyzeFile(path, TempoRange::Auto);
+
+    EXPECT_NEAR(threaded.tempo.bpm, 96, 2);
+    ASSERT_TRUE(threaded.key.key);
+    EXPECT_EQ(*threaded.key.key, (velquin::MusicalKey{2, false}));
+    EXPECT_NEAR(threaded.durationSeconds, 20, 0.01);
+    EXPECT_EQ(threaded.tempo.bpm, sequential.tempo.bpm);
+    EXPECT_EQ(threaded.tempo.confidence, sequential.tempo.confidence);
+    EXPECT_EQ(threaded.key.confidence, sequential.key.confidence);
+    // The default analysis gives the same bits before and after.
+    EXPECT_EQ(before.tempo.bpm, after.tempo.bpm);
+    EXPECT_EQ(before.key.confidence, after.key.confidence);
+
+    EXPECT_EQ(FileAnalysis::rawValue(FileAnalysis::Analysis::precise), "precise");
+    EXPECT_EQ(FileAnalysis::analysisFromRaw("specified"), FileAnalysis::Analysis::specified);
+    EXPECT_FALSE(FileAnalysis::analysisFromRaw("Precise"));
+}
+
 TEST(FileAnalysis, ThreadedAndSequentialAgreeBitForBit) {
     test::TempDir dir;
     auto song = test::clickTrain(120, 48000, 20);

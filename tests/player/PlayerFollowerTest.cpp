@@ -70,14 +70,14 @@ struct Rig {
         static int serial = 0;
         auto bus =
             QDBusConnection::connectToBus(test::privateBusAddress(), QString("follower-%1").arg(++serial));
-        follower =
-            std::make_unique<PlayerFollower>(bus, cache, [this](auto& path, TempoRange range, auto stop) {
+        follower = std::make_unique<PlayerFollower>(
+            bus, cache, [this](auto& path, TempoRange range, auto analysis, auto stop) {
                 ++analyses;
                 if (std::this_thread::get_id() == interfaceThread) ++onInterfaceThread;
                 const int now = ++running;
                 for (int seen = mostAtOnce; now > seen && !mostAtOnce.compare_exchange_weak(seen, now);) {
                 }
-                auto result = analyzeTrackFile(path, range, stop);
+                auto result = analyzeTrackFile(path, range, analysis, stop);
                 --running;
                 return result;
             });

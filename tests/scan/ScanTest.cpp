@@ -12,6 +12,7 @@
 #include <filesystem>
 
 #include "AnalysisCache.h"
+#include "ScanAnalysis.h"
 #include "ScanOptions.h"
 #include "ScanOutput.h"
 #include "TagWriter.h"
@@ -115,26 +116,47 @@ TEST(AnalysisCache, FindsAnEntryOnlyWhenEveryPartOfTheKeyMatches) {
     for (size_t i = 0; i < changed.size(); ++i) EXPECT_FALSE(cache.lookup(changed[i])) << "change " << i;
 }
 
+TEST(AnalysisCache, ThePreciseAnalysisKeepsItsOwnEntries) {
+    test::TempDir dir;
+    EXPECT_EQ(cacheRange(TempoRange::Auto, FileAnalysis::Analysis::specified), "auto");
+    EXPECT_EQ(cacheRange(TempoRange::fast, FileAnalysis::Analysis::precise), "fast/precise");
+    AnalysisCache cache(dir / "scan.sqlite");
+    const AnalysisCache::Key specified{"/music/a.flac", 1000, 123456789, 1, "auto"};
+    AnalysisCache::Key precise = specified;
+    precise.range = cacheRange(TempoRange::Auto, FileAnalysis::Analysis::precise);
+    AnalysisCache::Entry a, b;
+    a.tempo.bpm = 120;
+    b.tempo.bpm = 180;
+    cache.store(specified, a);
+    EXPECT_FALSE(cache.lookup(precise));
+    cache.store(precise, b);
+    ASSERT_TRUE(cache.lookup(specified) && cache.lookup(precise));
+    EXPECT_EQ(cache.lookup(specified)->tempo.bpm, 120);
+    EXPECT_EQ(cache.lookup(precise)->tempo.bpm, 180);
+}
+
 TEST(ScanOutput, CsvAndJsonRowsEscapeOddPaths) {
     ScanRow ok{"dir/x.mp3", AnalysisCache::Entry{}, ""};
     ok.result->tempo = {128, 0.5, 0};
     ok.result->key.key = MusicalKey{3, true};
     ok.result->key.confidence = 0.25;
     ok.result->durationSeconds = 5;
-    const ScanRow failed{"a,\"b\"\x01\xff.wav", std::nullopt, "Invalid data found when processing input"};
+    ScanRow failed{"a,\"b\"\x01\xff.wav", std::nullopt, "Invalid data found when processing input"};
+    failed.analysis = FileAnalysis::Analysis::precise;
 
-    EXPECT_EQ(rowLine(OutputFormat::csv, ok), "dir/x.mp3,128.00,0.500,E♭m,2A,0.250,,0.0,5.000,");
+    EXPECT_EQ(rowLine(OutputFormat::csv, ok), "dir/x.mp3,128.00,0.500,E♭m,2A,0.250,,0.0,5.000,,specified");
     EXPECT_EQ(rowLine(OutputFormat::csv, failed),
-              "\"a,\"\"b\"\"\x01\xff.wav\",,,,,,,,,Invalid data found when processing input");
+              "\"a,\"\"b\"\"\x01\xff.wav\",,,,,,,,,Invalid data found when processing input,precise");
     EXPECT_EQ(
         rowLine(OutputFormat::json, ok),
         R"({"path":"dir/x.mp3","bpm":128.00,"bpm_confidence":0.500,"key":"E♭m","camelot":"2A",)"
-        R"("key_confidence":0.250,"alternative":null,"tuning_cents":0.0,"duration_s":5.000,"error":null})");
+        R"("key_confidence":0.250,"alternative":null,"tuning_cents":0.0,"duration_s":5.000,"error":null,)"
+        R"("analysis":"specified"})");
     EXPECT_EQ(
         rowLine(OutputFormat::json, failed),
         R"({"path":"a,\"b\"\u0001\ufffd.wav","bpm":null,"bpm_confidence":null,"key":null,"camelot":null,)"
         R"("key_confidence":null,"alternative":null,"tuning_cents":null,"duration_s":null,)"
-        R"("error":"Invalid data found when processing input"})");
+        R"("error":"Invalid data found when processing input","analysis":"precise"})");
 }
 
 TEST(ScanOutput, ShownTextEscapesWhatATerminalWouldActOn) {
@@ -151,13 +173,15 @@ TEST(ScanOutput, ShownTextEscapesWhatATerminalWouldActOn) {
 
 TEST(ScanOptions, ParsesOrNamesTheUsageError) {
     const auto ok = parseOptions({"--jobs=3", "--range", "fast", "--format", "json", "--write-tags",
-                                  "--key-notation", "camelot", "--", "--odd-name.mp3"},
+                                  "--key-notation", "camelot", "--analysis=precise", "--", "--odd-name.mp3"},
                                  2, true);
     ASSERT_TRUE(ok.options) << ok.error;
     EXPECT_EQ(ok.options->jobs, 3);
     EXPECT_EQ(ok.options->range, TempoRange::fast);
     EXPECT_EQ(ok.options->format, OutputFormat::json);
     EXPECT_TRUE(ok.options->writeTags && ok.options->camelotTags);
+    EXPECT_EQ(ok.options->analysis, FileAnalysis::Analysis::precise);
+    EXPECT_EQ(parseOptions({"x"}, 2, false).options->analysis, FileAnalysis::Analysis::specified);
     EXPECT_EQ(ok.options->paths, std::vector<std::string>{"--odd-name.mp3"});
     EXPECT_EQ(parseOptions({"x"}, 2, false).options->format, OutputFormat::csv);
     EXPECT_TRUE(parseOptions({"--version"}, 2, false).options->version) << "needs no path";
@@ -166,6 +190,7 @@ TEST(ScanOptions, ParsesOrNamesTheUsageError) {
                                                                  {"--jobs"},
                                                                  {"--range", "Fast", "x"},
                                                                  {"--format", "xml", "x"},
+                                                                 {"--analysis", "Precise", "x"},
                                                                  {"--key-notation", "open", "x"},
                                                                  {"--frobnicate", "x"},
                                                                  {"--force=1", "x"}})

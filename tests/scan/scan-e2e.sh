@@ -58,7 +58,7 @@ done <<<"$all"
 
 # CSV and JSON Lines carry the same files; JSON numbers are numbers and absent values null.
 "$SCAN" --format csv lib >rows.csv 2>/dev/null || true
-[ "$(head -1 rows.csv)" = "path,bpm,bpm_confidence,key,camelot,key_confidence,alternative,tuning_cents,duration_s,error" ] ||
+[ "$(head -1 rows.csv)" = "path,bpm,bpm_confidence,key,camelot,key_confidence,alternative,tuning_cents,duration_s,error,analysis" ] ||
     fail "csv header"
 [ "$(tail -n +2 rows.csv | cut -d, -f1)" = "$all" ] || fail "csv rows"
 "$SCAN" --format json lib 2>/dev/null >rows.json || true

@@ -15,6 +15,7 @@
 #include <atomic>
 #include <chrono>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -449,6 +450,39 @@ TEST_F(DesktopAppTest, ADropKeepsItsShelfAndWorkingStateUntilTheResult) {
     ASSERT_TRUE(test::waitUntil([&] { return app->fileResult().has_value(); }, 5000));
     EXPECT_EQ(view().keyText, "Am");
     EXPECT_EQ(app->drops().shelf().pendingHideSeconds(), 4.0);
+}
+
+TEST_F(DesktopAppTest, PreciseFileAnalysisReachesDroppedAndPickedFilesAndIsRemembered) {
+    launch();
+    EXPECT_FALSE(items().preciseItem->isChecked());
+    std::mutex mutex;
+    std::vector<FileAnalysis::Analysis> asked;
+    app->drops().analyzer = [&](const std::string&, TempoRange, const FileJobControl& control) {
+        std::lock_guard lock(mutex);
+        asked.push_back(control.analysis);
+        return FileAnalysisResult{{120, 0.9, 0}, keyOf(9, true, 0.8)};
+    };
+    const auto askedCount = [&] {
+        std::lock_guard lock(mutex);
+        return asked.size();
+    };
+    app->drops().analyzeDropped(QUrl::fromLocalFile("/music/a.mp3"));
+    ASSERT_TRUE(test::waitUntil([&] { return askedCount() == 1; }, 5000));
+    app->togglePrecise();
+    EXPECT_TRUE(items().preciseItem->isChecked());
+    app->drops().analyzeDropped(QUrl::fromLocalFile("/music/b.mp3"));
+    ASSERT_TRUE(test::waitUntil([&] { return askedCount() == 2; }, 5000));
+    chosenFile = "/music/c.flac";
+    app->analyzeFile();
+    ASSERT_TRUE(test::waitUntil([&] { return askedCount() == 3; }, 5000));
+    {
+        std::lock_guard lock(mutex);
+        EXPECT_EQ(asked, (std::vector<FileAnalysis::Analysis>{FileAnalysis::Analysis::specified,
+                                                              FileAnalysis::Analysis::precise,
+                                                              FileAnalysis::Analysis::precise}));
+    }
+    launch();
+    EXPECT_TRUE(items().preciseItem->isChecked());
 }
 
 TEST_F(DesktopAppTest, MenuAnalysisShowsProgressAndCancelsQuickly) {

@@ -1,0 +1,203 @@
+#include "PreciseTempo.h"
+
+#include <algorithm>
+#include <cmath>
+#include <numbers>
+
+namespace velquin {
+
+namespace {
+
+// The novelty's rises over its centred moving average of 2·half + 1 frames (shortened at the ends).
+std::vector<double> detrended(std::span<const float> x, size_t half) {
+    const size_t n = x.size();
+    std::vector<double> prefix(n + 1, 0.0);
+    for (size_t i = 0; i < n; ++i) prefix[i + 1] = prefix[i] + x[i];
+    std::vector<double> out(n);
+    for (size_t i = 0; i < n; ++i) {
+        const size_t lo = i >= half ? i - half : 0;
+        const size_t hi = std::min(n, i + half + 1);
+        const double mean = (prefix[hi] - prefix[lo]) / static_cast<double>(hi - lo);
+        out[i] = std::max(0.0, x[i] - mean);
+    }
+    return out;
+}
+
+// The autocorrelation tempogram: each window's autocorrelation at every lag (0 … window − 1), relative
+// to the window's energy, averaged over the windows. Its cosine transform is the Fourier tempogram
+// (the power spectrum of a window is the transform of its autocorrelation), so one array holds both.
+std::vector<double> autocorrelogram(std::span<const double> d, size_t window, size_t hop) {
+    std::vector<double> acf(window, 0.0);
+    std::vector<double> taper(window);
+    for (size_t i = 0; i < window; ++i)
+        taper[i] = 0.5 - 0.5 * std::cos(2.0 * std::numbers::pi * static_cast<double>(i) /
+                                        static_cast<double>(window - 1));
+    std::vector<double> seg(window), reversed(window), sums(window);
+    size_t used = 0;
+    for (size_t start = 0; start + window <= d.size(); start += hop) {
+        double mean = 0;
+        for (size_t i = 0; i < window; ++i) mean += d[start + i];
+        mean /= static_cast<double>(window);
+        double energy = 0;
+        for (size_t i = 0; i < window; ++i) {
+            seg[i] = (d[start + i] - mean) * taper[i];
+            energy += seg[i] * seg[i];
+        }
+        if (!(energy > 1e-12)) continue;
+        ++used;
+        // sums[lag] = Σ seg[i]·seg[i − lag], accumulated over i so that the inner loop runs along the lags
+        // (and vectorises); reversed[window − 1 − i + lag] is seg[i − lag].
+        for (size_t i = 0; i < window; ++i) reversed[window - 1 - i] = seg[i];
+        std::fill(sums.begin(), sums.end(), 0.0);
+        for (size_t i = 0; i < window; ++i) {
+            const double x = seg[i];
+            const double* back = reversed.data() + (window - 1 - i);
+            for (size_t lag = 0; lag <= i; ++lag) sums[lag] += x * back[lag];
+        }
+        for (size_t lag = 0; lag < window; ++lag) acf[lag] += sums[lag] / energy;
+    }
+    if (used > 0)
+        for (double& v : acf) v /= static_cast<double>(used);
+    return acf;
+}
+
+// The Fourier tempogram at `bpm` from the autocorrelogram: r(0) + 2·Σ r(l)·cos(ω·l).
+double fourierAt(std::span<const double> acf, double bpm, double fps) {
+    const double w = 2.0 * std::numbers::pi * bpm / 60.0 / fps;
+    const double twoCos = 2.0 * std::cos(w);
+    double previous = 1.0, current = std::cos(w);  // cos(0·w), cos(1·w), then by recurrence
+    double sum = acf[0];
+    for (size_t l = 1; l < acf.size(); ++l) {
+        sum += 2.0 * acf[l] * current;
+        const double next = twoCos * current - previous;
+        previous = current;
+        current = next;
+    }
+    return sum;
+}
+
+// How strongly the novelty recurs half a period after its strongest phase, folded at `period` frames:
+// log of the half-period peak over the main one (0: as strong, very negative: nothing there).
+double halfPeriodContrast(std::span<const double> d, double period) {
+    const auto bins = static_cast<size_t>(std::max(4L, std::lround(period)));
+    std::vector<double> sum(bins, 0.0), count(bins, 0.0);
+    for (size_t k = 0; k < d.size(); ++k) {
+        const auto bin = static_cast<size_t>(std::floor(std::fmod(static_cast<double>(k), period))) % bins;
+        sum[bin] += d[k];
+        count[bin] += 1;
+    }
+    std::vector<double> profile(bins);
+    for (size_t i = 0; i < bins; ++i) {
+        const auto mean = [&](size_t j) { return count[j] > 0 ? sum[j] / count[j] : 0.0; };
+        profile[i] = (mean((i + bins - 1) % bins) + mean(i) + mean((i + 1) % bins)) / 3;
+    }
+    const size_t peak =
+        static_cast<size_t>(std::max_element(profile.begin(), profile.end()) - profile.begin());
+    const size_t opposite = (peak + bins / 2) % bins;
+    double half = 0;
+    for (size_t j = 0; j < 5; ++j) half = std::max(half, profile[(opposite + bins - 2 + j) % bins]);
+    return std::log((half + 1e-9) / (profile[peak] + 1e-9));
+}
+
+double interpolate(std::span<const double> values, double at) {
+    if (at < 0) return values.front();
+    const auto i = static_cast<size_t>(at);
+    if (i + 1 >= values.size()) return values.back();
+    const double f = at - static_cast<double>(i);
+    return (1.0 - f) * values[i] + f * values[i + 1];
+}
+
+}  // namespace
+
+PreciseTempoAnalyzer::PreciseTempoAnalyzer(double sampleRate, Parameters parameters)
+    : p_(std::move(parameters)), novelty_(sampleRate, p_.novelty) {}
+
+TempoEstimate PreciseTempoAnalyzer::estimate(BPMBounds bounds) const {
+    const double level = std::sqrt(novelty_.meanSquare());
+    if (level <= p_.silenceFloor) return {0, 0, level};
+    const Registers registers{novelty_.curve(OnsetNovelty::low), novelty_.curve(OnsetNovelty::mid),
+                              novelty_.curve(OnsetNovelty::high)};
+    TempoEstimate result = decide(registers, novelty_.framesPerSecond(), bounds, p_);
+    result.level = level;
+    return result;
+}
+
+TempoEstimate PreciseTempoAnalyzer::decide(const Registers& novelty, double fps, BPMBounds bounds,
+                                           const Parameters& p) {
+    const size_t n = novelty[0].size();
+    if (static_cast<double>(n) < 3.0 * fps || !(bounds.lower > 0) || !(bounds.upper > bounds.lower))
+        return {};
+    for (const auto& curve : novelty)
+        if (curve.size() != n) return {};
+    const size_t window = std::min(n, static_cast<size_t>(p.windowSeconds * fps));
+    const size_t hop = std::max<size_t>(1, static_cast<size_t>(p.windowHopSeconds * fps));
+
+    std::vector<double> grid;
+    const double step = std::exp2(1.0 / p.gridStepsPerOctave);
+    for (double bpm = bounds.lower; bpm <= bounds.upper * (1 + 1e-9); bpm *= step) grid.push_back(bpm);
+    const size_t combSize = std::min(p.combWeights.size(), p.combMultiples.size());
+    double longest = 1.0;
+    for (size_t k = 0; k < combSize; ++k) longest = std::max(longest, p.combMultiples[k]);
+    const auto maxLag =
+        std::min(window - 1, static_cast<size_t>(std::ceil(longest * fps * 60.0 / bounds.lower)) + 1);
+    // The whole novelty first, then each register's.
+    std::vector<float> whole(n, 0.0f);
+    for (const auto& curve : novelty)
+        for (size_t i = 0; i < n; ++i) whole[i] += curve[i];
+    const size_t half = static_cast<size_t>(p.detrendSeconds * fps / 2);
+    std::vector<double> acf(window, 0.0);
+    for (size_t r = 0; r < p.registerWeights.size(); ++r) {
+        const double weight = p.registerWeights[r];
+        if (weight == 0) continue;
+        const std::vector<double> d =
+            detrended(r == 0 ? std::span<const float>(whole) : novelty[r - 1], half);
+        const std::vector<double> part = autocorrelogram(d, window, hop);
+        for (size_t i = 0; i < acf.size(); ++i) acf[i] += weight * part[i];
+    }
+
+    std::vector<double> score(grid.size());
+    for (size_t g = 0; g < grid.size(); ++g) {
+        const double lag = fps * 60.0 / grid[g];
+        double comb = 0, weights = 0;
+        for (size_t k = 0; k < combSize; ++k) {
+            const double at = p.combMultiples[k] * lag;
+            if (at > static_cast<double>(maxLag)) continue;
+            comb += p.combWeights[k] * interpolate(acf, at);
+            weights += p.combWeights[k];
+        }
+        comb = weights > 0 ? comb / weights : 0;
+        const double x = std::log2(grid[g] / p.priorCentreBpm) / p.priorWidthOctaves;
+        score[g] = std::log(std::max(comb, 1e-9)) +
+                   p.fourierExponent * std::log(std::max(fourierAt(acf, grid[g], fps), 1e-12)) - 0.5 * x * x;
+    }
+    const size_t best = static_cast<size_t>(std::max_element(score.begin(), score.end()) - score.begin());
+    // A parabola through the peak and its neighbours places the tempo between grid steps.
+    double offset = 0;
+    if (best > 0 && best + 1 < grid.size()) {
+        const double a = score[best - 1], b = score[best], c = score[best + 1];
+        const double curvature = a - 2 * b + c;
+        if (curvature < 0) offset = std::clamp(0.5 * (a - c) / curvature, -0.5, 0.5);
+    }
+    double bpm = grid[best] * std::pow(step, offset);
+    // The octave: between the slower and the faster of the winner's octave pair, the faster is the beat
+    // when the mid register (snare, chords) recurs half a slow period after its strongest phase.
+    const double slow = bpm / 2 >= bounds.lower ? bpm / 2 : bpm;
+    if (2 * slow <= bounds.upper) {
+        const std::vector<double> mid = detrended(novelty[OnsetNovelty::mid], half);
+        const double z = p.octaveBias + p.octaveTempoWeight * std::log2(slow / p.priorCentreBpm) +
+                         p.octaveHalfBeatWeight * halfPeriodContrast(mid, fps * 60.0 / slow);
+        bpm = z > 0 ? 2 * slow : slow;
+    }
+    size_t at = 0;
+    for (size_t g = 1; g < grid.size(); ++g)
+        if (std::abs(std::log(grid[g] / bpm)) < std::abs(std::log(grid[at] / bpm))) at = g;
+    double rival = -1e300;
+    for (size_t g = 0; g < grid.size(); ++g)
+        if (std::abs(grid[g] / bpm - 1.0) > 0.04) rival = std::max(rival, score[g]);
+    const double margin = rival > -1e300 ? score[at] - rival : 10.0;
+    const double confidence = 1.0 / (1.0 + std::exp(-(p.confidenceOffset + p.confidenceSlope * margin)));
+    if (!std::isfinite(bpm)) return {};
+    return {bpm, confidence, 0};
+}
+
+}  // namespace velquin

@@ -1,0 +1,220 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdint>
+#include <numbers>
+#include <vector>
+
+#include "KeyAnalyzer.h"
+#include "OnsetNovelty.h"
+#include "PreciseKey.h"
+#include "PreciseTempo.h"
+#include "TestSupport.h"
+
+using velquin::BPMBounds;
+using velquin::KeyAnalyzer;
+using velquin::KeyEstimate;
+using velquin::MusicalKey;
+using velquin::OnsetNovelty;
+using velquin::PreciseTempoAnalyzer;
+using velquin::TempoEstimate;
+
+namespace {
+
+constexpr BPMBounds autoRange{60, 200};
+
+// A drum kit from first principles: a kick (pitch-falling sine), a snare (noise with a 200 Hz body) and
+// a closed hi-hat (short bright noise), each a decaying burst at `at` seconds.
+class Kit {
+  public:
+    Kit(double sampleRate, double seconds)
+        : rate_(sampleRate), out_(static_cast<size_t>(seconds * sampleRate), 0.0f) {}
+
+    void kick(double at) {
+        burst(at, 0.25, 0.9, [&](double t) {
+            return std::sin(2 * std::numbers::pi * (50 * t + 60 * (1 - std::exp(-t / 0.03)) * 0.03));
+        });
+    }
+    void snare(double at) {
+        burst(at, 0.15, 0.6,
+              [&](double t) { return 0.5 * std::sin(2 * std::numbers::pi * 200 * t) + noise(); });
+    }
+    void hat(double at) {
+        burst(at, 0.04, 0.25, [&](double) { return noise() - previous_; });
+    }
+    std::vector<float>& samples() { return out_; }
+
+  private:
+    template <typename Wave>
+    void burst(double at, double decaySeconds, double gain, Wave wave) {
+        const auto start = static_cast<size_t>(std::llround(at * rate_));
+        const auto length = static_cast<size_t>(5 * decaySeconds * rate_);
+        for (size_t i = 0; i < length && start + i < out_.size(); ++i) {
+            const double t = static_cast<double>(i) / rate_;
+            out_[start + i] += static_cast<float>(gain * std::exp(-t / decaySeconds) * wave(t));
+        }
+    }
+    // Deterministic white noise in −1 … 1.
+    double noise() {
+        state_ = state_ * 6364136223846793005ULL + 1442695040888963407ULL;
+        previous_ = static_cast<double>(state_ >> 11) / static_cast<double>(1ULL << 53) * 2 - 1;
+        return previous_;
+    }
+
+    double rate_;
+    std::vector<float> out_;
+    uint64_t state_ = 42;
+    double previous_ = 0;
+};
+
+// A rock beat: kick on 1 and 3, snare on 2 and 4, hi-hat on every eighth.
+std::vector<float> rockBeat(double bpm, double sampleRate, double seconds) {
+    Kit kit(sampleRate, seconds);
+    const double beat = 60.0 / bpm;
+    for (int64_t i = 0; static_cast<double>(i) * beat < seconds; ++i) {
+        const double t = static_cast<double>(i) * beat;
+        if (i % 2 == 0)
+            kit.kick(t);
+        else
+            kit.snare(t);
+        kit.hat(t);
+        kit.hat(t + beat / 2);
+    }
+    return kit.samples();
+}
+
+TempoEstimate preciseTempo(const std::vector<float>& samples, double sampleRate) {
+    PreciseTempoAnalyzer analyzer(sampleRate);
+    for (size_t i = 0; i < samples.size(); i += 16384)
+        analyzer.append(std::span(samples).subspan(i, std::min<size_t>(16384, samples.size() - i)));
+    return analyzer.estimate(autoRange);
+}
+
+bool within(double estimate, double reference, double tolerance = 0.02) {
+    return std::abs(estimate - reference) <= tolerance * reference;
+}
+
+TEST(PreciseTempo, ReadsDrumPatternsAtTheBeatOrHalfOfItNeverADottedBeat) {
+    // Up to the prior's centre the beat itself; above it a fast beat whose kick falls every other beat
+    // may be read at half (an octave, which listeners also tap), but never at ⅔ or 4/3, the dotted-beat
+    // readings that fast produced music drew from the live engine.
+    for (double bpm : {72.0, 96.0, 128.0, 150.0, 174.0, 190.0}) {
+        const TempoEstimate e = preciseTempo(rockBeat(bpm, 44100, 30), 44100);
+        if (bpm < 130)
+            EXPECT_TRUE(within(e.bpm, bpm)) << bpm << " BPM read as " << e.bpm;
+        else
+            EXPECT_TRUE(within(e.bpm, bpm) || within(e.bpm, bpm / 2)) << bpm << " BPM read as " << e.bpm;
+        EXPECT_FALSE(within(e.bpm, bpm * 2 / 3, 0.04) || within(e.bpm, bpm * 4 / 3, 0.04)) << bpm;
+        EXPECT_GT(e.confidence, 0.5) << bpm;
+        EXPECT_LE(e.confidence, 1.0) << bpm;
+    }
+}
+
+TEST(PreciseTempo, ClickTracksAreReadAtTheirTempoOrAnOctaveAndRateDoesNotMatter) {
+    for (double bpm : {60.0, 100.0, 140.0, 180.0}) {
+        for (double rate : {44100.0, 48000.0}) {
+            const double read = preciseTempo(velquin::test::clickTrain(bpm, rate, 20), rate).bpm;
+            EXPECT_TRUE(within(read, bpm) || within(read, 2 * bpm) || within(read, bpm / 2))
+                << bpm << " BPM at " << rate << " Hz read as " << read;
+        }
+    }
+    // A uniform click has no stronger beat than its own: the mid-range answer.
+    EXPECT_TRUE(within(preciseTempo(velquin::test::clickTrain(120, 44100, 20), 44100).bpm, 120));
+}
+
+TEST(PreciseTempo, NoTempoFromSilenceOrTooLittleAudio) {
+    EXPECT_EQ(preciseTempo(std::vector<float>(44100 * 10, 0.0f), 44100).bpm, 0);
+    EXPECT_EQ(preciseTempo(rockBeat(120, 44100, 2), 44100).bpm, 0);
+    EXPECT_EQ(preciseTempo({}, 44100).bpm, 0);
+    // A range that excludes nothing sensible still answers inside it.
+    PreciseTempoAnalyzer analyzer(44100);
+    const auto beat = rockBeat(120, 44100, 20);
+    analyzer.append(beat);
+    const double slow = analyzer.estimate({40, 90}).bpm;
+    EXPECT_TRUE(within(slow, 60)) << slow;
+}
+
+TEST(OnsetNovelty, KeepsABoundedCurveOfOneValuePerHopInEachRegister) {
+    velquin::OnsetNoveltyParameters p;
+    p.keptSeconds = 5;
+    OnsetNovelty novelty(44100, p);
+    const auto beat = rockBeat(120, 44100, 12);
+    for (size_t i = 0; i < beat.size(); i += 4096)
+        novelty.append(std::span(beat).subspan(i, std::min<size_t>(4096, beat.size() - i)));
+    EXPECT_NEAR(novelty.framesPerSecond(), 100, 0.3);
+    EXPECT_NEAR(static_cast<double>(novelty.framesSeen()), 12 * 100, 10);
+    for (auto r : {OnsetNovelty::low, OnsetNovelty::mid, OnsetNovelty::high})
+        EXPECT_EQ(novelty.curve(r).size(), 500u);
+    // Kicks land in the low register, hi-hats in the high one: both curves peak on the beat grid.
+    const auto low = novelty.curve(OnsetNovelty::low);
+    const auto high = novelty.curve(OnsetNovelty::high);
+    double lowMax = 0, highMax = 0;
+    for (float v : low) lowMax = std::max(lowMax, double(v));
+    for (float v : high) highMax = std::max(highMax, double(v));
+    EXPECT_GT(lowMax, 1.0);
+    EXPECT_GT(highMax, 1.0);
+}
+
+KeyEstimate preciseKey(const std::vector<float>& samples, double sampleRate = 44100) {
+    KeyAnalyzer analyzer(sampleRate, true);
+    analyzer.dumpFrames = true;
+    analyzer.append(samples);
+    const KeyEstimate base = analyzer.decide(std::numeric_limits<double>::infinity());
+    return velquin::PreciseKey::decide(analyzer.dumped(), base);
+}
+
+TEST(PreciseKey, CadencesScalesAndDetunedPlayingName) {
+    using velquin::test::progression;
+    // I–IV–V–I in C major; i–iv–V–i in A minor (harmonic-minor dominant); I–vi–IV–V in F♯ major.
+    const KeyEstimate c =
+        preciseKey(progression({{60, 64, 67}, {65, 69, 72}, {67, 71, 74}, {60, 64, 67}}, 44100, 24));
+    ASSERT_TRUE(c.key);
+    EXPECT_EQ(*c.key, (MusicalKey{0, false}));
+    const KeyEstimate am =
+        preciseKey(progression({{57, 60, 64}, {62, 65, 69}, {64, 68, 71}, {57, 60, 64}}, 44100, 24));
+    ASSERT_TRUE(am.key);
+    EXPECT_EQ(*am.key, (MusicalKey{9, true}));
+    const KeyEstimate fs =
+        preciseKey(progression({{66, 70, 73}, {63, 66, 70}, {71, 75, 78}, {73, 77, 80}}, 44100, 24));
+    ASSERT_TRUE(fs.key);
+    EXPECT_EQ(*fs.key, (MusicalKey{6, false}));
+    // A D major scale, one note at a time.
+    const KeyEstimate d =
+        preciseKey(progression({{62}, {64}, {66}, {67}, {69}, {71}, {73}, {74}}, 44100, 24, 0.75));
+    ASSERT_TRUE(d.key);
+    EXPECT_EQ(*d.key, (MusicalKey{2, false}));
+    // Played 35 cents sharp: the tuning follows and the key stays.
+    const KeyEstimate sharp = preciseKey(
+        progression({{60, 64, 67}, {65, 69, 72}, {67, 71, 74}, {60, 64, 67}}, 48000, 24, 2.0, 35), 48000);
+    ASSERT_TRUE(sharp.key);
+    EXPECT_EQ(*sharp.key, (MusicalKey{0, false}));
+    EXPECT_NEAR(sharp.tuningCents, 35, 8);
+    for (const KeyEstimate& e : {c, am, fs, d, sharp}) {
+        EXPECT_GT(e.confidence, 0.5);
+        EXPECT_LE(e.confidence, 1.0);
+    }
+}
+
+TEST(PreciseKey, NothingWithoutABaseKeyAndScoresRankTheKeys) {
+    KeyAnalyzer silent(44100, true);
+    silent.dumpFrames = true;
+    silent.append(std::vector<float>(44100 * 5, 0.0f));
+    const KeyEstimate none = velquin::PreciseKey::decide(silent.dumped(), KeyEstimate::unknown);
+    EXPECT_FALSE(none.key);
+    EXPECT_EQ(none.confidence, 0);
+
+    // A single frame of a pure C major scale: C major first, A minor (its relative) close.
+    KeyAnalyzer::DumpRow row;
+    for (int pc : {0, 2, 4, 5, 7, 9, 11})
+        row.chroma[static_cast<size_t>(pc)] = pc == 0 || pc == 7 ? 2.0 : 1.0;
+    row.bass = 0;
+    const std::vector<KeyAnalyzer::DumpRow> frames{row};
+    const auto scores = velquin::PreciseKey::scores(frames, {});
+    const auto& keys = MusicalKey::all();
+    size_t best = 0;
+    for (size_t k = 0; k < scores.size(); ++k)
+        if (scores[k] > scores[best]) best = k;
+    EXPECT_EQ(keys[best], (MusicalKey{0, false}));
+}
+
+}  // namespace
