@@ -30,12 +30,17 @@
 #   pulse_play FILE [SINK]               paplay FILE into SINK (default sink) in the background;
 #                                        its PID is in $PULSE_PLAY_PID
 #   pulse_add_sink NAME [RATE] [CH]      another null sink (default 44100 Hz, 2 ch) with a keepalive
+#   pulse_remove_sink NAME               unplug a sink: unload its module (speakers and mic come back
+#                                        with a restart, the others do not)
 #   pulse_set_default_sink NAME
 #   pulse_set_default_source NAME        e.g. speakers.monitor
 #   pulse_kill_server [SIGNAL]           kill the daemon (default TERM) and wait until it is gone
 #   pulse_restart_server                 start the daemon again with the same sinks and defaults
 #                                        (does not wait for the null-sink gap: call pulse_settle)
 #   pulse_settle                         wait the 2.1 s the keepalives need to drain the null sinks
+#   pulse_server_pid                     the daemon's PID (for SIGSTOP/SIGCONT)
+#
+# tests/e2e/pipewire-env.sh offers the same functions on a private PipeWire session.
 
 PULSE_ENV_SH=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)/$(basename "${BASH_SOURCE[0]}")
 export PULSE_ENV_SH
@@ -94,6 +99,7 @@ _pulse_daemon_up() {
     fi
     local name rate channels
     while read -r name rate channels; do
+        case $name in speakers | mic) continue ;; esac  # loaded above, even when added back by hand
         pactl load-module module-null-sink "sink_name=$name" "rate=$rate" "channels=$channels" >/dev/null || return 1
     done < <(cat "$PULSE_TEST_DIR/sinks" 2>/dev/null)
     pactl set-default-sink "$(cat "$PULSE_TEST_DIR/default-sink")" &&
@@ -101,6 +107,7 @@ _pulse_daemon_up() {
     local monitor
     for monitor in speakers.monitor mic.monitor; do _pulse_keepalive "$monitor"; done
     while read -r name rate channels; do
+        case $name in speakers | mic) continue ;; esac
         _pulse_keepalive "$name.monitor"
     done < <(cat "$PULSE_TEST_DIR/sinks" 2>/dev/null)
 }
@@ -169,6 +176,16 @@ pulse_add_sink() {
     _pulse_keepalive "$name.monitor"
     pulse_settle
 }
+
+pulse_remove_sink() {
+    local module
+    module=$(pactl list short modules |
+        awk -v arg="sink_name=$1" '$2 == "module-null-sink" { for (i = 3; i <= NF; i++) if ($i == arg) print $1 }')
+    [ -n "$module" ] && pactl unload-module "$module" || return 1
+    sed -i "/^$1 /d" "$PULSE_TEST_DIR/sinks"
+}
+
+pulse_server_pid() { cat "$PULSE_TEST_DIR/daemon.pid"; }
 
 pulse_set_default_sink() {
     pactl set-default-sink "$1" && echo "$1" >"$PULSE_TEST_DIR/default-sink"
