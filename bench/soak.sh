@@ -51,12 +51,14 @@ heard_after() {  # T
 }
 
 figures() {  # LABEL
-    local threads fds rss
+    local threads fds rss streams
     threads=$(awk '/^Threads:/ { print $2 }' "/proc/$live/status")
     fds=$(find "/proc/$live/fd" -mindepth 1 | wc -l)
     rss=$(awk '/^VmRSS:/ { print $2 }' "/proc/$live/status")
-    echo "$1: threads $threads, descriptors $fds, resident memory $rss kB"
-    echo "$threads $fds $rss" >"$work/figures.$1"
+    # Record streams the server holds for us: one, unless a replaced one was left behind there.
+    streams=$(pactl list short source-outputs | wc -l)
+    echo "$1: threads $threads, descriptors $fds, resident memory $rss kB, record streams in the server $streams"
+    echo "$threads $fds $rss $streams" >"$work/figures.$1"
 }
 
 pulse_play "$work/fixture.wav"
@@ -95,10 +97,10 @@ awk '$2 != "none" { n[$1]++; s[$1] += $2; if ($2 > m[$1]) m[$1] = $2 }
      END { for (k in n) printf "%s: %d times, audio back after %.2f s on average, %.2f s at most\n", k, n[k], s[k] / n[k], m[k] }' \
     "$work/delays"
 grep -v '^Waiting\|^No audio' "$work/live.err" | head -n 5
-read -r t0 f0 m0 <"$work/figures.start"
-read -r t1 f1 m1 <"$work/figures.end"
+read -r t0 f0 m0 s0 <"$work/figures.start"
+read -r t1 f1 m1 s1 <"$work/figures.end"
 # Memory may move a little with the allocator; a leak of one stream or thread per change would not.
-if [ "$t1" -gt "$t0" ] || [ "$f1" -gt "$f0" ] || [ "$m1" -gt $((m0 + 4096)) ]; then
+if [ "$t1" -gt "$t0" ] || [ "$f1" -gt "$f0" ] || [ "$m1" -gt $((m0 + 4096)) ] || [ "$s1" -gt "$s0" ]; then
     echo "the figures grew"
     failed=$((failed + 1))
 fi

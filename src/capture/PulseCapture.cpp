@@ -113,7 +113,10 @@ bool Capture::usable(const char* name) const {
 // Asks the server for its default device; the answers run the chain below, one question at a time.
 void Capture::reroute() {
     if (!context_ || pa_context_get_state(context_.get()) != PA_CONTEXT_READY) return;
-    if (routing_) {
+    // A stream still being created cannot be disconnected (the server has not named it yet): it would
+    // live on in the server. Its state callback routes again once it is ready or has failed.
+    const bool creating = stream_ && pa_stream_get_state(stream_.get()) == PA_STREAM_CREATING;
+    if (routing_ || creating) {
         again_ = true;
         return;
     }
@@ -230,7 +233,9 @@ void Capture::streamStateCallback(pa_stream* stream, void* userdata) {
     const pa_stream_state_t state = pa_stream_get_state(stream);
     if (state == PA_STREAM_READY) {
         self->rerouteDelay_ = 0ms;
-        return self->report(Route::capturing);
+        self->report(Route::capturing);
+        if (self->again_) self->reroute();
+        return;
     }
     if (PA_STREAM_IS_GOOD(state)) return;
     // The whole connection dropping fails the stream too; the context's callback handles that.
