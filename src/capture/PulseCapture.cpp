@@ -14,9 +14,10 @@ using namespace std::chrono_literals;
 // often, so that capture resumes well within half a second of its return. A refused connection is cheap.
 constexpr auto kReconnectInterval = 200ms;
 // A route that failed while the server runs (the device vanished between two questions) is tried
-// again after these, doubling; events usually come first.
+// again after these, doubling up to the last, so that a missed event costs less than half a second;
+// events usually come first.
 constexpr auto kFirstRetry = 100ms;
-constexpr auto kLastRetry = 2000ms;
+constexpr auto kLastRetry = 400ms;
 constexpr uint32_t kFragmentMilliseconds = 20;
 
 constexpr auto kSubscriptions = static_cast<pa_subscription_mask_t>(

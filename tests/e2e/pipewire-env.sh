@@ -26,33 +26,14 @@
 
 PULSE_ENV_SH=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)/$(basename "${BASH_SOURCE[0]}")
 export PULSE_ENV_SH SOUND_SERVER=pipewire
+_PULSE_VARIABLES=DBUS_SESSION_BUS_ADDRESS
+. "$(dirname "${BASH_SOURCE[0]}")/sound-common.sh"
 
 pulse_available() {
     local tool
     for tool in pipewire wireplumber pipewire-pulse dbus-daemon pactl paplay; do
         command -v "$tool" >/dev/null 2>&1 || return 1
     done
-}
-
-_pulse_track() { echo "$1" >>"$PULSE_TEST_DIR/pids"; }
-
-_pulse_alive() {
-    local state
-    [ -r "/proc/$1/stat" ] || return 1
-    state=$(sed 's/^.*) //' "/proc/$1/stat" 2>/dev/null | cut -d' ' -f1)
-    [ -n "$state" ] && [ "$state" != Z ]
-}
-
-_pulse_end() {
-    local pid=$1 signal=${2:-TERM} i
-    kill -CONT "$pid" 2>/dev/null || true  # a stopped process would not hear the signal
-    kill "-$signal" "$pid" 2>/dev/null || return 0
-    for i in $(seq 100); do
-        _pulse_alive "$pid" || break
-        sleep 0.05
-    done
-    _pulse_alive "$pid" && kill -KILL "$pid" 2>/dev/null
-    wait "$pid" 2>/dev/null || true
 }
 
 # Waits up to 5 s for a command to succeed.
@@ -113,10 +94,7 @@ LUA
     printf 'speakers 48000 2\nmic 44100 1\n' >"$PULSE_TEST_DIR/sinks"
     echo speakers >"$PULSE_TEST_DIR/default-sink"
     echo mic.monitor >"$PULSE_TEST_DIR/default-source"
-    _PULSE_OWNER=$BASHPID
-    trap 'pulse_stop' EXIT
-    trap 'pulse_stop; exit 130' INT
-    trap 'pulse_stop; exit 143' TERM
+    _pulse_own_session
 
     dbus-daemon --session --address="$DBUS_SESSION_BUS_ADDRESS" --nofork --nopidfile \
         </dev/null >>"$PULSE_TEST_DIR/dbus.log" 2>&1 &
@@ -138,32 +116,6 @@ LUA
     pulse_settle
 }
 
-pulse_stop() {
-    [ -n "${PULSE_TEST_DIR:-}" ] && [ -d "$PULSE_TEST_DIR" ] || return 0
-    [ "${_PULSE_OWNER:-}" = "$BASHPID" ] || return 0
-    local pids pid i
-    mapfile -t pids <"$PULSE_TEST_DIR/pids"
-    for ((i = ${#pids[@]} - 1; i >= 0; i--)); do
-        pid=${pids[i]}
-        [ -n "$pid" ] && _pulse_end "$pid"
-    done
-    rm -rf "$PULSE_TEST_DIR"
-    unset PULSE_TEST_DIR PULSE_SERVER PULSE_RUNTIME_PATH DBUS_SESSION_BUS_ADDRESS _PULSE_OWNER
-    trap - EXIT INT TERM
-}
-
-pulse_play() {
-    local file=$1 sink=${2:-}
-    [ -r "$file" ] || { echo "pipewire-env: cannot read $file" >&2; return 1; }
-    if [ -n "$sink" ]; then
-        paplay -d "$sink" "$file" >/dev/null 2>&1 &
-    else
-        paplay "$file" >/dev/null 2>&1 &
-    fi
-    PULSE_PLAY_PID=$!
-    _pulse_track "$PULSE_PLAY_PID"
-}
-
 pulse_add_sink() {
     local name=$1 rate=${2:-44100} channels=${3:-2}
     pactl load-module module-null-sink "sink_name=$name" "rate=$rate" "channels=$channels" \
@@ -177,22 +129,6 @@ pulse_remove_sink() {
     local name=$1
     pactl unload-module "$(cat "$PULSE_TEST_DIR/module.$name")" || return 1
     sed -i "/^$name /d" "$PULSE_TEST_DIR/sinks"
-}
-
-pulse_set_default_sink() {
-    pactl set-default-sink "$1" && echo "$1" >"$PULSE_TEST_DIR/default-sink"
-}
-
-pulse_set_default_source() {
-    pactl set-default-source "$1" && echo "$1" >"$PULSE_TEST_DIR/default-source"
-}
-
-pulse_server_pid() { cat "$PULSE_TEST_DIR/daemon.pid"; }
-
-pulse_kill_server() {
-    local pid
-    pid=$(cat "$PULSE_TEST_DIR/daemon.pid" 2>/dev/null) || return 1
-    _pulse_end "$pid" "${1:-TERM}"
 }
 
 pulse_restart_server() {

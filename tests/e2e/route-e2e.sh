@@ -84,6 +84,12 @@ nothing_between() {  # NAME T1 T2
         END { exit bad || n == 0 }' "$work/$1.out"
 }
 
+# Seconds from T to the first reading with a key, or "none".
+key_after() {  # NAME T
+    awk -v t="$2" '/ BPM \(/ && $1 >= t && index($0, "key --") == 0 { printf "%.2f\n", $1 - t; found = 1; exit }
+                   END { if (!found) print "none" }' "$work/$1.out"
+}
+
 within() {  # VALUE LIMIT
     [ "$1" != none ] && awk -v v="$1" -v l="$2" 'BEGIN { exit !(v <= l) }'
 }
@@ -126,7 +132,7 @@ for name in restarts restarts-mic; do
     ended_well "$name"
     back=$(heard_after "$name" "$t_back")
     bpm=$(bpm_after "$name" "$t_back")
-    echo "$server, $name: audio +$back s, BPM +$bpm s after the server's return"
+    echo "$server, $name: audio +$back s, BPM +$bpm s, key +$(key_after "$name" "$t_back") s after the server's return"
     if [ "$server" = pipewire ]; then
         within "$back" 0.75 || fail "$name: capture took $back s to come back"
     else
@@ -179,7 +185,7 @@ for name in gone gone-mic; do
         fail "$name: readings while no output existed: $(awk -v a="$t_gone" -v b="$t_back" '$1 >= a + 0.5 && $1 <= b && $NF + 0 != 0' "$work/$name.out" | head -n 2)"
     back=$(heard_after "$name" "$t_back")
     bpm=$(bpm_after "$name" "$t_back")
-    echo "$server, $name: audio +$back s, BPM +$bpm s after an output came back"
+    echo "$server, $name: audio +$back s, BPM +$bpm s, key +$(key_after "$name" "$t_back") s after an output came back"
     # The PulseAudio harness's new null sink needs its 2 s first (pulse_add_sink waits them out).
     within "$back" "$([ "$server" = pipewire ] && echo 1.5 || echo 4)" || fail "$name: capture did not come back ($back)"
     [ "$bpm" != none ] || fail "$name: no tempo after the output came back"
