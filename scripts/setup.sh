@@ -14,6 +14,7 @@ VELQUIN_PACKAGES=(
     pulseaudio pulseaudio-utils xvfb xauth x11-utils ffmpeg clang libclang-rt-14-dev locales time
     trayer xdotool imagemagick openbox wmctrl dbus desktop-file-utils appstream dbus-daemon
     attr acl inotify-tools
+    pipewire pipewire-bin pipewire-pulse wireplumber
 )
 
 velquin_install_packages() {

@@ -218,6 +218,14 @@ int run(int argc, char** argv, const std::vector<std::string>& arguments) {
         std::fprintf(stderr, "FAILED: %s\n", message.c_str());
         failed = true;
     };
+    // A wait (no output device, the server away or silent) is not a failure: the readings say nothing
+    // meanwhile and the run goes on to its end. Standard error says why.
+    service.onNotice = [](const std::string& notice) {
+        if (!notice.empty()) std::fprintf(stderr, "%s\n", notice.c_str());
+    };
+    service.onProblem = [](const std::string& message) {
+        std::fprintf(stderr, "Warning: %s Still waiting.\n", message.c_str());
+    };
     service.onUpdate = [&outputError](const TempoEstimate& tempo, const KeyEstimate& key) {
         if (outputError == 0) outputError = writeOut(readingLine(tempo, key) + "\n");
     };

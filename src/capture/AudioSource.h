@@ -66,10 +66,14 @@ class AudioSource {
     std::function<void(const float* samples, int64_t count)> onSamples;
     std::function<void(double sampleRate)> onSampleRateChange;
     std::function<void()> onNeedsRestart;
-    // The sound server went away: nothing arrives until onNeedsRestart says it is back.
-    std::function<void()> onServerLost;
 
-    // Throws AudioSourceError, after releasing whatever it had set up.
+    // Where capture stands while running. Only `capturing` delivers samples; from the others the source
+    // finds its way back by itself (a device appears, the server returns) and says so.
+    enum class Route { capturing, waitingForDevice, waitingForServer };
+    std::function<void(Route route)> onRouteChange;
+
+    // Throws AudioSourceError, after releasing whatever it had set up. A source that can wait for what
+    // it lacks starts anyway and reports the wait through onRouteChange.
     virtual void start() = 0;
     // Safe when not running and more than once.
     virtual void stop() = 0;

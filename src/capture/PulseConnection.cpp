@@ -6,7 +6,6 @@
 
 #include <charconv>
 #include <cstring>
-#include <type_traits>
 #include <utility>
 
 namespace velquin::pulse {
@@ -19,102 +18,6 @@ void signalLoop(pa_threaded_mainloop* loop) {
 
 void contextStateSignal(pa_context*, void* userdata) {
     signalLoop(static_cast<pa_threaded_mainloop*>(userdata));
-}
-void streamStateSignal(pa_stream*, void* userdata) {
-    signalLoop(static_cast<pa_threaded_mainloop*>(userdata));
-}
-void operationStateSignal(pa_operation*, void* userdata) {
-    signalLoop(static_cast<pa_threaded_mainloop*>(userdata));
-}
-
-// Waits for `op` to finish (its callback sets `done`), for the context to drop it, or for the timeout.
-// A null `op` means the context refused the request (it is not READY): never unref it.
-int runOperation(pa_threaded_mainloop* loop, pa_context* context, pa_operation* raw, const bool& done,
-                 const int& error) {
-    if (!raw) return lastError(context);
-    OperationPtr op(raw);
-    pa_operation_set_state_callback(op.get(), operationStateSignal, loop);
-    const bool finished = waitUntil(loop, kRequestTimeout, [&] {
-        return done || pa_operation_get_state(op.get()) != PA_OPERATION_RUNNING;
-    });
-    pa_operation_set_state_callback(op.get(), nullptr, nullptr);
-    if (!finished) {
-        // Cancelling drops the callback, whose userdata lives on our stack.
-        pa_operation_cancel(op.get());
-        return PA_ERR_TIMEOUT;
-    }
-    if (!done) return lastError(context, PA_ERR_CONNECTIONTERMINATED);
-    return error;
-}
-
-struct ServerQuery {
-    pa_threaded_mainloop* loop;
-    ServerInfo* out;
-    bool done = false;
-    int error = 0;
-};
-
-void serverInfoCallback(pa_context*, const pa_server_info* info, void* userdata) {
-    auto* q = static_cast<ServerQuery*>(userdata);
-    if (info) {
-        q->out->defaultSinkName = info->default_sink_name ? info->default_sink_name : "";
-        q->out->defaultSourceName = info->default_source_name ? info->default_source_name : "";
-    } else {
-        q->error = PA_ERR_UNKNOWN;
-    }
-    q->done = true;
-    signalLoop(q->loop);
-}
-
-struct DeviceQuery {
-    pa_threaded_mainloop* loop;
-    DeviceInfo* out;
-    bool found = false;
-    bool done = false;
-    int error = 0;
-};
-
-template <typename Info>
-void fillDevice(DeviceQuery& q, const Info* info, int eol, pa_context* context) {
-    if (eol < 0) {
-        q.error = lastError(context);
-    } else if (eol > 0) {
-        if (!q.found && q.error == 0) q.error = PA_ERR_NOENTITY;
-    } else if (info) {
-        q.found = true;
-        q.out->name = info->name ? info->name : "";
-        q.out->index = info->index;
-        q.out->spec = info->sample_spec;
-        q.out->map = info->channel_map;
-        if constexpr (std::is_same_v<Info, pa_sink_info>) {
-            q.out->monitorSourceName = info->monitor_source_name ? info->monitor_source_name : "";
-            q.out->monitorSourceIndex = info->monitor_source;
-        }
-        return;  // the end-of-list call follows
-    }
-    q.done = true;
-    signalLoop(q.loop);
-}
-
-void sinkInfoCallback(pa_context* c, const pa_sink_info* info, int eol, void* userdata) {
-    fillDevice(*static_cast<DeviceQuery*>(userdata), info, eol, c);
-}
-
-void sourceInfoCallback(pa_context* c, const pa_source_info* info, int eol, void* userdata) {
-    fillDevice(*static_cast<DeviceQuery*>(userdata), info, eol, c);
-}
-
-struct SuccessQuery {
-    pa_threaded_mainloop* loop;
-    bool done = false;
-    int error = 0;
-};
-
-void successCallback(pa_context* c, int success, void* userdata) {
-    auto* q = static_cast<SuccessQuery*>(userdata);
-    if (!success) q->error = lastError(c);
-    q->done = true;
-    signalLoop(q->loop);
 }
 
 }  // namespace
@@ -216,31 +119,6 @@ int connect(pa_threaded_mainloop* loop, pa_context* context, std::chrono::millis
     return 0;
 }
 
-int queryServerInfo(pa_threaded_mainloop* loop, pa_context* context, ServerInfo& out) {
-    ServerQuery q{loop, &out};
-    return runOperation(loop, context, pa_context_get_server_info(context, serverInfoCallback, &q), q.done,
-                        q.error);
-}
-
-int querySinkInfo(pa_threaded_mainloop* loop, pa_context* context, const std::string& name, DeviceInfo& out) {
-    DeviceQuery q{loop, &out};
-    pa_operation* op = pa_context_get_sink_info_by_name(context, name.c_str(), sinkInfoCallback, &q);
-    return runOperation(loop, context, op, q.done, q.error);
-}
-
-int querySourceInfo(pa_threaded_mainloop* loop, pa_context* context, const std::string& name,
-                    DeviceInfo& out) {
-    DeviceQuery q{loop, &out};
-    pa_operation* op = pa_context_get_source_info_by_name(context, name.c_str(), sourceInfoCallback, &q);
-    return runOperation(loop, context, op, q.done, q.error);
-}
-
-int subscribe(pa_threaded_mainloop* loop, pa_context* context, pa_subscription_mask_t mask) {
-    SuccessQuery q{loop};
-    return runOperation(loop, context, pa_context_subscribe(context, mask, successCallback, &q), q.done,
-                        q.error);
-}
-
 StreamPtr newRecordStream(pa_context* context, const char* name, const DeviceInfo& device) {
     const pa_sample_spec spec{PA_SAMPLE_FLOAT32NE, device.spec.rate, device.spec.channels};
     const bool mapFits = pa_channel_map_valid(&device.map) && device.map.channels == spec.channels;
@@ -253,19 +131,6 @@ int startRecording(pa_stream* stream, const char* device, uint32_t fragmentFrame
     attr.fragsize = fragmentFrames * static_cast<uint32_t>(pa_frame_size(pa_stream_get_sample_spec(stream)));
     if (pa_stream_connect_record(stream, device, &attr, PA_STREAM_ADJUST_LATENCY) < 0)
         return lastError(pa_stream_get_context(stream));
-    return 0;
-}
-
-int connectRecord(pa_threaded_mainloop* loop, pa_context* context, pa_stream* stream, const char* device,
-                  uint32_t fragmentFrames) {
-    pa_stream_set_state_callback(stream, streamStateSignal, loop);
-    if (const int error = startRecording(stream, device, fragmentFrames)) return error;
-    const bool settled = waitUntil(loop, kRequestTimeout, [&] {
-        const pa_stream_state_t state = pa_stream_get_state(stream);
-        return state == PA_STREAM_READY || !PA_STREAM_IS_GOOD(state);
-    });
-    if (!settled) return PA_ERR_TIMEOUT;
-    if (pa_stream_get_state(stream) != PA_STREAM_READY) return lastError(context);
     return 0;
 }
 

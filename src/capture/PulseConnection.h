@@ -1,6 +1,6 @@
 #pragma once
-// Shared PulseAudio plumbing for the capture back ends: RAII handles, a lock guard, bounded waits on
-// the threaded main loop, the server/device queries the sources need, and the mono mix.
+// Shared PulseAudio plumbing for the capture back ends: RAII handles, a lock guard, timers and bounded
+// waits on the threaded main loop, record streams, and the mono mix.
 //
 // Threading: every function here that takes a main loop must be called with that loop's lock held,
 // from any thread except the loop's own (they wait on the loop). Callbacks run on the loop's thread
@@ -30,13 +30,9 @@ struct ContextDeleter {
 struct StreamDeleter {
     void operator()(pa_stream* stream) const;  // clears callbacks, disconnects, unrefs (lock held)
 };
-struct OperationDeleter {
-    void operator()(pa_operation* op) const { pa_operation_unref(op); }
-};
 using MainloopPtr = std::unique_ptr<pa_threaded_mainloop, MainloopDeleter>;
 using ContextPtr = std::unique_ptr<pa_context, ContextDeleter>;
 using StreamPtr = std::unique_ptr<pa_stream, StreamDeleter>;
-using OperationPtr = std::unique_ptr<pa_operation, OperationDeleter>;
 
 class Lock {
   public:
@@ -84,29 +80,13 @@ bool waitUntil(pa_threaded_mainloop* loop, std::chrono::milliseconds timeout,
 int connect(pa_threaded_mainloop* loop, pa_context* context,
             std::chrono::milliseconds timeout = kRequestTimeout);
 
-struct ServerInfo {
-    std::string defaultSinkName;
-    std::string defaultSourceName;
-};
-
 struct DeviceInfo {
     std::string name;
     uint32_t index = PA_INVALID_INDEX;
     pa_sample_spec spec{};
     pa_channel_map map{};
     std::string monitorSourceName;  // sinks only
-    uint32_t monitorSourceIndex = PA_INVALID_INDEX;
 };
-
-// Each returns 0 or a PulseAudio error code (PA_ERR_NOENTITY when the device does not exist,
-// PA_ERR_TIMEOUT when no answer came).
-int queryServerInfo(pa_threaded_mainloop* loop, pa_context* context, ServerInfo& out);
-int querySinkInfo(pa_threaded_mainloop* loop, pa_context* context, const std::string& name, DeviceInfo& out);
-int querySourceInfo(pa_threaded_mainloop* loop, pa_context* context, const std::string& name,
-                    DeviceInfo& out);
-
-// Subscribes the context to `mask` events and waits for the server's answer; 0 or an error code.
-int subscribe(pa_threaded_mainloop* loop, pa_context* context, pa_subscription_mask_t mask);
 
 // A record stream of 32-bit float with the device's own rate, channel count and channel map, so the
 // server neither resamples nor remixes. Null on failure (see lastError). Does not connect it.
@@ -114,10 +94,6 @@ StreamPtr newRecordStream(pa_context* context, const char* name, const DeviceInf
 // Starts recording `device` in fragments of `fragmentFrames` frames. ADJUST_LATENCY makes the
 // server honour the fragment size instead of filling seconds of buffer. Returns 0 or an error code.
 int startRecording(pa_stream* stream, const char* device, uint32_t fragmentFrames);
-// startRecording, then waits for READY; 0 or an error code. Replaces the stream's state callback.
-int connectRecord(pa_threaded_mainloop* loop, pa_context* context, pa_stream* stream, const char* device,
-                  uint32_t fragmentFrames);
-
 // Reads everything the stream holds; `deliver(data, bytes)` gets null data for a hole.
 // Runs on the loop's thread, inside the stream's read callback.
 template <typename Deliver>

@@ -21,6 +21,11 @@ namespace {
 constexpr int tickMilliseconds = 120;
 constexpr int64_t idleRingCapacity = 192000;
 constexpr double idleSampleRate = 48000;
+// A running stream delivers every 20–50 ms, silence included; this long without a sample is a stalled
+// server, a corked or suspended stream.
+constexpr std::chrono::milliseconds stallAfter{1500};
+// A plug, a profile switch or a reconnecting Bluetooth device takes a second or two; longer is a problem.
+constexpr std::chrono::milliseconds gracePeriod{5000};
 }  // namespace
 
 struct TempoService::Live {
@@ -29,6 +34,9 @@ struct TempoService::Live {
         std::optional<LiveAnalysis> analysis;
         std::unique_ptr<QTimer> timer;
         std::vector<float> samples;  // the tick's drain buffer, reused
+        std::chrono::steady_clock::time_point lastSamples{};
+        uint64_t seenRouteEpoch = 0;
+        bool stalled = false;
     };
 
     explicit Live(TempoService* owner) : owner(owner) {
@@ -61,6 +69,10 @@ struct TempoService::Live {
     Engine engine;
     SampleRing ring{idleRingCapacity};  // shared with the capture thread; it has its own lock
     std::atomic<double> captureSampleRate{idleSampleRate};
+    // Written by the source's thread as its route changes: whether samples should flow, and a count of
+    // changes so that the tick restarts its stall clock.
+    std::atomic<bool> expectingSamples{true};
+    std::atomic<uint64_t> routeEpoch{0};
     std::unique_ptr<AudioSource> source;  // main thread
 };
 
@@ -68,20 +80,35 @@ void TempoService::Live::tick() {
     Engine& e = engine;
     if (!e.analysis) return;
     ring.drainInto(e.samples);
+    const auto now = std::chrono::steady_clock::now();
+    const uint64_t epoch = routeEpoch.load();
+    if (epoch != e.seenRouteEpoch || !e.samples.empty()) {
+        e.seenRouteEpoch = epoch;
+        e.lastSamples = now;
+    }
     if (!e.samples.empty()) {
         e.analysis->append(e.samples);
         if (owner->onCapturedSamples) owner->onCapturedSamples(e.samples);
     }
+    const bool stalled = expectingSamples.load() && now - e.lastSamples > stallAfter;
+    // What was heard before the stall is no longer live: start afresh when samples flow again.
+    if (stalled && !e.stalled) e.analysis->reset();
+    e.stalled = stalled;
     const LiveAnalysis::Reading reading = e.analysis->read();
     TempoService* service = owner;
     QMetaObject::invokeMethod(
-        service, [service, reading] { service->publish(reading.tempo, reading.key); }, Qt::QueuedConnection);
+        service, [service, reading, stalled] { service->deliver(reading.tempo, reading.key, stalled); },
+        Qt::QueuedConnection);
 }
 
 TempoService::TempoService(SourceFactory sourceFactory, AnalyzerParameters parameters)
     : sourceFactory_(std::move(sourceFactory)),
       parameters_(std::move(parameters)),
-      live_(std::make_shared<Live>(this)) {}
+      live_(std::make_shared<Live>(this)) {
+    graceTimer_.setSingleShot(true);
+    graceTimer_.setInterval(gracePeriod);
+    connect(&graceTimer_, &QTimer::timeout, this, &TempoService::gracePassed);
+}
 
 TempoService::~TempoService() {
     stop();
@@ -116,10 +143,73 @@ void TempoService::publish(const TempoEstimate& tempo, const KeyEstimate& key) {
     if (onUpdate) onUpdate(estimate_, keyEstimate_);
 }
 
+void TempoService::deliver(const TempoEstimate& tempo, const KeyEstimate& key, bool stalled) {
+    if (isRunning_ && stalled != stalled_) {
+        stalled_ = stalled;
+        updateNotice();
+    }
+    publish(tempo, key);
+}
+
+void TempoService::routeChanged(AudioSource::Route route) {
+    if (!isRunning_) return;
+    route_ = route;
+    if (route == AudioSource::Route::capturing) {
+        graceTimer_.stop();
+        if (problem_) {
+            problem_ = false;
+            lastError_.reset();
+            if (onRecovered) onRecovered();
+        }
+    } else {
+        // What was heard before must not pass for a live reading: back to nothing while it waits.
+        reset();
+        if (route == AudioSource::Route::waitingForServer) {
+            graceTimer_.stop();
+        } else if (!problem_ && !graceTimer_.isActive()) {
+            graceTimer_.start();
+        }
+    }
+    updateNotice();
+}
+
+void TempoService::gracePassed() {
+    if (!isRunning_ || route_ != AudioSource::Route::waitingForDevice) return;
+    problem_ = true;
+    lastError_ = kind_ == AudioSourceKind::microphone
+                     ? AudioSourceError::engineFailed("input device reported an empty format").what()
+                     : AudioSourceError::noOutputDevice().what();
+    if (onProblem) onProblem(*lastError_);
+}
+
+void TempoService::updateNotice() {
+    std::string notice;
+    if (isRunning_) {
+        switch (route_) {
+            case AudioSource::Route::waitingForServer:
+                notice = "Waiting for the sound server…";
+                break;
+            case AudioSource::Route::waitingForDevice:
+                notice = kind_ == AudioSourceKind::microphone ? "Waiting for an input device…"
+                                                              : "Waiting for an output device…";
+                break;
+            case AudioSource::Route::capturing:
+                if (stalled_) notice = "No audio from the sound server";
+                break;
+        }
+    }
+    if (notice == notice_) return;
+    notice_ = notice;
+    if (onNotice) onNotice(notice_);
+}
+
 void TempoService::start(AudioSourceKind kind) {
     stop();
     kind_ = kind;
     lastError_.reset();
+    const uint64_t generation = ++generation_;
+    live_->expectingSamples.store(true);
+    ++live_->routeEpoch;
 
     std::unique_ptr<AudioSource> source;
     if (sourceFactory_) {
@@ -145,13 +235,18 @@ void TempoService::start(AudioSourceKind kind) {
             l->ring.drainInto(l->engine.samples);
         });
     };
-    // What was heard before the server went away must not pass for a live reading: back to nothing.
-    source->onServerLost = [weak] {
+    source->onRouteChange = [weak, generation](AudioSource::Route route) {
         auto live = weak.lock();
         if (!live) return;
+        live->expectingSamples.store(route == AudioSource::Route::capturing);
+        ++live->routeEpoch;
         TempoService* service = live->owner;
         QMetaObject::invokeMethod(
-            service, [service] { service->reset(); }, Qt::QueuedConnection);
+            service,
+            [service, route, generation] {
+                if (service->generation_ == generation) service->routeChanged(route);
+            },
+            Qt::QueuedConnection);
     };
     source->onNeedsRestart = [weak] {
         auto live = weak.lock();
@@ -184,6 +279,8 @@ void TempoService::start(AudioSourceKind kind) {
     isRunning_ = true;
     l->post([l, rate] {
         if (l->engine.analysis) l->engine.analysis->rebuild(rate);
+        l->engine.lastSamples = std::chrono::steady_clock::now();
+        l->engine.stalled = false;
         auto timer = std::make_unique<QTimer>();
         timer->setTimerType(Qt::PreciseTimer);
         timer->setInterval(tickMilliseconds);
@@ -204,6 +301,11 @@ void TempoService::stop() {
         l->source.reset();
     }
     isRunning_ = false;
+    graceTimer_.stop();
+    route_ = AudioSource::Route::capturing;
+    stalled_ = false;
+    problem_ = false;
+    notice_.clear();  // quietly: whoever stops knows
 }
 
 void TempoService::setRange(TempoRange range) {

@@ -7,7 +7,10 @@
 // onUpdate is delivered there through the Qt event loop.
 
 #include <QObject>
+#include <QTimer>
 #include <array>
+#include <chrono>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -46,6 +49,11 @@ class TempoService : public QObject {
     bool isRunning() const { return isRunning_; }
     TempoRange range() const { return range_; }
     double captureSampleRate() const;
+    // Why nothing is heard while the service runs ("Waiting for an output device…", "No audio from the
+    // sound server", …); empty while capture runs and audio flows. The reading meanwhile is nothing-yet.
+    const std::string& notice() const { return notice_; }
+    // A missing device is waited out this long before it is reported through onProblem.
+    void setGracePeriod(std::chrono::milliseconds period) { graceTimer_.setInterval(period); }
 
     // What the analysis thread has seen so far; waits for the tasks queued before it.
     struct AnalysisCounters {
@@ -61,11 +69,22 @@ class TempoService : public QObject {
     std::function<void(const TempoEstimate&, const KeyEstimate&)> onUpdate;
     // Runs on the analysis thread with every non-empty batch fed to the analyzers. Set before start().
     std::function<void(const std::vector<float>& samples)> onCapturedSamples;
+    // A start that failed (no sound server): the service does not run.
     std::function<void(const std::string& message)> onError;
+    // Main thread, whenever notice() changes.
+    std::function<void(const std::string& notice)> onNotice;
+    // A missing device that outlasted the grace period, once (also in lastError()). The source keeps
+    // waiting; onRecovered follows (and lastError() clears) when it captures again.
+    std::function<void(const std::string& message)> onProblem;
+    std::function<void()> onRecovered;
 
   private:
     struct Live;
     void publish(const TempoEstimate& tempo, const KeyEstimate& key);
+    void deliver(const TempoEstimate& tempo, const KeyEstimate& key, bool stalled);
+    void routeChanged(AudioSource::Route route);
+    void gracePassed();
+    void updateNotice();
 
     SourceFactory sourceFactory_;
     AnalyzerParameters parameters_;
@@ -75,6 +94,12 @@ class TempoService : public QObject {
     std::optional<std::string> lastError_;
     bool isRunning_ = false;
     TempoRange range_ = TempoRange::Auto;
+    AudioSource::Route route_ = AudioSource::Route::capturing;
+    bool stalled_ = false;     // capturing, yet no samples for a while
+    bool problem_ = false;     // lastError_ holds a wait that outlasted the grace period
+    uint64_t generation_ = 0;  // of the current start: news from an older source is dropped
+    std::string notice_;
+    QTimer graceTimer_;
     std::shared_ptr<Live> live_;
 };
 

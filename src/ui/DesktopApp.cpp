@@ -50,6 +50,9 @@ DesktopApp::~DesktopApp() {
     // The service's callbacks point here; it is stopped before anything they use goes.
     service_.onUpdate = nullptr;
     service_.onError = nullptr;
+    service_.onNotice = nullptr;
+    service_.onProblem = nullptr;
+    service_.onRecovered = nullptr;
     service_.stop();
     follower_.onReading = nullptr;
     follower_.onLog = nullptr;
@@ -155,6 +158,17 @@ void DesktopApp::launch() {
         const QString text = QString::fromStdString(message);
         if (self) self->show(text);
     };
+    // Waits are said in the status line, not in an alert; only one that lasts gets the alert, and
+    // capture coming back closes it.
+    service_.onNotice = [self](const std::string&) {
+        if (self) self->rerender();
+    };
+    service_.onProblem = service_.onError;
+    service_.onRecovered = [self] {
+        if (!self) return;
+        if (self->dialogs.closeSourceAlert) self->dialogs.closeSourceAlert();
+        self->rerender();
+    };
 
     applyRange(storedRange(*store_));
     start(storedSource(*store_));
@@ -208,6 +222,8 @@ void DesktopApp::publish() {
 QString DesktopApp::statusText(const TempoEstimate& tempo, const KeyEstimate& key) const {
     if (const auto line = text::estimateLine(tempo, key, settings_)) return *line;
     if (service_.isRunning()) {
+        if (service_.lastError()) return QString::fromStdString(*service_.lastError());
+        if (!service_.notice().empty()) return QString::fromStdString(service_.notice());
         return QStringLiteral("Listening to ") + QString::fromUtf8(displayName(service_.kind())) +
                QStringLiteral("\u2026");
     }
@@ -251,7 +267,9 @@ void DesktopApp::render(const TempoEstimate& liveTempo, const KeyEstimate& liveK
                        : std::nullopt);
     menu_.setTuning(text::tuningLine(key));
     const bool nothingYet = !working && !showingFile && !(tempo.bpm > 0) && !key.key;
-    bar_->view().hint = nothingYet && service_.isRunning() ? QStringLiteral("listening\u2026") : QString();
+    bar_->view().hint = !nothingYet || !service_.isRunning() ? QString()
+                        : service_.notice().empty()          ? QStringLiteral("listening\u2026")
+                                                             : QStringLiteral("waiting\u2026");
     publish();
 }
 

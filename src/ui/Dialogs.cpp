@@ -5,6 +5,7 @@
 #include <QDesktopServices>
 #include <QFileDialog>
 #include <QMessageBox>
+#include <QPointer>
 #include <QPushButton>
 
 namespace velquin {
@@ -26,9 +27,13 @@ QMessageBox& wrapped(QMessageBox& alert) {
     return alert;
 }
 
+// The capture alert on screen, so that capture coming back can close it.
+QPointer<QMessageBox> openSourceAlert;
+
 bool askOtherSourceAlert(const QString& message, AudioSourceKind failed) {
     QMessageBox alert(QMessageBox::Warning, QStringLiteral("Velquin"),
                       QStringLiteral("Velquin could not listen"));
+    openSourceAlert = &alert;
     alert.setInformativeText(message);
     QPushButton* ok = alert.addButton(QStringLiteral("OK"), QMessageBox::AcceptRole);
     QPushButton* other =
@@ -83,6 +88,10 @@ QString audioFileFilter() {
 Dialogs Dialogs::desktop() {
     return Dialogs{
         .askOtherSource = askOtherSourceAlert,
+        .closeSourceAlert =
+            [] {
+                if (openSourceAlert) openSourceAlert->reject();
+            },
         .showFileAlert = fileResultAlert,
         .showFileError = fileErrorAlert,
         .chooseAudioFile = pickAudioFile,

@@ -16,6 +16,8 @@ struct Dialogs {
     // The capture error alert for the source that failed; true when the user chose to listen to the
     // other source instead.
     std::function<bool(const QString& message, AudioSourceKind failed)> askOtherSource;
+    // Closes that alert, as if dismissed, when capture works again.
+    std::function<void()> closeSourceAlert;
     // The result alert of a file picked from the menu.
     std::function<void(const QString& message, const QString& informativeText)> showFileAlert;
     // A file picked from the menu could not be analysed.

@@ -220,6 +220,107 @@ TEST(TempoService, RegimeChangeRestartsTheKeyAnalyzerOnce) {
     EXPECT_TRUE(pump(20, agree));
 }
 
+// Sources report from their own thread.
+void report(AudioSource& source, AudioSource::Route route) {
+    std::thread([&source, route] { source.onRouteChange(route); }).join();
+}
+
+TEST(TempoService, AMissingDeviceIsWaitedOutThenReportedUntilCaptureReturns) {
+    Harness h;
+    std::vector<std::string> notices, problems;
+    int recovered = 0;
+    h.service.onNotice = [&](const std::string& n) { notices.push_back(n); };
+    h.service.onProblem = [&](const std::string& m) { problems.push_back(m); };
+    h.service.onRecovered = [&] { ++recovered; };
+    h.service.setGracePeriod(std::chrono::milliseconds(400));
+    h.service.start(AudioSourceKind::systemAudio);
+    const auto tone = test::sine(440, 48000, 1.0);
+    std::thread([&] { h.last->onSamples(tone.data(), static_cast<int64_t>(tone.size())); }).join();
+    ASSERT_TRUE(pump(60, [&] { return !h.updates.empty() && h.updates.back().first.level > 0; }));
+
+    // The output goes: nothing-yet at once, the reason in the notice, no error yet.
+    report(*h.last, AudioSource::Route::waitingForDevice);
+    ASSERT_TRUE(pump(60, [&] { return h.service.notice() == "Waiting for an output device…"; }));
+    EXPECT_EQ(h.updates.back().first.level, 0);
+    EXPECT_FALSE(h.updates.back().second.key);
+    EXPECT_TRUE(h.service.isRunning());
+    EXPECT_TRUE(problems.empty());
+    EXPECT_FALSE(h.service.lastError());
+    // Past the grace period it is a problem, once, and the service keeps running.
+    ASSERT_TRUE(pump(60, [&] { return !problems.empty(); }));
+    pump(0.6);
+    ASSERT_EQ(problems.size(), 1u);
+    EXPECT_EQ(problems[0], AudioSourceError::noOutputDevice().what());
+    EXPECT_EQ(h.service.lastError(), problems[0]);
+    EXPECT_TRUE(h.service.isRunning());
+    EXPECT_TRUE(h.errors.empty());
+
+    // Capture comes back by itself: the problem clears, and so does the notice.
+    report(*h.last, AudioSource::Route::capturing);
+    ASSERT_TRUE(pump(60, [&] { return recovered == 1; }));
+    EXPECT_FALSE(h.service.lastError());
+    EXPECT_EQ(h.service.notice(), "");
+    EXPECT_EQ(notices, (std::vector<std::string>{"Waiting for an output device…", ""}));
+
+    // A device back within the grace period is never a problem; the server away is a wait of its own.
+    report(*h.last, AudioSource::Route::waitingForDevice);
+    report(*h.last, AudioSource::Route::capturing);
+    report(*h.last, AudioSource::Route::waitingForServer);
+    ASSERT_TRUE(pump(60, [&] { return h.service.notice() == "Waiting for the sound server…"; }));
+    pump(0.8);
+    EXPECT_EQ(problems.size(), 1u);
+
+    // The microphone says so in its own words; news from a source that was replaced is dropped.
+    const auto oldNews = h.last->onRouteChange;  // the source itself goes with the next start
+    h.service.start(AudioSourceKind::microphone);
+    EXPECT_EQ(h.service.notice(), "");
+    std::thread([&] { oldNews(AudioSource::Route::waitingForDevice); }).join();
+    pump(0.3);
+    EXPECT_EQ(h.service.notice(), "");
+    report(*h.last, AudioSource::Route::waitingForDevice);
+    ASSERT_TRUE(pump(60, [&] { return h.service.notice() == "Waiting for an input device…"; }));
+    ASSERT_TRUE(pump(60, [&] { return problems.size() == 2; }));
+    EXPECT_EQ(problems[1], "Microphone capture failed: input device reported an empty format");
+    h.service.stop();
+    EXPECT_EQ(h.service.notice(), "");
+}
+
+TEST(TempoService, AStalledStreamReadsNothingUntilSamplesFlowAgainButSilenceIsNoStall) {
+    Harness h;
+    std::atomic<bool> feeding = true;
+    std::atomic<bool> silent = true;
+    h.service.start(AudioSourceKind::systemAudio);
+    ScriptedSource* source = h.last;
+    // 0.1 s blocks in real time, digital silence or a tone, until told to stop.
+    const auto tone = test::sine(440, 48000, 0.1);
+    const std::vector<float> zeros(tone.size(), 0.0f);
+    std::thread capture([&] {
+        while (feeding) {
+            const auto& block = silent ? zeros : tone;
+            source->onSamples(block.data(), static_cast<int64_t>(block.size()));
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        }
+    });
+    pump(2.2);
+    EXPECT_EQ(h.service.notice(), "") << "silence still brings samples";
+    silent = false;
+    ASSERT_TRUE(pump(60, [&] { return !h.updates.empty() && h.updates.back().first.level > 0; }));
+
+    feeding = false;  // the server stops delivering
+    capture.join();
+    QElapsedTimer stalled;
+    stalled.start();
+    ASSERT_TRUE(pump(60, [&] { return h.service.notice() == "No audio from the sound server"; }));
+    EXPECT_GE(stalled.elapsed(), 1300);
+    pump(0.3);
+    EXPECT_EQ(h.updates.back().first.level, 0) << "the last reading must not pass for a live one";
+    EXPECT_TRUE(h.service.isRunning());
+
+    std::thread([&] { source->onSamples(tone.data(), static_cast<int64_t>(tone.size())); }).join();
+    ASSERT_TRUE(pump(60, [&] { return h.service.notice().empty(); }));
+    EXPECT_TRUE(pump(60, [&] { return h.updates.back().first.level > 0; }));
+}
+
 TEST(LiveAnalysis, AKeyRestartReleasesTheTempoLock) {
     LiveAnalysis live(16000, bounds(TempoRange::Auto));
     const auto clicks = test::clickTrain(120, 16000, 12.0);

@@ -30,42 +30,26 @@
 #   pulse_play FILE [SINK]               paplay FILE into SINK (default sink) in the background;
 #                                        its PID is in $PULSE_PLAY_PID
 #   pulse_add_sink NAME [RATE] [CH]      another null sink (default 44100 Hz, 2 ch) with a keepalive
+#   pulse_remove_sink NAME               unplug a sink: unload its module (speakers and mic come back
+#                                        with a restart, the others do not)
 #   pulse_set_default_sink NAME
 #   pulse_set_default_source NAME        e.g. speakers.monitor
 #   pulse_kill_server [SIGNAL]           kill the daemon (default TERM) and wait until it is gone
 #   pulse_restart_server                 start the daemon again with the same sinks and defaults
 #                                        (does not wait for the null-sink gap: call pulse_settle)
 #   pulse_settle                         wait the 2.1 s the keepalives need to drain the null sinks
+#   pulse_server_pid                     the daemon's PID (for SIGSTOP/SIGCONT)
+#
+# tests/e2e/pipewire-env.sh offers the same functions on a private PipeWire session.
 
 PULSE_ENV_SH=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)/$(basename "${BASH_SOURCE[0]}")
 export PULSE_ENV_SH
+_PULSE_VARIABLES=
+. "$(dirname "${BASH_SOURCE[0]}")/sound-common.sh"
 
 pulse_available() {
     command -v pulseaudio >/dev/null 2>&1 && command -v pactl >/dev/null 2>&1 &&
         command -v parec >/dev/null 2>&1 && command -v paplay >/dev/null 2>&1
-}
-
-# Records a PID for pulse_stop, whichever process started it.
-_pulse_track() { echo "$1" >>"$PULSE_TEST_DIR/pids"; }
-
-# True while the process exists and is not a zombie (in a container nobody may reap orphans).
-_pulse_alive() {
-    local state
-    [ -r "/proc/$1/stat" ] || return 1
-    state=$(sed 's/^.*) //' "/proc/$1/stat" 2>/dev/null | cut -d' ' -f1)
-    [ -n "$state" ] && [ "$state" != Z ]
-}
-
-# Sends SIGNAL to PID and waits up to 5 s for it to go, then kills it hard.
-_pulse_end() {
-    local pid=$1 signal=${2:-TERM} i
-    kill "-$signal" "$pid" 2>/dev/null || return 0
-    for i in $(seq 100); do
-        _pulse_alive "$pid" || break
-        sleep 0.05
-    done
-    _pulse_alive "$pid" && kill -KILL "$pid" 2>/dev/null
-    wait "$pid" 2>/dev/null || true  # reaps it when it is our child
 }
 
 _pulse_keepalive() {
@@ -94,6 +78,7 @@ _pulse_daemon_up() {
     fi
     local name rate channels
     while read -r name rate channels; do
+        case $name in speakers | mic) continue ;; esac  # loaded above, even when added back by hand
         pactl load-module module-null-sink "sink_name=$name" "rate=$rate" "channels=$channels" >/dev/null || return 1
     done < <(cat "$PULSE_TEST_DIR/sinks" 2>/dev/null)
     pactl set-default-sink "$(cat "$PULSE_TEST_DIR/default-sink")" &&
@@ -101,6 +86,7 @@ _pulse_daemon_up() {
     local monitor
     for monitor in speakers.monitor mic.monitor; do _pulse_keepalive "$monitor"; done
     while read -r name rate channels; do
+        case $name in speakers | mic) continue ;; esac
         _pulse_keepalive "$name.monitor"
     done < <(cat "$PULSE_TEST_DIR/sinks" 2>/dev/null)
 }
@@ -124,42 +110,12 @@ pulse_start() {
     : >"$PULSE_TEST_DIR/sinks"
     echo speakers >"$PULSE_TEST_DIR/default-sink"
     echo mic.monitor >"$PULSE_TEST_DIR/default-source"
-    _PULSE_OWNER=$BASHPID
-    trap 'pulse_stop' EXIT
-    trap 'pulse_stop; exit 130' INT
-    trap 'pulse_stop; exit 143' TERM
+    _pulse_own_session
     if ! _pulse_daemon_up; then
         pulse_stop
         return 1
     fi
     pulse_settle
-}
-
-pulse_stop() {
-    [ -n "${PULSE_TEST_DIR:-}" ] && [ -d "$PULSE_TEST_DIR" ] || return 0
-    # Only the shell that started the session tears it down; child shells share it.
-    [ "${_PULSE_OWNER:-}" = "$BASHPID" ] || return 0
-    local pids pid i
-    mapfile -t pids <"$PULSE_TEST_DIR/pids"
-    for ((i = ${#pids[@]} - 1; i >= 0; i--)); do
-        pid=${pids[i]}
-        [ -n "$pid" ] && _pulse_end "$pid"
-    done
-    rm -rf "$PULSE_TEST_DIR"
-    unset PULSE_TEST_DIR PULSE_SERVER PULSE_RUNTIME_PATH _PULSE_OWNER
-    trap - EXIT INT TERM
-}
-
-pulse_play() {
-    local file=$1 sink=${2:-}
-    [ -r "$file" ] || { echo "pulse-env: cannot read $file" >&2; return 1; }
-    if [ -n "$sink" ]; then
-        paplay -d "$sink" "$file" >/dev/null 2>&1 &
-    else
-        paplay "$file" >/dev/null 2>&1 &
-    fi
-    PULSE_PLAY_PID=$!
-    _pulse_track "$PULSE_PLAY_PID"
 }
 
 pulse_add_sink() {
@@ -170,18 +126,12 @@ pulse_add_sink() {
     pulse_settle
 }
 
-pulse_set_default_sink() {
-    pactl set-default-sink "$1" && echo "$1" >"$PULSE_TEST_DIR/default-sink"
-}
-
-pulse_set_default_source() {
-    pactl set-default-source "$1" && echo "$1" >"$PULSE_TEST_DIR/default-source"
-}
-
-pulse_kill_server() {
-    local pid
-    pid=$(cat "$PULSE_TEST_DIR/daemon.pid" 2>/dev/null) || return 1
-    _pulse_end "$pid" "${1:-TERM}"
+pulse_remove_sink() {
+    local module
+    module=$(pactl list short modules |
+        awk -v arg="sink_name=$1" '$2 == "module-null-sink" { for (i = 3; i <= NF; i++) if ($i == arg) print $1 }')
+    [ -n "$module" ] && pactl unload-module "$module" || return 1
+    sed -i "/^$1 /d" "$PULSE_TEST_DIR/sinks"
 }
 
 pulse_restart_server() {

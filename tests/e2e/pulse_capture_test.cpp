@@ -1,7 +1,8 @@
 // The PulseAudio sources against a real (private) sound server: run through run-capture-e2e.sh, which
 // starts it with pulse-env.sh. Sinks: "speakers" 48 kHz stereo (default), "mic" 44.1 kHz mono whose
 // monitor is the default source. The tests run in file order and leave the server as they found it.
-// A new default sink and a server that goes away and comes back are live-e2e.sh's, through the program.
+// The same against PipeWire with VELQUIN_E2E_SERVER=pipewire. Outputs coming and going while the program
+// listens, the server restarted or stalled: live-e2e.sh and route-e2e.sh, through the program.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -10,6 +11,7 @@
 #include <cmath>
 #include <condition_variable>
 #include <cstdlib>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -45,10 +47,19 @@ class Recorder {
             changed_.notify_all();
         };
         source.onNeedsRestart = [this] { ++restarts; };
-        source.onSampleRateChange = [this](double) { ++rateChanges; };
+        source.onSampleRateChange = [this](double rate) {
+            lastRate = rate;
+            ++rateChanges;
+        };
+        source.onRouteChange = [this](AudioSource::Route route) {
+            std::lock_guard lock(mutex_);
+            routes_.push_back(route);
+            changed_.notify_all();
+        };
     }
 
     std::atomic<int> restarts = 0, rateChanges = 0;
+    std::atomic<double> lastRate = 0;
     size_t frames() {
         std::lock_guard lock(mutex_);
         return samples_.size();
@@ -61,11 +72,21 @@ class Recorder {
         std::unique_lock lock(mutex_);
         return changed_.wait_for(lock, timeout, [&] { return samples_.size() >= count; });
     }
+    // Waits until the last route reported is `route`.
+    bool waitForRoute(AudioSource::Route route, std::chrono::milliseconds timeout) {
+        std::unique_lock lock(mutex_);
+        return changed_.wait_for(lock, timeout, [&] { return !routes_.empty() && routes_.back() == route; });
+    }
+    void clear() {
+        std::lock_guard lock(mutex_);
+        samples_.clear();
+    }
 
   private:
     std::mutex mutex_;
     std::condition_variable changed_;
     std::vector<float> samples_;
+    std::vector<AudioSource::Route> routes_;
 };
 
 struct Tone {
@@ -87,6 +108,15 @@ Tone loudest(const std::vector<float>& x, size_t window, double rate) {
         best = {rms, crossings * rate / double(window)};
     }
     return best;
+}
+
+bool waitUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout) {
+    const auto end = std::chrono::steady_clock::now() + timeout;
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > end) return false;
+        std::this_thread::sleep_for(10ms);
+    }
+    return true;
 }
 
 // Captures while `file` plays into `sink` ("" = default sink); returns what came during the play.
@@ -162,6 +192,34 @@ TEST_F(PulseCapture, MicrophoneCapturesTheDefaultSource) {
     mic.stop();
     EXPECT_EQ(recorder.restarts, 0);
     EXPECT_EQ(recorder.rateChanges, 0);
+}
+
+// A new default sink at another rate, and then no sink at all, and one again: the source follows by
+// itself (no restart asked of its owner), reports each new rate before its samples, and waits meanwhile.
+TEST_F(PulseCapture, SystemAudioFollowsTheDefaultSinkByItself) {
+    SystemAudioSource source;
+    Recorder recorder(source);
+    source.start();
+    ASSERT_EQ(source.sampleRate(), 48000);
+    harness("pulse_add_sink phones 44100 2 && pulse_set_default_sink phones");
+    ASSERT_TRUE(waitUntil([&] { return recorder.rateChanges == 1; }, 5s));
+    EXPECT_EQ(recorder.lastRate, 44100);
+    EXPECT_EQ(source.sampleRate(), 44100);
+    Tone tone = loudest(captureWhilePlaying(recorder, file("mono-300.wav"), "phones", 44100), 22050, 44100);
+    EXPECT_NEAR(tone.rms, 0.5 / std::sqrt(2.0), 0.01) << "not the new default's monitor";
+
+    // Every sink gone (both harnesses' stand-in for unplugging the last output): a wait, not an error.
+    harness("pulse_remove_sink phones && pulse_remove_sink speakers && pulse_remove_sink mic");
+    EXPECT_TRUE(recorder.waitForRoute(AudioSource::Route::waitingForDevice, 5s));
+    harness(
+        "pulse_add_sink speakers 48000 2 && pulse_add_sink mic 44100 1 && pulse_set_default_sink speakers"
+        " && pulse_set_default_source mic.monitor");
+    EXPECT_TRUE(recorder.waitForRoute(AudioSource::Route::capturing, 5s));
+    EXPECT_EQ(source.sampleRate(), 48000);
+    EXPECT_EQ(recorder.lastRate, 48000);
+    EXPECT_TRUE(recorder.waitForFrames(recorder.frames() + 24000, 4s)) << "no samples from the new sink";
+    EXPECT_EQ(recorder.restarts, 0);
+    source.stop();
 }
 
 // Last: it restarts the server.

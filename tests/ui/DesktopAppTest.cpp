@@ -14,6 +14,7 @@
 #include <array>
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -48,6 +49,8 @@ class DesktopAppTest : public ::testing::Test {
     std::vector<QString> helpPaths;
     std::optional<std::string> systemAudioFailure;
     std::optional<QString> chosenFile;
+    int closedAlerts = 0;
+    AudioSource* lastSource = nullptr;  // the service owns it
     std::unique_ptr<DesktopApp> app;
 
     QString settingsPath() const { return dir.filePath(QStringLiteral("Velquin.conf")); }
@@ -64,6 +67,7 @@ class DesktopAppTest : public ::testing::Test {
                     failedSources.push_back(failed);
                     return switchSource;
                 },
+            .closeSourceAlert = [this] { ++closedAlerts; },
             .showFileAlert = [this](const QString& message,
                                     const QString& text) { fileAlerts.emplace_back(message, text); },
             .showFileError = [this](const QString& name,
@@ -83,8 +87,10 @@ class DesktopAppTest : public ::testing::Test {
             .settings = std::make_unique<QSettings>(settingsPath(), QSettings::IniFormat),
             .sourceFactory =
                 [this](AudioSourceKind kind) {
-                    return std::make_unique<test::SilentSource>(
+                    auto source = std::make_unique<test::SilentSource>(
                         kind == AudioSourceKind::systemAudio ? systemAudioFailure : std::nullopt);
+                    lastSource = source.get();
+                    return source;
                 },
             .dialogs = dialogs,
             .playerBus = QDBusConnection(QStringLiteral("no bus")),  // no desktop's players in tests
@@ -246,6 +252,36 @@ TEST_F(DesktopAppTest, StatusLineFollowsPauseSourcesAndErrors) {
     browserOpens = false;
     app->openHelp();
     EXPECT_EQ(helpPaths, std::vector<QString>{DesktopApp::helpPagePath()});
+}
+
+// Runs the event loop until `done`, for at most `seconds`.
+bool pumpUntil(const std::function<bool()>& done, double seconds = 10) {
+    QElapsedTimer timer;
+    timer.start();
+    while (!done()) {
+        if (timer.elapsed() > seconds * 1000) return false;
+        QCoreApplication::processEvents(QEventLoop::AllEvents | QEventLoop::WaitForMoreEvents, 20);
+    }
+    return true;
+}
+
+TEST_F(DesktopAppTest, AMissingOutputIsAWaitThenOneAlertThatCaptureComingBackCloses) {
+    launch();
+    app->service().setGracePeriod(std::chrono::milliseconds(300));
+    lastSource->onRouteChange(AudioSource::Route::waitingForDevice);
+    ASSERT_TRUE(pumpUntil([&] { return statusLine() == "Waiting for an output device\u2026"; }));
+    EXPECT_TRUE(errorAlerts.empty());
+    EXPECT_EQ(view().hint, "waiting\u2026");
+    EXPECT_EQ(app->service().estimate().bpm, 0);
+
+    ASSERT_TRUE(pumpUntil([&] { return !errorAlerts.empty(); }));
+    EXPECT_EQ(errorAlerts[0], "No default output device was found.");
+    ASSERT_TRUE(pumpUntil([&] { return statusLine() == "No default output device was found."; }));
+
+    lastSource->onRouteChange(AudioSource::Route::capturing);
+    ASSERT_TRUE(pumpUntil([&] { return closedAlerts == 1; }));
+    ASSERT_TRUE(pumpUntil([&] { return statusLine() == "Listening to System Audio\u2026"; }));
+    EXPECT_EQ(errorAlerts.size(), 1u);
 }
 
 TEST_F(DesktopAppTest, ADroppedFileShowsOnTheShelfThenInTheBarForAWhile) {
