@@ -124,6 +124,8 @@ std::optional<double> parseNumber(const char* text) {
 Switches read() {
     Switches switches;
     switches.debug = lookup("DEBUG") != nullptr;
+    const char* wayland = lookup("NATIVE_WAYLAND");
+    switches.nativeWayland = wayland != nullptr && *wayland != '\0' && std::strcmp(wayland, "0") != 0;
     overrideTempo(switches.parameters.tempo);
     overrideKey(switches.parameters.key);
     switches.parameters.key.profile = profile();

@@ -33,7 +33,8 @@ void holdClosedStandardStreams() {
 int main(int argc, char** argv) {
     using namespace velquin;
     holdClosedStandardStreams();
-    EngineSettings::install(Environment::read().parameters);
+    const Environment::Switches switches = Environment::read();
+    EngineSettings::install(switches.parameters);
     const std::vector<std::string> arguments(argv, argv + argc);
     const Dispatch dispatch = Dispatch::from(arguments);
     switch (dispatch.mode) {
@@ -50,5 +51,6 @@ int main(int argc, char** argv) {
         case Dispatch::Mode::menuBar:
             break;
     }
-    return runDesktopApp(argc, argv, [](std::string_view line) { Log::write(line); });
+    return runDesktopApp(argc, argv, [](std::string_view line) { Log::write(line); },
+                         {.insistOnWayland = switches.nativeWayland});
 }

@@ -131,14 +131,16 @@ TEST(FileModes, HelpAndMissingDisplay) {
     test::TempDir dir;
     EXPECT_EQ(runVelquin("--help", dir, "", "-u DISPLAY").exitCode, 0);
     // No X display or Wayland socket, or a platform plugin that fails: the bar cannot start.
-    for (const char* environment : {"QT_QPA_PLATFORM=", "QT_QPA_PLATFORM=nonesuch"}) {
+    for (const char* environment :
+         {"QT_QPA_PLATFORM=", "QT_QPA_PLATFORM=nonesuch", "QT_QPA_PLATFORM=wayland"}) {
         for (const char* arguments : {"", "--analyze", "--chroma a.wav"}) {
             const ProgramRun run =
                 runVelquin(arguments, dir, "", std::string("-u DISPLAY -u WAYLAND_DISPLAY ") + environment);
             EXPECT_EQ(run.exitCode, 1) << environment << arguments;
             EXPECT_EQ(run.err,
-                      "Error: no graphical display (set DISPLAY, or use --analyze, --timeline, --chroma or "
-                      "--live; see --help)\n")
+                      "Error: no graphical display: needs an X11 display (DISPLAY) or a Wayland compositor "
+                      "(WAYLAND_DISPLAY) with Qt's Wayland plugin (package qt6-wayland); without a desktop "
+                      "use --analyze, --timeline, --chroma or --live (see --help)\n")
                 << environment << arguments;
         }
     }
