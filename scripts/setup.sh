@@ -13,7 +13,7 @@ VELQUIN_PACKAGES=(
     libgtest-dev libgmock-dev libbenchmark-dev libtag1-dev libsqlite3-dev
     pulseaudio pulseaudio-utils xvfb xauth x11-utils ffmpeg clang libclang-rt-14-dev locales time
     trayer xdotool imagemagick openbox wmctrl dbus desktop-file-utils appstream dbus-daemon
-    mutter xwayland qt6-wayland
+    mutter xwayland qt6-wayland libwayland-dev sway grim
 )
 
 velquin_install_packages() {

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "DesktopApp.h"
+#include "LayerShellBar.h"
 #include "PlatformChoice.h"
 #include "SingleInstance.h"
 #include "XdgPaths.h"
@@ -72,23 +73,29 @@ int runDesktopApp(int argc, char** argv, LogSink log, LaunchOptions options) {
     QApplication::setQuitOnLastWindowClosed(false);
     if (!platformWhy.empty() && log) log(platformWhy);
     const bool nativeWayland = QGuiApplication::platformName().startsWith(QLatin1String("wayland"));
-    if (nativeWayland) {
+    std::unique_ptr<LayerShellBar> layerBar = nativeWayland ? LayerShellBar::create() : nullptr;
+    if (layerBar) {
+        if (log) log("bar: a layer-shell surface on the overlay layer, top right");
+    } else if (nativeWayland) {
         const char* line =
             "Velquin: this Wayland desktop lets the bar be neither placed nor kept above; the reading is in "
             "the panel item (the bar, if shown, stays where the compositor puts it)";
         std::fprintf(stderr, "%s\n", line);
         if (log) log(line);
     }
-
     SingleInstance instance;
     if (!instance.claim()) {
         if (log) log("another Velquin runs; asked it to show its menu");
         return 0;
     }
-    DesktopApp desktop({.log = std::move(log),
-                        .showShelfAtLaunch = options.showShelfAtLaunch,
-                        .barPlaceable = !nativeWayland,
-                        .focusableMenu = !nativeWayland && !qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY")});
+    DesktopApp desktop(
+        {.log = std::move(log),
+         .showShelfAtLaunch = options.showShelfAtLaunch,
+         .barPlaceable = !nativeWayland || layerBar,
+         // Native Wayland menus need no help, except that with a layer-shell bar there is
+         // no window of ours for one to hang from.
+         .focusableMenu = !qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY") && (!nativeWayland || layerBar),
+         .layerBar = std::move(layerBar)});
     instance.onShowRequest = [&desktop] { desktop.showMenu(); };
     QObject::connect(&app, &QCoreApplication::aboutToQuit, &desktop, &DesktopApp::shutDown);
     // Launching inside the loop lets a start-up alert run its own modal loop like any later one.

@@ -36,6 +36,7 @@ DesktopApp::DesktopApp(Options options)
       currentDesktop_(options.currentDesktop ? *options.currentDesktop
                                              : qEnvironmentVariable("XDG_CURRENT_DESKTOP")),
       bar_(std::make_unique<BarWindow>()),
+      layerBar_(std::move(options.layerBar)),
       barPosition_(*bar_, *store_),
       presenter_(menu_.menu(), options.focusableMenu),
       tray_(menu_.menu()),
@@ -135,11 +136,15 @@ void DesktopApp::launch() {
     menu_.build(settings_);
     menu_.setHintText(QLatin1String(barPlaceable_ ? movableHint : fixedHint));
     applyFixedWidth();
-    if (barPlaceable_) {
-        barPosition_.place();
-        barPosition_.watchScreens();
+    if (layerBar_) {
+        attachLayerBar();
+    } else {
+        if (barPlaceable_) {
+            barPosition_.place();
+            barPosition_.watchScreens();
+        }
+        bar_->setVisible(settings_.floatBar);
     }
-    bar_->setVisible(settings_.floatBar);
     tray_.onTrigger = [this] { presenter_.popup(QCursor::pos()); };
     menu_.menu().insertAction(menu_.items().helpItem, panel_.loginItem());
     subscribe([this](const Reading& reading) { panel_.update(reading, settings_); });
@@ -198,6 +203,28 @@ void DesktopApp::toggleMenu() {
     presenter_.toggle(menuPoint());
 }
 
+void DesktopApp::attachLayerBar() {
+    layerBar_->onClick = [this] { toggleMenu(); };
+    layerBar_->onMoved = [this](int margin) { storeBarMargin(*store_, layerBar_->outputName(), margin); };
+    layerBar_->onOutput = [this](const QString& output) {
+        layerBar_->setMargin(storedBarMargin(*store_, output).value_or(barPlacement::margin));
+    };
+    showLayerBar();
+}
+
+void DesktopApp::showLayerBar() {
+    if (!layerBar_) return;
+    if (!settings_.floatBar) {
+        layerBar_->hide();
+        return;
+    }
+    // The hidden bar window draws what the layer surface shows.
+    QImage image(bar_->size(), QImage::Format_ARGB32_Premultiplied);
+    image.fill(Qt::transparent);
+    bar_->render(&image);
+    layerBar_->show(image);
+}
+
 void DesktopApp::noPanelHost() {
     // GNOME shows panel items only with the AppIndicator extension; its users are told once.
     if (!currentDesktop_.split(QLatin1Char(':')).contains(QLatin1String("GNOME"), Qt::CaseInsensitive))
@@ -228,6 +255,7 @@ void DesktopApp::publish() {
     const QString windowTitle = reading_.status + QStringLiteral(" \u2014 Velquin");
     if (bar_->windowTitle() != windowTitle) bar_->setWindowTitle(windowTitle);
     tray_.update(reading_);
+    showLayerBar();
     menu_.keepOnScreen();
     for (const auto& display : displays_) display(reading_);
 }
@@ -297,6 +325,7 @@ void DesktopApp::applyFixedWidth() {
     bar_->setLength(view.preferredWidth());
     if (placed) bar_->move(right + 1 - bar_->width(), bar_->y());
     view.update();
+    showLayerBar();
 }
 
 void DesktopApp::applyRange(TempoRange range) {

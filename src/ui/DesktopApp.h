@@ -21,6 +21,7 @@
 #include "Dialogs.h"
 #include "DisplaySettings.h"
 #include "DropCoordinator.h"
+#include "LayerShellBar.h"
 #include "LibraryTrackCache.h"
 #include "LogSink.h"
 #include "MenuPresenter.h"
@@ -57,6 +58,8 @@ class DesktopApp : public QObject {
         bool barPlaceable = true;
         // The menu as a focused window of its own rather than a grabbing popup (XWayland).
         bool focusableMenu = false;
+        // On a layer-shell compositor: the bar as a layer surface, drawn by the (hidden) bar window.
+        std::unique_ptr<LayerShellBar> layerBar = {};
         // The desktop's names (XDG_CURRENT_DESKTOP); read from the environment when empty.
         std::optional<QString> currentDesktop = {};
     };
@@ -130,6 +133,7 @@ class DesktopApp : public QObject {
     QSystemTrayIcon* trayIcon() { return tray_.icon(); }
     ProgressWindow* progressWindow() { return menuAnalysis_.window(); }
     PanelPresence& panel() { return panel_; }
+    LayerShellBar* layerBar() { return layerBar_.get(); }
     MenuPresenter& menuPresenter() { return presenter_; }
 
     // The help page shipped beside the program, or installed with it.
@@ -147,6 +151,8 @@ class DesktopApp : public QObject {
     void droppedResult(const QString& name, const std::optional<FileAnalysisResult>& result);
     QPoint menuPoint() const;
     void noPanelHost();
+    void attachLayerBar();
+    void showLayerBar();
 
     LogSink log_;
     std::unique_ptr<QSettings> store_;
@@ -158,6 +164,7 @@ class DesktopApp : public QObject {
     QString currentDesktop_;
 
     std::unique_ptr<BarWindow> bar_;
+    std::unique_ptr<LayerShellBar> layerBar_;
     BarPosition barPosition_;
     AppMenu menu_;
     MenuPresenter presenter_;

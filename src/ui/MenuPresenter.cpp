@@ -26,6 +26,10 @@ void MenuPresenter::toggle(QPoint at) {
 }
 
 void MenuPresenter::popup(QPoint at) {
+    // On Wayland the menu is a window of its own there; a fixed size makes tiling compositors float it.
+    if (focusable_ && QGuiApplication::platformName().startsWith(QLatin1String("wayland"))) {
+        menu_.setFixedSize(menu_.sizeHint());
+    }
     menu_.popup(at);
     if (!focusable_) return;
     menu_.raise();

@@ -1,0 +1,401 @@
+#include "LayerShellBar.h"
+
+#include <linux/input-event-codes.h>
+#include <sys/mman.h>
+#include <unistd.h>
+#include <wayland-client.h>
+
+#include <QApplication>
+#include <QSocketNotifier>
+#include <QTimer>
+#include <algorithm>
+#include <array>
+#include <climits>
+#include <cmath>
+#include <cstring>
+#include <vector>
+
+#include "BarPlacement.h"
+#include "LayerShellProtocol.h"
+
+namespace velquin {
+
+using layerShell::zwlr_layer_shell_v1;
+using layerShell::zwlr_layer_surface_v1;
+
+namespace {
+
+struct Output {
+    wl_output* output = nullptr;
+    uint32_t id = 0;
+    QString name;
+    int width = 0;
+};
+
+}  // namespace
+
+struct LayerShellBar::State {
+    struct Buffer {
+        State* state = nullptr;
+        wl_buffer* buffer = nullptr;
+        uchar* data = nullptr;
+        size_t bytes = 0;
+        QSize size;
+        bool busy = false;
+    };
+
+    LayerShellBar* owner = nullptr;
+    wl_display* display = nullptr;
+    wl_registry* registry = nullptr;
+    wl_compositor* compositor = nullptr;
+    wl_shm* shm = nullptr;
+    zwlr_layer_shell_v1* shell = nullptr;
+    wl_seat* seat = nullptr;
+    wl_pointer* pointer = nullptr;
+    std::vector<std::unique_ptr<Output>> outputs;
+    Output* on = nullptr;
+
+    wl_surface* surface = nullptr;
+    zwlr_layer_surface_v1* layer = nullptr;
+    bool configured = false;
+    bool drawPending = false;
+    QImage image;
+    std::array<Buffer, 2> buffers;
+    int margin = barPlacement::margin;
+
+    bool inside = false;
+    bool pressed = false;
+    bool moving = false;
+    double x = 0, y = 0;            // pointer, surface coordinates
+    double pressX = 0, pressY = 0;  // where the press was, surface coordinates
+    std::unique_ptr<QSocketNotifier> notifier;
+
+    ~State();
+    void flush() { wl_display_flush(display); }
+    void createSurface();
+    void destroySurface();
+    void applyMargin();
+    void draw();
+    Buffer* freeBuffer(QSize size);
+    void dropBuffer(Buffer& b);
+    int widest() const { return on && on->width > 0 ? std::max(0, on->width - image.width()) : INT_MAX; }
+};
+
+namespace {
+
+using State = LayerShellBar::State;
+
+void outputGeometry(void*, wl_output*, int32_t, int32_t, int32_t, int32_t, int32_t, const char*, const char*,
+                    int32_t) {}
+void outputMode(void* data, wl_output*, uint32_t flags, int32_t width, int32_t, int32_t) {
+    if (flags & WL_OUTPUT_MODE_CURRENT) static_cast<Output*>(data)->width = width;
+}
+void outputDone(void*, wl_output*) {}
+void outputScale(void*, wl_output*, int32_t) {}
+void outputName(void* data, wl_output*, const char* name) {
+    static_cast<Output*>(data)->name = QString::fromUtf8(name);
+}
+void outputDescription(void*, wl_output*, const char*) {}
+const wl_output_listener outputListener = {outputGeometry, outputMode, outputDone,
+                                           outputScale,    outputName, outputDescription};
+
+void pointerEnter(void* data, wl_pointer*, uint32_t, wl_surface* surface, wl_fixed_t x, wl_fixed_t y) {
+    auto* s = static_cast<State*>(data);
+    s->inside = surface == s->surface && surface != nullptr;
+    s->x = wl_fixed_to_double(x);
+    s->y = wl_fixed_to_double(y);
+}
+void pointerLeave(void* data, wl_pointer*, uint32_t, wl_surface*) {
+    static_cast<State*>(data)->inside = false;
+}
+void pointerMotion(void* data, wl_pointer*, uint32_t, wl_fixed_t x, wl_fixed_t y) {
+    auto* s = static_cast<State*>(data);
+    s->x = wl_fixed_to_double(x);
+    s->y = wl_fixed_to_double(y);
+    if (!s->pressed) return;
+    // The surface follows the pointer, so the pointer's distance from where it pressed, in surface
+    // coordinates, is how far the bar still has to go.
+    const double dx = s->x - s->pressX;
+    if (!s->moving && std::abs(dx) + std::abs(s->y - s->pressY) < QApplication::startDragDistance()) return;
+    s->moving = true;
+    const int wanted = std::clamp(s->margin - static_cast<int>(std::lround(dx)), 0, s->widest());
+    if (wanted == s->margin) return;
+    s->margin = wanted;
+    s->applyMargin();
+}
+void pointerButton(void* data, wl_pointer*, uint32_t, uint32_t, uint32_t button, uint32_t state) {
+    auto* s = static_cast<State*>(data);
+    const bool down = state == WL_POINTER_BUTTON_STATE_PRESSED;
+    if (button == BTN_RIGHT && down && s->inside && s->owner->onClick) {
+        s->owner->onClick();
+        return;
+    }
+    if (button != BTN_LEFT) return;
+    if (down) {
+        if (!s->inside) return;
+        s->pressed = true;
+        s->moving = false;
+        s->pressX = s->x;
+        s->pressY = s->y;
+        return;
+    }
+    if (!s->pressed) return;
+    s->pressed = false;
+    LayerShellBar* owner = s->owner;
+    if (s->moving) {
+        s->moving = false;
+        if (owner->onMoved) owner->onMoved(s->margin);
+    } else if (owner->onClick) {
+        // After this dispatch: the menu may run a loop of its own.
+        QTimer::singleShot(0, owner, [owner] {
+            if (owner->onClick) owner->onClick();
+        });
+    }
+}
+void pointerAxis(void*, wl_pointer*, uint32_t, uint32_t, wl_fixed_t) {}
+const wl_pointer_listener pointerListener = {pointerEnter, pointerLeave, pointerMotion, pointerButton,
+                                             pointerAxis,  nullptr,      nullptr,       nullptr,
+                                             nullptr,      nullptr};
+
+void seatCapabilities(void* data, wl_seat* seat, uint32_t capabilities) {
+    auto* s = static_cast<State*>(data);
+    const bool hasPointer = capabilities & WL_SEAT_CAPABILITY_POINTER;
+    if (hasPointer && !s->pointer) {
+        s->pointer = wl_seat_get_pointer(seat);
+        wl_pointer_add_listener(s->pointer, &pointerListener, s);
+    } else if (!hasPointer && s->pointer) {
+        wl_pointer_destroy(s->pointer);
+        s->pointer = nullptr;
+    }
+}
+void seatName(void*, wl_seat*, const char*) {}
+const wl_seat_listener seatListener = {seatCapabilities, seatName};
+
+void registryGlobal(void* data, wl_registry* registry, uint32_t id, const char* interface, uint32_t version) {
+    auto* s = static_cast<State*>(data);
+    const auto bind = [&](const wl_interface* type, uint32_t highest) {
+        return wl_registry_bind(registry, id, type, std::min(version, highest));
+    };
+    if (std::strcmp(interface, wl_compositor_interface.name) == 0) {
+        s->compositor = static_cast<wl_compositor*>(bind(&wl_compositor_interface, 4));
+    } else if (std::strcmp(interface, wl_shm_interface.name) == 0) {
+        s->shm = static_cast<wl_shm*>(bind(&wl_shm_interface, 1));
+    } else if (std::strcmp(interface, zwlr_layer_shell_v1_interface.name) == 0) {
+        s->shell = static_cast<zwlr_layer_shell_v1*>(bind(&zwlr_layer_shell_v1_interface, 1));
+    } else if (std::strcmp(interface, wl_seat_interface.name) == 0 && !s->seat) {
+        s->seat = static_cast<wl_seat*>(bind(&wl_seat_interface, 1));
+        wl_seat_add_listener(s->seat, &seatListener, s);
+    } else if (std::strcmp(interface, wl_output_interface.name) == 0) {
+        auto output = std::make_unique<Output>();
+        output->id = id;
+        output->output = static_cast<wl_output*>(bind(&wl_output_interface, 4));
+        wl_output_add_listener(output->output, &outputListener, output.get());
+        s->outputs.push_back(std::move(output));
+    }
+}
+void registryRemove(void* data, wl_registry*, uint32_t id) {
+    auto* s = static_cast<State*>(data);
+    const auto gone =
+        std::find_if(s->outputs.begin(), s->outputs.end(), [id](auto& o) { return o->id == id; });
+    if (gone == s->outputs.end()) return;
+    if (s->on == gone->get()) s->on = nullptr;
+    wl_output_destroy((*gone)->output);
+    s->outputs.erase(gone);
+}
+const wl_registry_listener registryListener = {registryGlobal, registryRemove};
+
+void surfaceEnter(void* data, wl_surface*, wl_output* output) {
+    auto* s = static_cast<State*>(data);
+    for (auto& o : s->outputs) {
+        if (o->output != output || s->on == o.get()) continue;
+        s->on = o.get();
+        if (s->owner->onOutput) s->owner->onOutput(o->name);
+    }
+}
+void surfaceLeave(void*, wl_surface*, wl_output*) {}
+const wl_surface_listener surfaceListener = {surfaceEnter, surfaceLeave};
+
+void layerConfigure(void* data, zwlr_layer_surface_v1* layer, uint32_t serial, uint32_t, uint32_t) {
+    auto* s = static_cast<State*>(data);
+    layerShell::ackConfigure(layer, serial);
+    s->configured = true;
+    s->draw();
+}
+void layerClosed(void* data, zwlr_layer_surface_v1*) {
+    // The compositor took it away (its output went): a new one goes where the compositor says.
+    auto* s = static_cast<State*>(data);
+    s->destroySurface();
+    QTimer::singleShot(0, s->owner, [s] {
+        if (!s->surface && !s->image.isNull()) s->createSurface();
+    });
+}
+const layerShell::SurfaceListener layerListener = {layerConfigure, layerClosed};
+
+void bufferRelease(void* data, wl_buffer*) {
+    auto* b = static_cast<State::Buffer*>(data);
+    b->busy = false;
+    if (b->state->drawPending) b->state->draw();
+}
+const wl_buffer_listener bufferListener = {bufferRelease};
+
+}  // namespace
+
+LayerShellBar::State::~State() {
+    destroySurface();
+    for (Buffer& b : buffers) dropBuffer(b);
+    if (pointer) wl_pointer_destroy(pointer);
+    if (seat) wl_seat_destroy(seat);
+    for (auto& o : outputs) wl_output_destroy(o->output);
+    if (shell) wl_proxy_destroy(reinterpret_cast<wl_proxy*>(shell));
+    if (shm) wl_shm_destroy(shm);
+    if (compositor) wl_compositor_destroy(compositor);
+    if (registry) wl_registry_destroy(registry);
+    if (display) wl_display_disconnect(display);
+}
+
+void LayerShellBar::State::createSurface() {
+    surface = wl_compositor_create_surface(compositor);
+    wl_surface_add_listener(surface, &surfaceListener, this);
+    layer = layerShell::getLayerSurface(shell, surface, nullptr, layerShell::overlay, "velquin");
+    layerShell::addListener(layer, &layerListener, this);
+    layerShell::setSize(layer, static_cast<uint32_t>(image.width()), static_cast<uint32_t>(image.height()));
+    layerShell::setAnchor(layer, layerShell::anchorTop | layerShell::anchorRight);
+    layerShell::setKeyboardInteractivity(layer, 0);
+    layerShell::setMargin(layer, barPlacement::titleBarAllowance, margin, 0, 0);
+    // The first commit carries no buffer; the configure that answers it lets the bar draw.
+    wl_surface_commit(surface);
+    flush();
+}
+
+void LayerShellBar::State::destroySurface() {
+    if (layer) layerShell::destroy(layer);
+    if (surface) wl_surface_destroy(surface);
+    layer = nullptr;
+    surface = nullptr;
+    configured = false;
+    inside = pressed = moving = false;
+    if (display) flush();
+}
+
+void LayerShellBar::State::applyMargin() {
+    if (!layer) return;
+    layerShell::setMargin(layer, barPlacement::titleBarAllowance, margin, 0, 0);
+    wl_surface_commit(surface);
+    flush();
+}
+
+void LayerShellBar::State::dropBuffer(Buffer& b) {
+    if (b.buffer) wl_buffer_destroy(b.buffer);
+    if (b.data) munmap(b.data, b.bytes);
+    b = Buffer{};
+}
+
+State::Buffer* LayerShellBar::State::freeBuffer(QSize size) {
+    for (Buffer& b : buffers) {
+        if (b.busy) continue;
+        if (b.buffer && b.size == size) return &b;
+        dropBuffer(b);
+        const int stride = size.width() * 4;
+        const size_t bytes = static_cast<size_t>(stride) * size.height();
+        const int fd = memfd_create("velquin-bar", MFD_CLOEXEC);
+        if (fd < 0) return nullptr;
+        void* data = ftruncate(fd, static_cast<off_t>(bytes)) == 0
+                         ? mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0)
+                         : MAP_FAILED;
+        if (data == MAP_FAILED) {
+            close(fd);
+            return nullptr;
+        }
+        wl_shm_pool* pool = wl_shm_create_pool(shm, fd, static_cast<int32_t>(bytes));
+        b.buffer =
+            wl_shm_pool_create_buffer(pool, 0, size.width(), size.height(), stride, WL_SHM_FORMAT_ARGB8888);
+        wl_shm_pool_destroy(pool);
+        close(fd);
+        b.state = this;
+        b.data = static_cast<uchar*>(data);
+        b.bytes = bytes;
+        b.size = size;
+        wl_buffer_add_listener(b.buffer, &bufferListener, &b);
+        return &b;
+    }
+    return nullptr;
+}
+
+void LayerShellBar::State::draw() {
+    if (!configured || image.isNull()) return;
+    Buffer* b = freeBuffer(image.size());
+    drawPending = b == nullptr;
+    if (!b) return;
+    // ARGB8888 is premultiplied, in native byte order: Qt's ARGB32_Premultiplied on this machine.
+    const QImage pixels = image.convertToFormat(QImage::Format_ARGB32_Premultiplied);
+    for (int row = 0; row < pixels.height(); ++row)
+        std::memcpy(b->data + static_cast<size_t>(row) * pixels.width() * 4, pixels.constScanLine(row),
+                    static_cast<size_t>(pixels.width()) * 4);
+    layerShell::setSize(layer, static_cast<uint32_t>(image.width()), static_cast<uint32_t>(image.height()));
+    wl_surface_attach(surface, b->buffer, 0, 0);
+    wl_surface_damage(surface, 0, 0, image.width(), image.height());
+    wl_surface_commit(surface);
+    b->busy = true;
+    flush();
+}
+
+std::unique_ptr<LayerShellBar> LayerShellBar::create() {
+    auto state = std::make_unique<State>();
+    state->display = wl_display_connect(nullptr);
+    if (!state->display) return nullptr;
+    state->registry = wl_display_get_registry(state->display);
+    wl_registry_add_listener(state->registry, &registryListener, state.get());
+    // The globals, then what the seat and the outputs say about themselves.
+    if (wl_display_roundtrip(state->display) < 0 || !state->compositor || !state->shm || !state->shell)
+        return nullptr;
+    wl_display_roundtrip(state->display);
+    return std::unique_ptr<LayerShellBar>(new LayerShellBar(std::move(state)));
+}
+
+LayerShellBar::LayerShellBar(std::unique_ptr<State> state) : state_(std::move(state)) {
+    state_->owner = this;
+    State* s = state_.get();
+    s->notifier = std::make_unique<QSocketNotifier>(wl_display_get_fd(s->display), QSocketNotifier::Read);
+    connect(s->notifier.get(), &QSocketNotifier::activated, this, [s] {
+        // A compositor that went away leaves the bar to the panel item.
+        if (wl_display_dispatch(s->display) < 0) s->notifier->setEnabled(false);
+    });
+}
+
+LayerShellBar::~LayerShellBar() = default;
+
+void LayerShellBar::show(const QImage& image) {
+    State& s = *state_;
+    if (image == s.image && s.surface) return;
+    s.image = image;
+    if (image.isNull()) return;
+    if (!s.surface) {
+        s.createSurface();
+        return;
+    }
+    s.margin = std::min(s.margin, s.widest());
+    s.draw();
+}
+
+void LayerShellBar::hide() {
+    state_->destroySurface();
+}
+
+bool LayerShellBar::isShown() const {
+    return state_->surface != nullptr;
+}
+
+void LayerShellBar::setMargin(int right) {
+    state_->margin = std::clamp(right, 0, state_->widest());
+    state_->applyMargin();
+}
+
+int LayerShellBar::margin() const {
+    return state_->margin;
+}
+
+QString LayerShellBar::outputName() const {
+    return state_->on ? state_->on->name : QString();
+}
+
+}  // namespace velquin
