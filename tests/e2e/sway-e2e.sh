@@ -1,0 +1,140 @@
+#!/usr/bin/env bash
+# The desktop application on a wlroots compositor without XWayland: sway on its headless back end
+# (WLR_BACKENDS=headless, software rendering), a private PulseAudio, no X display at all:
+#
+#   tests/e2e/sway-e2e.sh OUTDIR
+#
+# Checks (exit 1 when one fails): the bar is a layer-shell surface (the log says so) drawn at the top
+# right of the output, the margin stored for that output puts it where it was left, a click elsewhere
+# closes the first-launch menu, and the menu opens again from a click on the bar.
+#
+#   OUTDIR/sway-bar.png    the top right of the output with the bar (2x)
+#   OUTDIR/sway-menu.png   the menu opened from the bar
+#   OUTDIR/velquin-sway.log, velquin-sway.out
+#
+# sway refuses to run as root, so under root it runs as "nobody". Input comes from `swaymsg seat …
+# cursor`, with a virtual pointer (ui_virtual_pointer) giving the headless seat a pointer at all.
+# Environment: VELQUIN_BIN, VIRTUAL_POINTER_BIN. Exit 77 when sway, grim or a tool is missing.
+set -euo pipefail
+
+ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
+OUT=${1:?usage: tests/e2e/sway-e2e.sh OUTDIR}
+mkdir -p "$OUT"
+OUT=$(cd "$OUT" && pwd)
+VELQUIN=${VELQUIN_BIN:-$ROOT/build/velquin}
+POINTER=${VIRTUAL_POINTER_BIN:-$(dirname "$VELQUIN")/tests/ui_virtual_pointer}
+
+skip() { echo "sway-e2e: $*" >&2; exit 77; }
+for tool in sway swaymsg grim convert setpriv; do command -v "$tool" >/dev/null || skip "$tool is missing"; done
+ls /usr/lib/*/qt6/plugins/platforms/libqwayland-generic.so >/dev/null 2>&1 || skip "no Qt Wayland plugin"
+[ -x "$VELQUIN" ] || skip "no program at $VELQUIN"
+[ -x "$POINTER" ] || skip "no virtual pointer at $POINTER"
+
+WORK=$(mktemp -d -t velquin-sway.XXXXXX)
+chmod 755 "$WORK"
+pids=()
+cleanup() {
+    local i
+    for ((i = ${#pids[@]} - 1; i >= 0; i--)); do
+        kill "${pids[i]}" 2>/dev/null || true
+        wait "${pids[i]}" 2>/dev/null || true
+    done
+    if declare -F pulse_stop >/dev/null; then pulse_stop || true; fi
+    rm -rf "$WORK"
+}
+trap cleanup EXIT
+
+. "$ROOT/tests/e2e/pulse-env.sh"
+pulse_available || skip "PulseAudio is missing"
+pulse_start
+trap cleanup EXIT
+
+status=0
+fail() { echo "FAIL (sway): $*" >&2; status=1; }
+ok() { echo "ok: $*"; }
+
+RUNTIME=$WORK/runtime
+mkdir -m 700 "$RUNTIME"
+printf 'output HEADLESS-1 resolution 1280x720 background #303030 solid_color\n' >"$WORK/sway.config"
+as_user=()
+if [ "$(id -u)" = 0 ]; then
+    chown nobody "$RUNTIME"
+    as_user=(setpriv --reuid=nobody --regid=nogroup --clear-groups)
+fi
+"${as_user[@]}" env -i PATH="$PATH" HOME="$WORK" XDG_RUNTIME_DIR="$RUNTIME" WLR_BACKENDS=headless \
+    WLR_LIBINPUT_NO_DEVICES=1 WLR_RENDERER=pixman WAYLAND_DISPLAY=velquin-sway \
+    sway -c "$WORK/sway.config" >"$WORK/sway.log" 2>&1 &
+pids+=($!)
+for _ in $(seq 50); do ls "$RUNTIME"/sway-ipc.*.sock >/dev/null 2>&1 && break; sleep 0.1; done
+SWAYSOCK=$(ls "$RUNTIME"/sway-ipc.*.sock 2>/dev/null | head -1)
+[ -n "$SWAYSOCK" ] || { cat "$WORK/sway.log" >&2; skip "sway did not start"; }
+WL=$(basename "$(ls "$RUNTIME"/wayland-* | grep -v lock | head -1)")
+export SWAYSOCK XDG_RUNTIME_DIR=$RUNTIME WAYLAND_DISPLAY=$WL
+unset DISPLAY QT_QPA_PLATFORM
+export XDG_SESSION_TYPE=wayland XDG_CURRENT_DESKTOP=sway
+export HOME=$WORK/home XDG_CONFIG_HOME=$WORK/home/.config XDG_STATE_HOME=$WORK/home/.local/state
+export XDG_CACHE_HOME=$WORK/home/.cache DBUS_SESSION_BUS_ADDRESS=unix:path=$WORK/no-session-bus
+mkdir -p "$HOME"
+cursor() { swaymsg "seat seat0 cursor $*" >/dev/null; sleep 0.15; }
+pixel() { convert "$1" -format "%[hex:p{$2,$3}]" info: | cut -c1-6; }
+
+# --- a first launch: the bar at the top right, the menu open --------------------------------------------
+"$VELQUIN" >"$WORK/velquin.out" 2>&1 &
+vpid=$!
+pids+=($vpid)
+sleep 3
+log=$XDG_STATE_HOME/Velquin/Velquin.log
+grep -q "bar: a layer-shell surface on the overlay layer" "$log" && ok "the bar is a layer-shell surface" ||
+    fail "no layer-shell bar in the log"
+grep -q "neither placed nor kept above" "$WORK/velquin.out" && fail "a layer-shell desktop told it cannot place the bar"
+grim "$WORK/first.png"
+# The bar: 22 px high, its right edge 8 px from the output's, its top 48 px down. Outside it the
+# background's grey.
+[ "$(pixel "$WORK/first.png" 1265 59)" != 303030 ] && [ "$(pixel "$WORK/first.png" 1276 59)" = 303030 ] &&
+    [ "$(pixel "$WORK/first.png" 1265 44)" = 303030 ] && ok "the bar is drawn at the top right" ||
+    fail "no bar at the top right"
+convert "$WORK/first.png" -crop 260x110+1020+0 +repage -scale 200% "$OUT/sway-bar.png"
+
+# A click away from the menu closes it; a click on the bar opens it again. A virtual pointer gives the
+# headless seat a pointer for the clicks.
+"$POINTER" 1280 720 wait 6000 &
+pids+=($!)
+sleep 0.5
+cursor set 60 650
+cursor press button1
+cursor release button1
+sleep 0.5
+grim "$WORK/closed.png"
+cursor set 1230 59
+cursor press button1
+cursor release button1
+sleep 1
+grim "$WORK/menu.png"
+convert "$WORK/menu.png" -crop 520x560+380+80 +repage "$OUT/sway-menu.png"
+# The menu, wherever sway floats it, is light where the background was grey.
+menu_pixels() { convert "$1" -crop 1280x600+0+100 +repage -fill black +opaque '#303030' -format '%[fx:mean*w*h]' info: | cut -d. -f1; }
+grey_closed=$(menu_pixels "$WORK/closed.png")
+grey_open=$(menu_pixels "$WORK/menu.png")
+[ "$grey_open" -lt $((grey_closed - 1000)) ] && ok "a click on the bar opened the menu" ||
+    fail "no menu after a click on the bar ($grey_closed / $grey_open)"
+grey_first=$(menu_pixels "$WORK/first.png")
+[ "$grey_closed" -gt $((grey_first + 1000)) ] && ok "a click elsewhere closed the first-launch menu" ||
+    fail "the first-launch menu stayed open ($grey_first / $grey_closed)"
+kill "$vpid"; wait "$vpid" 2>/dev/null || true
+
+# --- the margin stored for this output puts the bar there ------------------------------------------------
+output=$(swaymsg -t get_outputs | sed -n 's/.*"name": "\([^"]*\)".*/\1/p' | head -1)
+printf 'barMargin/%s=300\n' "$output" >>"$XDG_CONFIG_HOME/Velquin/Velquin.conf"
+"$VELQUIN" >>"$WORK/velquin.out" 2>&1 &
+vpid=$!
+pids+=($vpid)
+sleep 3
+grim "$WORK/moved.png"
+[ "$(pixel "$WORK/moved.png" $((1280 - 300 - 15)) 59)" != 303030 ] &&
+    [ "$(pixel "$WORK/moved.png" 1265 59)" = 303030 ] && ok "the bar sits 300 px from the right edge of $output" ||
+    fail "the stored margin of $output was not applied"
+
+cp "$log" "$OUT/velquin-sway.log" 2>/dev/null || true
+cp "$WORK/velquin.out" "$OUT/velquin-sway.out"
+[ "$status" = 0 ] || { cat "$WORK/velquin.out" >&2; tail -n 20 "$log" >&2 || true; }
+exit $status
