@@ -78,6 +78,10 @@ mkdir -p "$HOME"
 cursor() { swaymsg "seat seat0 cursor $*" >/dev/null; sleep 0.15; }
 pixel() { convert "$1" -format "%[hex:p{$2,$3}]" info: | cut -c1-6; }
 
+# Music for the screenshots: an A minor chord with a click every half second (120 BPM).
+ffmpeg -v error -f lavfi -i "aevalsrc='0.12*sin(2*PI*110*t)+0.1*sin(2*PI*220*t)+0.08*sin(2*PI*261.63*t)+0.08*sin(2*PI*329.63*t)+0.6*exp(-200*mod(t,0.5))*sin(2*PI*1800*t)':s=44100:d=40" \
+    -ac 2 "$WORK/fixture.wav" && pulse_play "$WORK/fixture.wav"
+
 # --- a first launch: the bar at the top right, the menu open --------------------------------------------
 "$VELQUIN" >"$WORK/velquin.out" 2>&1 &
 vpid=$!
@@ -93,7 +97,6 @@ grim "$WORK/first.png"
 [ "$(pixel "$WORK/first.png" 1265 59)" != 303030 ] && [ "$(pixel "$WORK/first.png" 1276 59)" = 303030 ] &&
     [ "$(pixel "$WORK/first.png" 1265 44)" = 303030 ] && ok "the bar is drawn at the top right" ||
     fail "no bar at the top right"
-convert "$WORK/first.png" -crop 260x110+1020+0 +repage -scale 200% "$OUT/sway-bar.png"
 
 # A click away from the menu closes it; a click on the bar opens it again. A virtual pointer gives the
 # headless seat a pointer for the clicks.
@@ -110,6 +113,7 @@ cursor press button1
 cursor release button1
 sleep 1
 grim "$WORK/menu.png"
+convert "$WORK/menu.png" -crop 200x90+1080+0 +repage -scale 200% "$OUT/sway-bar.png"
 convert "$WORK/menu.png" -crop 520x560+380+80 +repage "$OUT/sway-menu.png"
 # The menu, wherever sway floats it, is light where the background was grey.
 menu_pixels() { convert "$1" -crop 1280x600+0+100 +repage -fill black +opaque '#303030' -format '%[fx:mean*w*h]' info: | cut -d. -f1; }

@@ -97,6 +97,10 @@ for _ in $(seq 50); do grep -q platform "$WORK/plain.out" && break; sleep 0.1; d
 grep -q "platform wayland" "$WORK/plain.out" || fail "the test window is not a Wayland client: $(cat "$WORK/plain.out")"
 sleep 1
 
+# Music for the screenshots: an A minor chord with a click every half second (120 BPM).
+ffmpeg -v error -f lavfi -i "aevalsrc='0.12*sin(2*PI*110*t)+0.1*sin(2*PI*220*t)+0.08*sin(2*PI*261.63*t)+0.08*sin(2*PI*329.63*t)+0.6*exp(-200*mod(t,0.5))*sin(2*PI*1800*t)':s=44100:d=40" \
+    -ac 2 "$WORK/fixture.wav" && pulse_play "$WORK/fixture.wav"
+
 # The GNOME session of Debian 12, with QT_QPA_PLATFORM=wayland set for all programs.
 env DISPLAY="$XW" XAUTHORITY="$XAUTH" WAYLAND_DISPLAY="$WL" XDG_SESSION_TYPE=wayland \
     XDG_CURRENT_DESKTOP=GNOME QT_QPA_PLATFORM=wayland "$VELQUIN" >"$WORK/velquin.out" 2>&1 &
