@@ -4,11 +4,13 @@
 #include <QCursor>
 #include <QFileInfo>
 #include <QGuiApplication>
+#include <QMimeData>
 #include <QScreen>
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
 
+#include "BarDropTarget.h"
 #include "ReadingText.h"
 
 #ifndef VELQUIN_INSTALLED_HELP
@@ -205,6 +207,11 @@ void DesktopApp::toggleMenu() {
 
 void DesktopApp::attachLayerBar() {
     layerBar_->onClick = [this] { toggleMenu(); };
+    layerBar_->onDrop = [this](const QList<QUrl>& urls) {
+        QMimeData dragged;
+        dragged.setUrls(urls);
+        if (const std::optional<QUrl> url = BarDropTarget::audioURL(&dragged)) drops_.analyzeDropped(*url);
+    };
     layerBar_->onMoved = [this](int margin) { storeBarMargin(*store_, layerBar_->outputName(), margin); };
     layerBar_->onOutput = [this](const QString& output) {
         layerBar_->setMargin(storedBarMargin(*store_, output).value_or(barPlacement::margin));

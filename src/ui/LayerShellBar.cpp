@@ -1,6 +1,8 @@
 #include "LayerShellBar.h"
 
+#include <fcntl.h>
 #include <linux/input-event-codes.h>
+#include <poll.h>
 #include <sys/mman.h>
 #include <unistd.h>
 #include <wayland-client.h>
@@ -52,6 +54,10 @@ struct LayerShellBar::State {
     zwlr_layer_shell_v1* shell = nullptr;
     wl_seat* seat = nullptr;
     wl_pointer* pointer = nullptr;
+    wl_data_device_manager* dataManager = nullptr;
+    wl_data_device* dataDevice = nullptr;
+    wl_data_offer* offer = nullptr;  // of the drag over the bar
+    bool offerHasUris = false;
     std::vector<std::unique_ptr<Output>> outputs;
     Output* on = nullptr;
 
@@ -72,6 +78,9 @@ struct LayerShellBar::State {
 
     ~State();
     void flush() { wl_display_flush(display); }
+    void watchDrops();
+    void dropOffer();
+    QList<QUrl> receiveUris();
     void createSurface();
     void destroySurface();
     void applyMargin();
@@ -171,6 +180,58 @@ void seatCapabilities(void* data, wl_seat* seat, uint32_t capabilities) {
 void seatName(void*, wl_seat*, const char*) {}
 const wl_seat_listener seatListener = {seatCapabilities, seatName};
 
+constexpr const char* uriList = "text/uri-list";
+
+void offerMime(void* data, wl_data_offer*, const char* mime) {
+    if (std::strcmp(mime, uriList) == 0) static_cast<State*>(data)->offerHasUris = true;
+}
+void offerSourceActions(void*, wl_data_offer*, uint32_t) {}
+void offerAction(void*, wl_data_offer*, uint32_t) {}
+const wl_data_offer_listener offerListener = {offerMime, offerSourceActions, offerAction};
+
+void dataOffer(void* data, wl_data_device*, wl_data_offer* offer) {
+    auto* s = static_cast<State*>(data);
+    s->dropOffer();
+    s->offer = offer;
+    s->offerHasUris = false;
+    wl_data_offer_add_listener(offer, &offerListener, s);
+}
+void dataEnter(void* data, wl_data_device*, uint32_t serial, wl_surface* surface, wl_fixed_t, wl_fixed_t,
+               wl_data_offer* offer) {
+    auto* s = static_cast<State*>(data);
+    const bool ours = surface == s->surface && offer == s->offer && s->offerHasUris;
+    if (!offer) return;
+    // Files are taken as a copy; anything else is refused.
+    wl_data_offer_accept(offer, serial, ours ? uriList : nullptr);
+    if (wl_data_offer_get_version(offer) >= 3) {
+        const uint32_t copy = ours ? WL_DATA_DEVICE_MANAGER_DND_ACTION_COPY : 0;
+        wl_data_offer_set_actions(offer, copy, copy);
+    }
+    s->flush();
+}
+void dataLeave(void*, wl_data_device*) {}
+void dataMotion(void*, wl_data_device*, uint32_t, wl_fixed_t, wl_fixed_t) {}
+void dataDrop(void* data, wl_data_device*) {
+    auto* s = static_cast<State*>(data);
+    if (!s->offer || !s->offerHasUris) return;
+    const QList<QUrl> urls = s->receiveUris();
+    s->dropOffer();
+    LayerShellBar* owner = s->owner;
+    if (!urls.isEmpty() && owner->onDrop) {
+        QTimer::singleShot(0, owner, [owner, urls] {
+            if (owner->onDrop) owner->onDrop(urls);
+        });
+    }
+}
+void dataSelection(void* data, wl_data_device*, wl_data_offer* offer) {
+    // The clipboard is none of the bar's business.
+    auto* s = static_cast<State*>(data);
+    if (offer && offer == s->offer) s->offer = nullptr;
+    if (offer) wl_data_offer_destroy(offer);
+}
+const wl_data_device_listener dataDeviceListener = {dataOffer,  dataEnter, dataLeave,
+                                                    dataMotion, dataDrop,  dataSelection};
+
 void registryGlobal(void* data, wl_registry* registry, uint32_t id, const char* interface, uint32_t version) {
     auto* s = static_cast<State*>(data);
     const auto bind = [&](const wl_interface* type, uint32_t highest) {
@@ -185,6 +246,8 @@ void registryGlobal(void* data, wl_registry* registry, uint32_t id, const char* 
     } else if (std::strcmp(interface, wl_seat_interface.name) == 0 && !s->seat) {
         s->seat = static_cast<wl_seat*>(bind(&wl_seat_interface, 1));
         wl_seat_add_listener(s->seat, &seatListener, s);
+    } else if (std::strcmp(interface, wl_data_device_manager_interface.name) == 0) {
+        s->dataManager = static_cast<wl_data_device_manager*>(bind(&wl_data_device_manager_interface, 3));
     } else if (std::strcmp(interface, wl_output_interface.name) == 0) {
         auto output = std::make_unique<Output>();
         output->id = id;
@@ -242,6 +305,9 @@ const wl_buffer_listener bufferListener = {bufferRelease};
 
 LayerShellBar::State::~State() {
     destroySurface();
+    dropOffer();
+    if (dataDevice) wl_data_device_destroy(dataDevice);
+    if (dataManager) wl_data_device_manager_destroy(dataManager);
     for (Buffer& b : buffers) dropBuffer(b);
     if (pointer) wl_pointer_destroy(pointer);
     if (seat) wl_seat_destroy(seat);
@@ -251,6 +317,44 @@ LayerShellBar::State::~State() {
     if (compositor) wl_compositor_destroy(compositor);
     if (registry) wl_registry_destroy(registry);
     if (display) wl_display_disconnect(display);
+}
+
+void LayerShellBar::State::watchDrops() {
+    if (!dataManager || !seat || dataDevice) return;
+    dataDevice = wl_data_device_manager_get_data_device(dataManager, seat);
+    wl_data_device_add_listener(dataDevice, &dataDeviceListener, this);
+}
+
+void LayerShellBar::State::dropOffer() {
+    if (offer) wl_data_offer_destroy(offer);
+    offer = nullptr;
+    offerHasUris = false;
+}
+
+QList<QUrl> LayerShellBar::State::receiveUris() {
+    int fds[2];
+    if (pipe2(fds, O_CLOEXEC) != 0) return {};
+    wl_data_offer_receive(offer, uriList, fds[1]);
+    close(fds[1]);
+    flush();
+    // The dragging program writes the list and closes its end; a list of paths is short, and a program
+    // that never writes is given up on after two seconds.
+    QByteArray text;
+    pollfd p{fds[0], POLLIN, 0};
+    char chunk[4096];
+    while (poll(&p, 1, 2000) > 0) {
+        const ssize_t n = read(fds[0], chunk, sizeof chunk);
+        if (n <= 0) break;
+        text.append(chunk, n);
+    }
+    close(fds[0]);
+    if (wl_data_offer_get_version(offer) >= 3) wl_data_offer_finish(offer);
+    QList<QUrl> urls;
+    for (const QByteArray& line : text.split('\n')) {
+        const QByteArray trimmed = line.trimmed();
+        if (!trimmed.isEmpty() && !trimmed.startsWith('#')) urls << QUrl::fromEncoded(trimmed);
+    }
+    return urls;
 }
 
 void LayerShellBar::State::createSurface() {
@@ -349,6 +453,7 @@ std::unique_ptr<LayerShellBar> LayerShellBar::create() {
     if (wl_display_roundtrip(state->display) < 0 || !state->compositor || !state->shm || !state->shell)
         return nullptr;
     wl_display_roundtrip(state->display);
+    state->watchDrops();
     return std::unique_ptr<LayerShellBar>(new LayerShellBar(std::move(state)));
 }
 

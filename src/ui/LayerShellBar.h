@@ -5,11 +5,14 @@
 // but Qt 6.4 cannot give one of its windows that role, so the bar speaks the protocol on a Wayland
 // connection of its own and shows images the owner renders (the hidden BarWindow draws them). A click
 // calls onClick; dragging moves it along the top edge (its distance from the right edge, the margin),
-// and onMoved reports where it ended, for the owner to remember per output. Main thread only.
+// and onMoved reports where it ended, for the owner to remember per output; files dragged onto it from
+// other programs arrive through onDrop. Main thread only.
 
 #include <QImage>
+#include <QList>
 #include <QObject>
 #include <QString>
+#include <QUrl>
 #include <functional>
 #include <memory>
 
@@ -34,6 +37,8 @@ class LayerShellBar : public QObject {
     QString outputName() const;
 
     std::function<void()> onClick;
+    // Files dropped on the bar (the URLs of a text/uri-list drag).
+    std::function<void(const QList<QUrl>& urls)> onDrop;
     std::function<void(int margin)> onMoved;
     // The bar arrived on an output (also the first time): the owner may move it to that output's margin.
     std::function<void(const QString& output)> onOutput;
