@@ -6,7 +6,8 @@
 #
 # Checks (exit 1 when one fails): the bar is a layer-shell surface (the log says so) drawn at the top
 # right of the output, the margin stored for that output puts it where it was left, a click elsewhere
-# closes the first-launch menu, and the menu opens again from a click on the bar.
+# closes the first-launch menu, the menu opens again from a click on the bar, and a file dragged from a
+# native Wayland program and dropped on the bar is analysed.
 #
 #   OUTDIR/sway-bar.png    the top right of the output with the bar (2x)
 #   OUTDIR/sway-menu.png   the menu opened from the bar
@@ -14,7 +15,7 @@
 #
 # sway refuses to run as root, so under root it runs as "nobody". Input comes from `swaymsg seat …
 # cursor`, with a virtual pointer (ui_virtual_pointer) giving the headless seat a pointer at all.
-# Environment: VELQUIN_BIN, VIRTUAL_POINTER_BIN. Exit 77 when sway, grim or a tool is missing.
+# Environment: VELQUIN_BIN, VIRTUAL_POINTER_BIN, DRAG_SOURCE_BIN. Exit 77 when sway, grim or a tool is missing.
 set -euo pipefail
 
 ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
@@ -23,6 +24,7 @@ mkdir -p "$OUT"
 OUT=$(cd "$OUT" && pwd)
 VELQUIN=${VELQUIN_BIN:-$ROOT/build/velquin}
 POINTER=${VIRTUAL_POINTER_BIN:-$(dirname "$VELQUIN")/tests/ui_virtual_pointer}
+DRAG_SOURCE=${DRAG_SOURCE_BIN:-$(dirname "$VELQUIN")/tests/ui_drag_source}
 
 skip() { echo "sway-e2e: $*" >&2; exit 77; }
 for tool in sway swaymsg grim convert setpriv; do command -v "$tool" >/dev/null || skip "$tool is missing"; done
@@ -137,6 +139,25 @@ grim "$WORK/moved.png"
 [ "$(pixel "$WORK/moved.png" $((1280 - 300 - 15)) 59)" != 303030 ] &&
     [ "$(pixel "$WORK/moved.png" 1265 59)" = 303030 ] && ok "the bar sits 300 px from the right edge of $output" ||
     fail "the stored margin of $output was not applied"
+
+# --- a file dragged from a Wayland program onto the bar is analysed -----------------------------------------
+if [ -x "$DRAG_SOURCE" ]; then
+    ffmpeg -v error -y -i "$WORK/fixture.wav" -t 12 "$WORK/take.wav"
+    QT_QPA_PLATFORM=wayland "$DRAG_SOURCE" "$WORK/take.wav" 0 0 >"$WORK/drag.out" 2>&1 &  # sway tiles it
+    pids+=($!)
+    sleep 1.5
+    "$POINTER" 1280 720 wait 5000 &
+    pids+=($!)
+    sleep 0.5
+    cursor set 640 360
+    cursor press button1
+    for x in 700 900 $((1280 - 300 - 40)) $((1280 - 300 - 39)); do cursor set "$x" 59; done
+    cursor release button1
+    sleep 3
+    grep -q "dropped: take.wav" "$log" && grep -q "drag result: 1" "$WORK/drag.out" &&
+        ok "a file dragged from a Wayland program onto the bar was taken and analysed" ||
+        fail "the drop on the bar did not arrive: $(cat "$WORK/drag.out")"
+fi
 
 cp "$log" "$OUT/velquin-sway.log" 2>/dev/null || true
 cp "$WORK/velquin.out" "$OUT/velquin-sway.out"
