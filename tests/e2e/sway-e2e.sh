@@ -26,34 +26,15 @@ VELQUIN=${VELQUIN_BIN:-$ROOT/build/velquin}
 POINTER=${VIRTUAL_POINTER_BIN:-$(dirname "$VELQUIN")/tests/ui_virtual_pointer}
 DRAG_SOURCE=${DRAG_SOURCE_BIN:-$(dirname "$VELQUIN")/tests/ui_drag_source}
 
-skip() { echo "sway-e2e: $*" >&2; exit 77; }
+. "$ROOT/tests/e2e/desktop-env.sh"
+DESKTOP_NAME=sway
 for tool in sway swaymsg grim convert setpriv; do command -v "$tool" >/dev/null || skip "$tool is missing"; done
 ls /usr/lib/*/qt6/plugins/platforms/libqwayland-generic.so >/dev/null 2>&1 || skip "no Qt Wayland plugin"
 [ -x "$VELQUIN" ] || skip "no program at $VELQUIN"
 [ -x "$POINTER" ] || skip "no virtual pointer at $POINTER"
 
-WORK=$(mktemp -d -t velquin-sway.XXXXXX)
+desktop_env_start sway
 chmod 755 "$WORK"
-pids=()
-cleanup() {
-    local i
-    for ((i = ${#pids[@]} - 1; i >= 0; i--)); do
-        kill "${pids[i]}" 2>/dev/null || true
-        wait "${pids[i]}" 2>/dev/null || true
-    done
-    if declare -F pulse_stop >/dev/null; then pulse_stop || true; fi
-    rm -rf "$WORK"
-}
-trap cleanup EXIT
-
-. "$ROOT/tests/e2e/pulse-env.sh"
-pulse_available || skip "PulseAudio is missing"
-pulse_start
-trap cleanup EXIT
-
-status=0
-fail() { echo "FAIL (sway): $*" >&2; status=1; }
-ok() { echo "ok: $*"; }
 
 RUNTIME=$WORK/runtime
 mkdir -m 700 "$RUNTIME"
@@ -80,9 +61,8 @@ mkdir -p "$HOME"
 cursor() { swaymsg "seat seat0 cursor $*" >/dev/null; sleep 0.15; }
 pixel() { convert "$1" -format "%[hex:p{$2,$3}]" info: | cut -c1-6; }
 
-# Music for the screenshots: an A minor chord with a click every half second (120 BPM).
-ffmpeg -v error -f lavfi -i "aevalsrc='0.12*sin(2*PI*110*t)+0.1*sin(2*PI*220*t)+0.08*sin(2*PI*261.63*t)+0.08*sin(2*PI*329.63*t)+0.6*exp(-200*mod(t,0.5))*sin(2*PI*1800*t)':s=44100:d=40" \
-    -ac 2 "$WORK/fixture.wav" && pulse_play "$WORK/fixture.wav"
+# Music for the screenshots.
+play_fixture
 
 # --- a first launch: the bar at the top right, the menu open --------------------------------------------
 "$VELQUIN" >"$WORK/velquin.out" 2>&1 &

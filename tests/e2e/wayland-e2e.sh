@@ -27,7 +27,8 @@ OUT=$(cd "$OUT" && pwd)
 VELQUIN=${VELQUIN_BIN:-$ROOT/build/velquin}
 PLAIN=${PLAIN_WINDOW_BIN:-$(dirname "$VELQUIN")/tests/ui_plain_window}
 
-skip() { echo "wayland-e2e: $*" >&2; exit 77; }
+. "$ROOT/tests/e2e/desktop-env.sh"
+DESKTOP_NAME=mutter
 for tool in Xvfb mutter Xwayland dbus-daemon gdbus xdotool xprop xwininfo import convert; do
     command -v "$tool" >/dev/null || skip "$tool is missing"
 done
@@ -35,29 +36,8 @@ ls /usr/lib/*/qt6/plugins/platforms/libqwayland-generic.so >/dev/null 2>&1 || sk
 [ -x "$VELQUIN" ] || skip "no program at $VELQUIN"
 [ -x "$PLAIN" ] || skip "no test window at $PLAIN"
 
-WORK=$(mktemp -d -t velquin-wayland.XXXXXX)
+desktop_env_start mutter
 chmod 700 "$WORK"
-pids=()
-cleanup() {
-    local i
-    for ((i = ${#pids[@]} - 1; i >= 0; i--)); do
-        kill "${pids[i]}" 2>/dev/null || true
-        wait "${pids[i]}" 2>/dev/null || true
-    done
-    [ -f "$WORK/bus.pid" ] && kill "$(cat "$WORK/bus.pid")" 2>/dev/null || true
-    if declare -F pulse_stop >/dev/null; then pulse_stop || true; fi
-    rm -rf "$WORK"
-}
-trap cleanup EXIT
-
-. "$ROOT/tests/e2e/pulse-env.sh"
-pulse_available || skip "PulseAudio is missing"
-pulse_start
-trap cleanup EXIT  # ours stops everything, pulse_stop included
-
-status=0
-fail() { echo "FAIL (mutter): $*" >&2; status=1; }
-ok() { echo "ok: $*"; }
 
 export HOME=$WORK/home XDG_CONFIG_HOME=$WORK/home/.config XDG_CACHE_HOME=$WORK/home/.cache
 export XDG_STATE_HOME=$WORK/home/.local/state XDG_DATA_HOME=$WORK/home/.local/share
@@ -97,9 +77,8 @@ for _ in $(seq 50); do grep -q platform "$WORK/plain.out" && break; sleep 0.1; d
 grep -q "platform wayland" "$WORK/plain.out" || fail "the test window is not a Wayland client: $(cat "$WORK/plain.out")"
 sleep 1
 
-# Music for the screenshots: an A minor chord with a click every half second (120 BPM).
-ffmpeg -v error -f lavfi -i "aevalsrc='0.12*sin(2*PI*110*t)+0.1*sin(2*PI*220*t)+0.08*sin(2*PI*261.63*t)+0.08*sin(2*PI*329.63*t)+0.6*exp(-200*mod(t,0.5))*sin(2*PI*1800*t)':s=44100:d=40" \
-    -ac 2 "$WORK/fixture.wav" && pulse_play "$WORK/fixture.wav"
+# Music for the screenshots.
+play_fixture
 
 # The GNOME session of Debian 12, with QT_QPA_PLATFORM=wayland set for all programs.
 env DISPLAY="$XW" XAUTHORITY="$XAUTH" WAYLAND_DISPLAY="$WL" XDG_SESSION_TYPE=wayland \
