@@ -96,6 +96,9 @@ int main(int argc, char** argv) {
     usleep(200 * 1000);
     wl_proxy_marshal_flags(pointer, 8, nullptr, 1, WL_MARSHAL_FLAG_DESTROY);
     wl_display_roundtrip(display);
+    wl_proxy_destroy(manager);
+    if (seat) wl_seat_destroy(seat);
+    wl_registry_destroy(registry);
     wl_display_disconnect(display);
     return 0;
 }
