@@ -10,7 +10,8 @@
 # workspace and out of task bars; the first launch tells, once, how to get the panel item on GNOME;
 # the bar's menu closes on Escape and on a click on a native Wayland window; the panel item leaves its
 # menu to the panel (ItemIsMenu) and the exported menu has its entries, opens, closes and acts on a
-# click. All input goes through the compositor (xdotool on the outer X server), as a user's would.
+# click. Then on native Wayland alone (no layer shell on mutter): one line tells what the desktop
+# allows, and the first-launch hint offers no drag. All input goes through the compositor (xdotool on the outer X server), as a user's would.
 #
 #   OUTDIR/mutter-bar.png   the top right of the screen: the bar over the Wayland window (2x)
 #   OUTDIR/mutter-menu.png  the bar's menu open over the Wayland window
@@ -198,7 +199,25 @@ else
     fail "no \"Show BPM Decimals\" entry id in the layout"
 fi
 
+# Native Wayland only, on a compositor without the layer shell: one line says what this desktop allows,
+# and the first-launch hint offers no drag.
+kill "$vpid"; wait "$vpid" 2>/dev/null || true
 cp "$log" "$OUT/velquin-wayland.log" 2>/dev/null || true
+rm -rf "$XDG_CONFIG_HOME/Velquin"
+env -u DISPLAY WAYLAND_DISPLAY="$WL" XDG_SESSION_TYPE=wayland XDG_CURRENT_DESKTOP=GNOME \
+    "$VELQUIN" >"$WORK/native.out" 2>&1 &
+npid=$!
+pids+=($npid)
+sleep 3
+grep -q "this Wayland desktop lets the bar be neither placed nor kept above; the reading is in the panel item" \
+    "$WORK/native.out" && ok "native Wayland on mutter: the one line on standard error" ||
+    fail "native Wayland: no line on standard error: $(cat "$WORK/native.out")"
+[ "$(grep -c "neither placed nor kept above" "$log")" -ge 1 ] || fail "native Wayland: no line in the log"
+layout=$(gdbus call --session --dest "org.kde.StatusNotifierItem-$npid-1" --object-path /MenuBar \
+    --method com.canonical.dbusmenu.GetLayout -- 0 -1 '[]' 2>&1 || true)
+[[ $layout == *"Click the bar or the panel item any time for this menu"* && $layout != *"drag it to move it"* ]] &&
+    ok "native Wayland: the first-launch hint offers no drag" || fail "native Wayland hint: $layout"
+
 cp "$WORK/velquin.out" "$OUT/velquin-wayland.out"
 if [ "$status" != 0 ]; then
     echo "--- what velquin printed:" >&2
