@@ -72,6 +72,11 @@ int runDesktopApp(int argc, char** argv, LogSink log, LaunchOptions options) {
     // Alerts and the file picker are the only ordinary windows; closing them must not end the program.
     QApplication::setQuitOnLastWindowClosed(false);
     if (!platformWhy.empty() && log) log(platformWhy);
+    SingleInstance instance;
+    if (!instance.claim()) {
+        if (log) log("another Velquin runs; asked it to show its menu");
+        return 0;
+    }
     const bool nativeWayland = QGuiApplication::platformName().startsWith(QLatin1String("wayland"));
     std::unique_ptr<LayerShellBar> layerBar = nativeWayland ? LayerShellBar::create() : nullptr;
     if (layerBar) {
@@ -82,11 +87,6 @@ int runDesktopApp(int argc, char** argv, LogSink log, LaunchOptions options) {
             "the panel item (the bar, if shown, stays where the compositor puts it)";
         std::fprintf(stderr, "%s\n", line);
         if (log) log(line);
-    }
-    SingleInstance instance;
-    if (!instance.claim()) {
-        if (log) log("another Velquin runs; asked it to show its menu");
-        return 0;
     }
     DesktopApp desktop(
         {.log = std::move(log),
