@@ -215,6 +215,7 @@ void DesktopApp::attachLayerBar() {
     layerBar_->onMoved = [this](int margin) { storeBarMargin(*store_, layerBar_->outputName(), margin); };
     layerBar_->onOutput = [this](const QString& output) {
         layerBar_->setMargin(storedBarMargin(*store_, output).value_or(barPlacement::margin));
+        showLayerBar();
     };
     showLayerBar();
 }
@@ -226,7 +227,9 @@ void DesktopApp::showLayerBar() {
         return;
     }
     // The hidden bar window draws what the layer surface shows.
-    QImage image(bar_->size(), QImage::Format_ARGB32_Premultiplied);
+    const int scale = layerBar_->scale();
+    QImage image(bar_->size() * scale, QImage::Format_ARGB32_Premultiplied);
+    image.setDevicePixelRatio(scale);
     image.fill(Qt::transparent);
     bar_->render(&image);
     layerBar_->show(image);

@@ -18,20 +18,30 @@
 #include <vector>
 
 #include "BarPlacement.h"
+#include "EdgeDrag.h"
 #include "LayerShellProtocol.h"
+#include "RelativePointerProtocol.h"
 
 namespace velquin {
 
 using layerShell::zwlr_layer_shell_v1;
 using layerShell::zwlr_layer_surface_v1;
+using relativePointer::zwp_relative_pointer_manager_v1;
+using relativePointer::zwp_relative_pointer_v1;
 
 namespace {
 
 struct Output {
+    LayerShellBar::State* state = nullptr;
     wl_output* output = nullptr;
     uint32_t id = 0;
     QString name;
-    int width = 0;
+    int width = 0, height = 0;  // of the mode, in pixels
+    int scale = 1;
+    bool turned = false;  // a quarter turn: the mode's height runs along the top edge
+    int shownScale = 0;   // the scale the owner last heard of
+    // Surface units along the top edge.
+    int logicalWidth() const { return (turned ? height : width) / std::max(scale, 1); }
 };
 
 }  // namespace
@@ -54,6 +64,8 @@ struct LayerShellBar::State {
     zwlr_layer_shell_v1* shell = nullptr;
     wl_seat* seat = nullptr;
     wl_pointer* pointer = nullptr;
+    zwp_relative_pointer_manager_v1* relativeManager = nullptr;
+    zwp_relative_pointer_v1* relative = nullptr;
     wl_data_device_manager* dataManager = nullptr;
     wl_data_device* dataDevice = nullptr;
     wl_data_offer* offer = nullptr;  // of the drag over the bar
@@ -70,10 +82,11 @@ struct LayerShellBar::State {
     int margin = barPlacement::margin;
 
     bool inside = false;
-    bool pressed = false;
-    bool moving = false;
-    double x = 0, y = 0;            // pointer, surface coordinates
-    double pressX = 0, pressY = 0;  // where the press was, surface coordinates
+    double x = 0, y = 0;  // pointer, surface coordinates
+    EdgeDrag drag;
+    // Without relative motion the bar stays put until the button goes up: only then are its surface
+    // coordinates the pointer's motion on every compositor. This is where it will go.
+    int dropMargin = 0;
     std::unique_ptr<QSocketNotifier> notifier;
 
     ~State();
@@ -87,20 +100,32 @@ struct LayerShellBar::State {
     void draw();
     Buffer* freeBuffer(QSize size);
     void dropBuffer(Buffer& b);
-    int widest() const { return on && on->width > 0 ? std::max(0, on->width - image.width()) : INT_MAX; }
+    int scale() const { return on ? std::max(on->scale, 1) : 1; }
+    int widest() const {
+        const int width = on ? on->logicalWidth() : 0;
+        return width > 0 ? std::max(0, width - surfaceSize().width()) : INT_MAX;
+    }
+    QSize surfaceSize() const { return (QSizeF(image.size()) / image.devicePixelRatio()).toSize(); }
+    void pointerMoved(double dx, double dy);
 };
 
 namespace {
 
 using State = LayerShellBar::State;
 
-void outputGeometry(void*, wl_output*, int32_t, int32_t, int32_t, int32_t, int32_t, const char*, const char*,
-                    int32_t) {}
-void outputMode(void* data, wl_output*, uint32_t flags, int32_t width, int32_t, int32_t) {
-    if (flags & WL_OUTPUT_MODE_CURRENT) static_cast<Output*>(data)->width = width;
+void outputGeometry(void* data, wl_output*, int32_t, int32_t, int32_t, int32_t, int32_t, const char*,
+                    const char*, int32_t transform) {
+    static_cast<Output*>(data)->turned = transform % 2 == 1;  // 90 and 270, also flipped
 }
-void outputDone(void*, wl_output*) {}
-void outputScale(void*, wl_output*, int32_t) {}
+void outputMode(void* data, wl_output*, uint32_t flags, int32_t width, int32_t height, int32_t) {
+    if (!(flags & WL_OUTPUT_MODE_CURRENT)) return;
+    static_cast<Output*>(data)->width = width;
+    static_cast<Output*>(data)->height = height;
+}
+void outputDone(void* data, wl_output*);
+void outputScale(void* data, wl_output*, int32_t scale) {
+    static_cast<Output*>(data)->scale = scale;
+}
 void outputName(void* data, wl_output*, const char* name) {
     static_cast<Output*>(data)->name = QString::fromUtf8(name);
 }
@@ -119,47 +144,43 @@ void pointerLeave(void* data, wl_pointer*, uint32_t, wl_surface*) {
 }
 void pointerMotion(void* data, wl_pointer*, uint32_t, wl_fixed_t x, wl_fixed_t y) {
     auto* s = static_cast<State*>(data);
-    s->x = wl_fixed_to_double(x);
-    s->y = wl_fixed_to_double(y);
-    if (!s->pressed) return;
-    // The surface follows the pointer, so the pointer's distance from where it pressed, in surface
-    // coordinates, is how far the bar still has to go.
-    const double dx = s->x - s->pressX;
-    if (!s->moving && std::abs(dx) + std::abs(s->y - s->pressY) < QApplication::startDragDistance()) return;
-    s->moving = true;
-    const int wanted = std::clamp(s->margin - static_cast<int>(std::lround(dx)), 0, s->widest());
-    if (wanted == s->margin) return;
-    s->margin = wanted;
-    s->applyMargin();
+    const double dx = wl_fixed_to_double(x) - s->x, dy = wl_fixed_to_double(y) - s->y;
+    s->x += dx;
+    s->y += dy;
+    if (!s->relative) s->pointerMoved(dx, dy);
+}
+void relativeMotion(void* data, zwp_relative_pointer_v1*, uint32_t, uint32_t, wl_fixed_t dx, wl_fixed_t dy,
+                    wl_fixed_t, wl_fixed_t) {
+    static_cast<State*>(data)->pointerMoved(wl_fixed_to_double(dx), wl_fixed_to_double(dy));
+}
+const relativePointer::Listener relativeListener = {relativeMotion};
+
+void clickLater(LayerShellBar* owner) {
+    // After this dispatch: the menu may run a loop of its own.
+    QTimer::singleShot(0, owner, [owner] {
+        if (owner->onClick) owner->onClick();
+    });
 }
 void pointerButton(void* data, wl_pointer*, uint32_t, uint32_t, uint32_t button, uint32_t state) {
     auto* s = static_cast<State*>(data);
     const bool down = state == WL_POINTER_BUTTON_STATE_PRESSED;
-    if (button == BTN_RIGHT && down && s->inside && s->owner->onClick) {
-        s->owner->onClick();
-        return;
-    }
+    if (button == BTN_RIGHT && down && s->inside) clickLater(s->owner);
     if (button != BTN_LEFT) return;
     if (down) {
-        if (!s->inside) return;
-        s->pressed = true;
-        s->moving = false;
-        s->pressX = s->x;
-        s->pressY = s->y;
+        if (s->inside) s->drag.press(s->margin);
+        s->dropMargin = s->margin;
         return;
     }
-    if (!s->pressed) return;
-    s->pressed = false;
-    LayerShellBar* owner = s->owner;
-    if (s->moving) {
-        s->moving = false;
-        if (owner->onMoved) owner->onMoved(s->margin);
-    } else if (owner->onClick) {
-        // After this dispatch: the menu may run a loop of its own.
-        QTimer::singleShot(0, owner, [owner] {
-            if (owner->onClick) owner->onClick();
-        });
+    if (!s->drag.pressed()) return;
+    if (!s->drag.release()) {
+        clickLater(s->owner);
+        return;
     }
+    if (!s->relative && s->dropMargin != s->margin) {
+        s->margin = s->dropMargin;
+        s->applyMargin();
+    }
+    if (s->owner->onMoved) s->owner->onMoved(s->margin);
 }
 void pointerAxis(void*, wl_pointer*, uint32_t, uint32_t, wl_fixed_t) {}
 const wl_pointer_listener pointerListener = {pointerEnter, pointerLeave, pointerMotion, pointerButton,
@@ -172,7 +193,14 @@ void seatCapabilities(void* data, wl_seat* seat, uint32_t capabilities) {
     if (hasPointer && !s->pointer) {
         s->pointer = wl_seat_get_pointer(seat);
         wl_pointer_add_listener(s->pointer, &pointerListener, s);
+        if (s->relativeManager) {
+            s->relative = relativePointer::get(s->relativeManager, s->pointer);
+            relativePointer::addListener(s->relative, &relativeListener, s);
+        }
     } else if (!hasPointer && s->pointer) {
+        if (s->relative) relativePointer::destroy(s->relative);
+        s->relative = nullptr;
+        s->drag.cancel();
         wl_pointer_destroy(s->pointer);
         s->pointer = nullptr;
     }
@@ -243,6 +271,9 @@ void registryGlobal(void* data, wl_registry* registry, uint32_t id, const char* 
         s->shm = static_cast<wl_shm*>(bind(&wl_shm_interface, 1));
     } else if (std::strcmp(interface, zwlr_layer_shell_v1_interface.name) == 0) {
         s->shell = static_cast<zwlr_layer_shell_v1*>(bind(&zwlr_layer_shell_v1_interface, 1));
+    } else if (std::strcmp(interface, zwp_relative_pointer_manager_v1_interface.name) == 0) {
+        s->relativeManager = static_cast<zwp_relative_pointer_manager_v1*>(
+            bind(&zwp_relative_pointer_manager_v1_interface, 1));
     } else if (std::strcmp(interface, wl_seat_interface.name) == 0 && !s->seat) {
         s->seat = static_cast<wl_seat*>(bind(&wl_seat_interface, 1));
         wl_seat_add_listener(s->seat, &seatListener, s);
@@ -251,6 +282,7 @@ void registryGlobal(void* data, wl_registry* registry, uint32_t id, const char* 
     } else if (std::strcmp(interface, wl_output_interface.name) == 0) {
         auto output = std::make_unique<Output>();
         output->id = id;
+        output->state = s;
         output->output = static_cast<wl_output*>(bind(&wl_output_interface, 4));
         wl_output_add_listener(output->output, &outputListener, output.get());
         s->outputs.push_back(std::move(output));
@@ -272,11 +304,20 @@ void surfaceEnter(void* data, wl_surface*, wl_output* output) {
     for (auto& o : s->outputs) {
         if (o->output != output || s->on == o.get()) continue;
         s->on = o.get();
+        o->shownScale = o->scale;
         if (s->owner->onOutput) s->owner->onOutput(o->name);
     }
 }
 void surfaceLeave(void*, wl_surface*, wl_output*) {}
 const wl_surface_listener surfaceListener = {surfaceEnter, surfaceLeave};
+
+void outputDone(void* data, wl_output*) {
+    // The bar's output took another scale: the owner draws it again, sharp at the new one.
+    auto* o = static_cast<Output*>(data);
+    if (o->shownScale == 0 || o->shownScale == o->scale) return;
+    o->shownScale = o->scale;
+    if (o->state->on == o && o->state->owner->onOutput) o->state->owner->onOutput(o->name);
+}
 
 void layerConfigure(void* data, zwlr_layer_surface_v1* layer, uint32_t serial, uint32_t, uint32_t) {
     auto* s = static_cast<State*>(data);
@@ -303,12 +344,26 @@ const wl_buffer_listener bufferListener = {bufferRelease};
 
 }  // namespace
 
+void LayerShellBar::State::pointerMoved(double dx, double dy) {
+    if (!drag.pressed()) return;
+    const int wanted = drag.move(dx, dy, widest(), QApplication::startDragDistance());
+    if (!relative) {
+        dropMargin = wanted;
+        return;
+    }
+    if (wanted == margin) return;
+    margin = wanted;
+    applyMargin();
+}
+
 LayerShellBar::State::~State() {
     destroySurface();
     dropOffer();
     if (dataDevice) wl_data_device_destroy(dataDevice);
     if (dataManager) wl_data_device_manager_destroy(dataManager);
     for (Buffer& b : buffers) dropBuffer(b);
+    if (relative) relativePointer::destroy(relative);
+    if (relativeManager) relativePointer::destroy(relativeManager);
     if (pointer) wl_pointer_destroy(pointer);
     if (seat) wl_seat_destroy(seat);
     for (auto& o : outputs) wl_output_destroy(o->output);
@@ -362,7 +417,8 @@ void LayerShellBar::State::createSurface() {
     wl_surface_add_listener(surface, &surfaceListener, this);
     layer = layerShell::getLayerSurface(shell, surface, nullptr, layerShell::overlay, "velquin");
     layerShell::addListener(layer, &layerListener, this);
-    layerShell::setSize(layer, static_cast<uint32_t>(image.width()), static_cast<uint32_t>(image.height()));
+    const QSize size = surfaceSize();
+    layerShell::setSize(layer, static_cast<uint32_t>(size.width()), static_cast<uint32_t>(size.height()));
     layerShell::setAnchor(layer, layerShell::anchorTop | layerShell::anchorRight);
     layerShell::setKeyboardInteractivity(layer, 0);
     layerShell::setMargin(layer, barPlacement::titleBarAllowance, margin, 0, 0);
@@ -377,7 +433,8 @@ void LayerShellBar::State::destroySurface() {
     layer = nullptr;
     surface = nullptr;
     configured = false;
-    inside = pressed = moving = false;
+    inside = false;
+    drag.cancel();
     if (display) flush();
 }
 
@@ -435,9 +492,13 @@ void LayerShellBar::State::draw() {
     for (int row = 0; row < pixels.height(); ++row)
         std::memcpy(b->data + static_cast<size_t>(row) * pixels.width() * 4, pixels.constScanLine(row),
                     static_cast<size_t>(pixels.width()) * 4);
-    layerShell::setSize(layer, static_cast<uint32_t>(image.width()), static_cast<uint32_t>(image.height()));
+    const QSize size = surfaceSize();
+    layerShell::setSize(layer, static_cast<uint32_t>(size.width()), static_cast<uint32_t>(size.height()));
+    if (wl_proxy_get_version(reinterpret_cast<wl_proxy*>(surface)) >=
+        WL_SURFACE_SET_BUFFER_SCALE_SINCE_VERSION)
+        wl_surface_set_buffer_scale(surface, static_cast<int32_t>(image.devicePixelRatio()));
     wl_surface_attach(surface, b->buffer, 0, 0);
-    wl_surface_damage(surface, 0, 0, image.width(), image.height());
+    wl_surface_damage(surface, 0, 0, size.width(), size.height());
     wl_surface_commit(surface);
     b->busy = true;
     flush();
@@ -493,6 +554,10 @@ bool LayerShellBar::isShown() const {
 void LayerShellBar::setMargin(int right) {
     state_->margin = std::clamp(right, 0, state_->widest());
     state_->applyMargin();
+}
+
+int LayerShellBar::scale() const {
+    return state_->scale();
 }
 
 int LayerShellBar::margin() const {

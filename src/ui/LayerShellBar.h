@@ -26,8 +26,10 @@ class LayerShellBar : public QObject {
     static std::unique_ptr<LayerShellBar> create();
     ~LayerShellBar() override;
 
-    // Shows the image (one pixel per surface unit) at the current margin, or updates it.
+    // Shows the image at the current margin, or updates it; its device pixel ratio is the buffer scale.
     void show(const QImage& image);
+    // The scale of the bar's output (1 until the compositor says): images drawn at it stay sharp.
+    int scale() const;
     void hide();
     bool isShown() const;
     // Distance from the right edge of the output; the top margin is fixed.
@@ -40,7 +42,8 @@ class LayerShellBar : public QObject {
     // Files dropped on the bar (the URLs of a text/uri-list drag).
     std::function<void(const QList<QUrl>& urls)> onDrop;
     std::function<void(int margin)> onMoved;
-    // The bar arrived on an output (also the first time): the owner may move it to that output's margin.
+    // The bar arrived on an output (also the first time), or its output took another scale: the owner
+    // may move it to that output's margin and draw it again.
     std::function<void(const QString& output)> onOutput;
 
     struct State;
