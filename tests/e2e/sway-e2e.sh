@@ -6,15 +6,18 @@
 #
 # Checks (exit 1 when one fails): the bar is a layer-shell surface (the log says so) drawn at the top
 # right of the output, the margin stored for that output puts it where it was left, a click elsewhere
-# closes the first-launch menu, the menu opens again from a click on the bar, and a file dragged from a
-# native Wayland program and dropped on the bar is analysed.
+# closes the first-launch menu, the menu opens again from a click on the bar, a drag moves the bar along
+# the top edge and its margin is stored for the output and kept over a restart, a click on the moved bar
+# still opens the menu, and a file dragged from a native Wayland program and dropped on the bar is analysed.
 #
 #   OUTDIR/sway-bar.png    the top right of the output with the bar (2x)
 #   OUTDIR/sway-menu.png   the menu opened from the bar
 #   OUTDIR/velquin-sway.log, velquin-sway.out
 #
 # sway refuses to run as root, so under root it runs as "nobody". Input comes from `swaymsg seat …
-# cursor`, with a virtual pointer (ui_virtual_pointer) giving the headless seat a pointer at all.
+# cursor`, with a virtual pointer (ui_virtual_pointer) giving the headless seat a pointer at all; drags
+# come from the virtual pointer itself, since sway passes `seat … cursor` moves to no client while a
+# button is down.
 # Environment: VELQUIN_BIN, VIRTUAL_POINTER_BIN, DRAG_SOURCE_BIN. Exit 77 when sway, grim or a tool is missing.
 set -euo pipefail
 
@@ -120,6 +123,31 @@ grim "$WORK/moved.png"
     [ "$(pixel "$WORK/moved.png" 1265 59)" = 303030 ] && ok "the bar sits 300 px from the right edge of $output" ||
     fail "the stored margin of $output was not applied"
 
+# --- dragged 100 px left along the top edge: the margin follows, is stored, and a click still opens the menu
+bar_x=$((1280 - 300 - 40))
+steps=(move "$bar_x" 59 wait 100 press)
+for i in $(seq 10); do steps+=(move $((bar_x - 10 * i)) 59 wait 30); done
+"$POINTER" 1280 720 "${steps[@]}" release wait 300
+grim "$WORK/dragged.png"
+[ "$(pixel "$WORK/dragged.png" $((1280 - 400 - 15)) 59)" != 303030 ] &&
+    [ "$(pixel "$WORK/dragged.png" $((1280 - 300 - 15)) 59)" = 303030 ] && ok "a drag moved the bar 100 px left" ||
+    fail "the bar did not follow the drag"
+"$POINTER" 1280 720 move $((bar_x - 100)) 59 press release wait 800
+grim "$WORK/clicked.png"
+[ "$(menu_pixels "$WORK/clicked.png")" -lt $(($(menu_pixels "$WORK/dragged.png") - 1000)) ] &&
+    ok "a click on the moved bar opened the menu" || fail "no menu after a click on the moved bar"
+grep -A9 '^\[barMargin\]' "$XDG_CONFIG_HOME/Velquin/Velquin.conf" | grep -qx "$output=400" &&
+    ok "the margin 400 was stored for $output" || fail "the dragged margin was not stored for $output"
+kill "$vpid"; wait "$vpid" 2>/dev/null || true
+"$VELQUIN" >>"$WORK/velquin.out" 2>&1 &
+vpid=$!
+pids+=($vpid)
+sleep 3
+grim "$WORK/restarted.png"
+[ "$(pixel "$WORK/restarted.png" $((1280 - 400 - 15)) 59)" != 303030 ] &&
+    [ "$(pixel "$WORK/restarted.png" $((1280 - 300 - 15)) 59)" = 303030 ] &&
+    ok "after a restart the bar is where it was dragged" || fail "the dragged place was lost over a restart"
+
 # --- a file dragged from a Wayland program onto the bar is analysed -----------------------------------------
 if [ -x "$DRAG_SOURCE" ]; then
     ffmpeg -v error -y -i "$WORK/fixture.wav" -t 12 "$WORK/take.wav"
@@ -131,7 +159,7 @@ if [ -x "$DRAG_SOURCE" ]; then
     sleep 0.5
     cursor set 640 360
     cursor press button1
-    for x in 700 900 $((1280 - 300 - 40)) $((1280 - 300 - 39)); do cursor set "$x" 59; done
+    for x in 700 800 $((1280 - 400 - 40)) $((1280 - 400 - 39)); do cursor set "$x" 59; done
     cursor release button1
     sleep 3
     grep -q "dropped: take.wav" "$log" && grep -q "drag result: 1" "$WORK/drag.out" &&
