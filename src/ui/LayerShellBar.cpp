@@ -107,6 +107,7 @@ struct LayerShellBar::State {
     }
     QSize surfaceSize() const { return (QSizeF(image.size()) / image.devicePixelRatio()).toSize(); }
     void pointerMoved(double dx, double dy);
+    void watchRelativeMotion(wl_pointer* live);
 };
 
 namespace {
@@ -133,8 +134,10 @@ void outputDescription(void*, wl_output*, const char*) {}
 const wl_output_listener outputListener = {outputGeometry, outputMode, outputDone,
                                            outputScale,    outputName, outputDescription};
 
-void pointerEnter(void* data, wl_pointer*, uint32_t, wl_surface* surface, wl_fixed_t x, wl_fixed_t y) {
+void pointerEnter(void* data, wl_pointer* pointer, uint32_t, wl_surface* surface, wl_fixed_t x,
+                  wl_fixed_t y) {
     auto* s = static_cast<State*>(data);
+    s->watchRelativeMotion(pointer);
     s->inside = surface == s->surface && surface != nullptr;
     s->x = wl_fixed_to_double(x);
     s->y = wl_fixed_to_double(y);
@@ -193,10 +196,6 @@ void seatCapabilities(void* data, wl_seat* seat, uint32_t capabilities) {
     if (hasPointer && !s->pointer) {
         s->pointer = wl_seat_get_pointer(seat);
         wl_pointer_add_listener(s->pointer, &pointerListener, s);
-        if (s->relativeManager) {
-            s->relative = relativePointer::get(s->relativeManager, s->pointer);
-            relativePointer::addListener(s->relative, &relativeListener, s);
-        }
     } else if (!hasPointer && s->pointer) {
         if (s->relative) relativePointer::destroy(s->relative);
         s->relative = nullptr;
@@ -343,6 +342,15 @@ void bufferRelease(void* data, wl_buffer*) {
 const wl_buffer_listener bufferListener = {bufferRelease};
 
 }  // namespace
+
+void LayerShellBar::State::watchRelativeMotion(wl_pointer* live) {
+    // Asked for only once the pointer is known to be live: sway 1.7 crashes on a relative pointer for a
+    // wl_pointer whose device went away before the request arrived, as when the seat's pointer capability
+    // comes and goes at once.
+    if (relative || !relativeManager) return;
+    relative = relativePointer::get(relativeManager, live);
+    relativePointer::addListener(relative, &relativeListener, this);
+}
 
 void LayerShellBar::State::pointerMoved(double dx, double dy) {
     if (!drag.pressed()) return;

@@ -8,10 +8,12 @@
 # right of the output, the margin stored for that output puts it where it was left, a click elsewhere
 # closes the first-launch menu, the menu opens again from a click on the bar, a drag moves the bar along
 # the top edge and its margin is stored for the output and kept over a restart, a click on the moved bar
-# still opens the menu, and a file dragged from a native Wayland program and dropped on the bar is analysed.
+# still opens the menu, a file dragged from a native Wayland program and dropped on the bar is analysed,
+# and on an output at scale 2 the bar keeps its margin in surface units and stays on the output.
 #
 #   OUTDIR/sway-bar.png    the top right of the output with the bar (2x)
 #   OUTDIR/sway-menu.png   the menu opened from the bar
+#   OUTDIR/sway-bar-scale2.png  the bar on an output at scale 2, at its left edge
 #   OUTDIR/velquin-sway.log, velquin-sway.out
 #
 # sway refuses to run as root, so under root it runs as "nobody". Input comes from `swaymsg seat …
@@ -86,7 +88,8 @@ grim "$WORK/first.png"
 # A click away from the menu closes it; a click on the bar opens it again. A virtual pointer gives the
 # headless seat a pointer for the clicks.
 "$POINTER" 1280 720 wait 6000 &
-pids+=($!)
+ppid=$!
+pids+=($ppid)
 sleep 0.5
 cursor set 60 650
 cursor press button1
@@ -109,7 +112,7 @@ grey_open=$(menu_pixels "$WORK/menu.png")
 grey_first=$(menu_pixels "$WORK/first.png")
 [ "$grey_closed" -gt $((grey_first + 1000)) ] && ok "a click elsewhere closed the first-launch menu" ||
     fail "the first-launch menu stayed open ($grey_first / $grey_closed)"
-kill "$vpid"; wait "$vpid" 2>/dev/null || true
+kill "$vpid" "$ppid"; wait "$vpid" "$ppid" 2>/dev/null || true
 
 # --- the margin stored for this output puts the bar there ------------------------------------------------
 output=$(swaymsg -t get_outputs | sed -n 's/.*"name": "\([^"]*\)".*/\1/p' | head -1)
@@ -125,14 +128,16 @@ grim "$WORK/moved.png"
 
 # --- dragged 100 px left along the top edge: the margin follows, is stored, and a click still opens the menu
 bar_x=$((1280 - 300 - 40))
-steps=(move "$bar_x" 59 wait 100 press)
+# Each virtual pointer comes in from elsewhere: sway 1.7 gives a new pointer no focus on the surface the
+# last one left it over until the pointer leaves it.
+steps=(move 640 300 wait 100 move "$bar_x" 59 wait 100 press)
 for i in $(seq 10); do steps+=(move $((bar_x - 10 * i)) 59 wait 30); done
 "$POINTER" 1280 720 "${steps[@]}" release wait 300
 grim "$WORK/dragged.png"
 [ "$(pixel "$WORK/dragged.png" $((1280 - 400 - 15)) 59)" != 303030 ] &&
     [ "$(pixel "$WORK/dragged.png" $((1280 - 300 - 15)) 59)" = 303030 ] && ok "a drag moved the bar 100 px left" ||
     fail "the bar did not follow the drag"
-"$POINTER" 1280 720 move $((bar_x - 100)) 59 press release wait 800
+"$POINTER" 1280 720 move 640 300 wait 100 move $((bar_x - 100)) 59 wait 100 press release wait 800
 grim "$WORK/clicked.png"
 [ "$(menu_pixels "$WORK/clicked.png")" -lt $(($(menu_pixels "$WORK/dragged.png") - 1000)) ] &&
     ok "a click on the moved bar opened the menu" || fail "no menu after a click on the moved bar"
@@ -152,7 +157,8 @@ grim "$WORK/restarted.png"
 if [ -x "$DRAG_SOURCE" ]; then
     ffmpeg -v error -y -i "$WORK/fixture.wav" -t 12 "$WORK/take.wav"
     QT_QPA_PLATFORM=wayland "$DRAG_SOURCE" "$WORK/take.wav" 0 0 >"$WORK/drag.out" 2>&1 &  # sway tiles it
-    pids+=($!)
+    dpid=$!
+    pids+=($dpid)
     sleep 1.5
     "$POINTER" 1280 720 wait 5000 &
     pids+=($!)
@@ -165,7 +171,28 @@ if [ -x "$DRAG_SOURCE" ]; then
     grep -q "dropped: take.wav" "$log" && grep -q "drag result: 1" "$WORK/drag.out" &&
         ok "a file dragged from a Wayland program onto the bar was taken and analysed" ||
         fail "the drop on the bar did not arrive: $(cat "$WORK/drag.out")"
+    kill "$dpid"; wait "$dpid" 2>/dev/null || true
 fi
+
+# --- at scale 2 the margin is in surface units: the bar keeps its place and stays on the output ----------
+swaymsg output "$output" scale 2 >/dev/null  # 640 x 360 units on 1280 x 720 pixels
+sleep 1
+grim "$WORK/scaled.png"
+[ "$(pixel "$WORK/scaled.png" $(((640 - 400 - 15) * 2)) 118)" != 303030 ] &&
+    [ "$(pixel "$WORK/scaled.png" $(((640 - 400 + 5) * 2)) 118)" = 303030 ] &&
+    ok "at scale 2 the bar keeps its margin" || fail "at scale 2 the bar moved"
+# A stored margin wider than the output leaves the bar at its left edge.
+kill "$vpid"; wait "$vpid" 2>/dev/null || true
+sed -i "s/^$output=400\$/$output=1000/" "$XDG_CONFIG_HOME/Velquin/Velquin.conf"
+"$VELQUIN" >>"$WORK/velquin.out" 2>&1 &
+vpid=$!
+pids+=($vpid)
+sleep 3
+grim "$WORK/left.png"
+[ "$(pixel "$WORK/left.png" 2 118)" != 303030 ] && [ "$(pixel "$WORK/left.png" $(((640 - 400 - 15) * 2)) 118)" = 303030 ] &&
+    ok "at scale 2 a margin wider than the output leaves the bar at its left edge" ||
+    fail "at scale 2 the bar left the output"
+convert "$WORK/left.png" -crop 240x80+0+80 +repage "$OUT/sway-bar-scale2.png"
 
 cp "$log" "$OUT/velquin-sway.log" 2>/dev/null || true
 cp "$WORK/velquin.out" "$OUT/velquin-sway.out"
