@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <linux/input-event-codes.h>
-#include <poll.h>
 #include <sys/mman.h>
 #include <unistd.h>
 #include <wayland-client.h>
@@ -17,98 +16,9 @@
 #include <cstring>
 #include <vector>
 
-#include "BarPlacement.h"
-#include "EdgeDrag.h"
-#include "LayerShellProtocol.h"
-#include "RelativePointerProtocol.h"
+#include "LayerShellState.h"
 
 namespace velquin {
-
-using layerShell::zwlr_layer_shell_v1;
-using layerShell::zwlr_layer_surface_v1;
-using relativePointer::zwp_relative_pointer_manager_v1;
-using relativePointer::zwp_relative_pointer_v1;
-
-namespace {
-
-struct Output {
-    LayerShellBar::State* state = nullptr;
-    wl_output* output = nullptr;
-    uint32_t id = 0;
-    QString name;
-    int width = 0, height = 0;  // of the mode, in pixels
-    int scale = 1;
-    bool turned = false;  // a quarter turn: the mode's height runs along the top edge
-    int shownScale = 0;   // the scale the owner last heard of
-    // Surface units along the top edge.
-    int logicalWidth() const { return (turned ? height : width) / std::max(scale, 1); }
-};
-
-}  // namespace
-
-struct LayerShellBar::State {
-    struct Buffer {
-        State* state = nullptr;
-        wl_buffer* buffer = nullptr;
-        uchar* data = nullptr;
-        size_t bytes = 0;
-        QSize size;
-        bool busy = false;
-    };
-
-    LayerShellBar* owner = nullptr;
-    wl_display* display = nullptr;
-    wl_registry* registry = nullptr;
-    wl_compositor* compositor = nullptr;
-    wl_shm* shm = nullptr;
-    zwlr_layer_shell_v1* shell = nullptr;
-    wl_seat* seat = nullptr;
-    wl_pointer* pointer = nullptr;
-    zwp_relative_pointer_manager_v1* relativeManager = nullptr;
-    zwp_relative_pointer_v1* relative = nullptr;
-    wl_data_device_manager* dataManager = nullptr;
-    wl_data_device* dataDevice = nullptr;
-    wl_data_offer* offer = nullptr;  // of the drag over the bar
-    bool offerHasUris = false;
-    std::vector<std::unique_ptr<Output>> outputs;
-    Output* on = nullptr;
-
-    wl_surface* surface = nullptr;
-    zwlr_layer_surface_v1* layer = nullptr;
-    bool configured = false;
-    bool drawPending = false;
-    QImage image;
-    std::array<Buffer, 2> buffers;
-    int margin = barPlacement::margin;
-
-    bool inside = false;
-    double x = 0, y = 0;  // pointer, surface coordinates
-    EdgeDrag drag;
-    // Without relative motion the bar stays put until the button goes up: only then are its surface
-    // coordinates the pointer's motion on every compositor. This is where it will go.
-    int dropMargin = 0;
-    std::unique_ptr<QSocketNotifier> notifier;
-
-    ~State();
-    void flush() { wl_display_flush(display); }
-    void watchDrops();
-    void dropOffer();
-    QList<QUrl> receiveUris();
-    void createSurface();
-    void destroySurface();
-    void applyMargin();
-    void draw();
-    Buffer* freeBuffer(QSize size);
-    void dropBuffer(Buffer& b);
-    int scale() const { return on ? std::max(on->scale, 1) : 1; }
-    int widest() const {
-        const int width = on ? on->logicalWidth() : 0;
-        return width > 0 ? std::max(0, width - surfaceSize().width()) : INT_MAX;
-    }
-    QSize surfaceSize() const { return (QSizeF(image.size()) / image.devicePixelRatio()).toSize(); }
-    void pointerMoved(double dx, double dy);
-    void watchRelativeMotion(wl_pointer* live);
-};
 
 namespace {
 
@@ -116,19 +26,19 @@ using State = LayerShellBar::State;
 
 void outputGeometry(void* data, wl_output*, int32_t, int32_t, int32_t, int32_t, int32_t, const char*,
                     const char*, int32_t transform) {
-    static_cast<Output*>(data)->turned = transform % 2 == 1;  // 90 and 270, also flipped
+    static_cast<LayerOutput*>(data)->turned = transform % 2 == 1;  // 90 and 270, also flipped
 }
 void outputMode(void* data, wl_output*, uint32_t flags, int32_t width, int32_t height, int32_t) {
     if (!(flags & WL_OUTPUT_MODE_CURRENT)) return;
-    static_cast<Output*>(data)->width = width;
-    static_cast<Output*>(data)->height = height;
+    static_cast<LayerOutput*>(data)->width = width;
+    static_cast<LayerOutput*>(data)->height = height;
 }
 void outputDone(void* data, wl_output*);
 void outputScale(void* data, wl_output*, int32_t scale) {
-    static_cast<Output*>(data)->scale = scale;
+    static_cast<LayerOutput*>(data)->scale = scale;
 }
 void outputName(void* data, wl_output*, const char* name) {
-    static_cast<Output*>(data)->name = QString::fromUtf8(name);
+    static_cast<LayerOutput*>(data)->name = QString::fromUtf8(name);
 }
 void outputDescription(void*, wl_output*, const char*) {}
 const wl_output_listener outputListener = {outputGeometry, outputMode, outputDone,
@@ -207,58 +117,6 @@ void seatCapabilities(void* data, wl_seat* seat, uint32_t capabilities) {
 void seatName(void*, wl_seat*, const char*) {}
 const wl_seat_listener seatListener = {seatCapabilities, seatName};
 
-constexpr const char* uriList = "text/uri-list";
-
-void offerMime(void* data, wl_data_offer*, const char* mime) {
-    if (std::strcmp(mime, uriList) == 0) static_cast<State*>(data)->offerHasUris = true;
-}
-void offerSourceActions(void*, wl_data_offer*, uint32_t) {}
-void offerAction(void*, wl_data_offer*, uint32_t) {}
-const wl_data_offer_listener offerListener = {offerMime, offerSourceActions, offerAction};
-
-void dataOffer(void* data, wl_data_device*, wl_data_offer* offer) {
-    auto* s = static_cast<State*>(data);
-    s->dropOffer();
-    s->offer = offer;
-    s->offerHasUris = false;
-    wl_data_offer_add_listener(offer, &offerListener, s);
-}
-void dataEnter(void* data, wl_data_device*, uint32_t serial, wl_surface* surface, wl_fixed_t, wl_fixed_t,
-               wl_data_offer* offer) {
-    auto* s = static_cast<State*>(data);
-    const bool ours = surface == s->surface && offer == s->offer && s->offerHasUris;
-    if (!offer) return;
-    // Files are taken as a copy; anything else is refused.
-    wl_data_offer_accept(offer, serial, ours ? uriList : nullptr);
-    if (wl_data_offer_get_version(offer) >= 3) {
-        const uint32_t copy = ours ? WL_DATA_DEVICE_MANAGER_DND_ACTION_COPY : 0;
-        wl_data_offer_set_actions(offer, copy, copy);
-    }
-    s->flush();
-}
-void dataLeave(void*, wl_data_device*) {}
-void dataMotion(void*, wl_data_device*, uint32_t, wl_fixed_t, wl_fixed_t) {}
-void dataDrop(void* data, wl_data_device*) {
-    auto* s = static_cast<State*>(data);
-    if (!s->offer || !s->offerHasUris) return;
-    const QList<QUrl> urls = s->receiveUris();
-    s->dropOffer();
-    LayerShellBar* owner = s->owner;
-    if (!urls.isEmpty() && owner->onDrop) {
-        QTimer::singleShot(0, owner, [owner, urls] {
-            if (owner->onDrop) owner->onDrop(urls);
-        });
-    }
-}
-void dataSelection(void* data, wl_data_device*, wl_data_offer* offer) {
-    // The clipboard is none of the bar's business.
-    auto* s = static_cast<State*>(data);
-    if (offer && offer == s->offer) s->offer = nullptr;
-    if (offer) wl_data_offer_destroy(offer);
-}
-const wl_data_device_listener dataDeviceListener = {dataOffer,  dataEnter, dataLeave,
-                                                    dataMotion, dataDrop,  dataSelection};
-
 void registryGlobal(void* data, wl_registry* registry, uint32_t id, const char* interface, uint32_t version) {
     auto* s = static_cast<State*>(data);
     const auto bind = [&](const wl_interface* type, uint32_t highest) {
@@ -279,7 +137,7 @@ void registryGlobal(void* data, wl_registry* registry, uint32_t id, const char* 
     } else if (std::strcmp(interface, wl_data_device_manager_interface.name) == 0) {
         s->dataManager = static_cast<wl_data_device_manager*>(bind(&wl_data_device_manager_interface, 3));
     } else if (std::strcmp(interface, wl_output_interface.name) == 0) {
-        auto output = std::make_unique<Output>();
+        auto output = std::make_unique<LayerOutput>();
         output->id = id;
         output->state = s;
         output->output = static_cast<wl_output*>(bind(&wl_output_interface, 4));
@@ -312,7 +170,7 @@ const wl_surface_listener surfaceListener = {surfaceEnter, surfaceLeave};
 
 void outputDone(void* data, wl_output*) {
     // The bar's output took another scale: the owner draws it again, sharp at the new one.
-    auto* o = static_cast<Output*>(data);
+    auto* o = static_cast<LayerOutput*>(data);
     if (o->shownScale == 0 || o->shownScale == o->scale) return;
     o->shownScale = o->scale;
     if (o->state->on == o && o->state->owner->onOutput) o->state->owner->onOutput(o->name);
@@ -380,44 +238,6 @@ LayerShellBar::State::~State() {
     if (compositor) wl_compositor_destroy(compositor);
     if (registry) wl_registry_destroy(registry);
     if (display) wl_display_disconnect(display);
-}
-
-void LayerShellBar::State::watchDrops() {
-    if (!dataManager || !seat || dataDevice) return;
-    dataDevice = wl_data_device_manager_get_data_device(dataManager, seat);
-    wl_data_device_add_listener(dataDevice, &dataDeviceListener, this);
-}
-
-void LayerShellBar::State::dropOffer() {
-    if (offer) wl_data_offer_destroy(offer);
-    offer = nullptr;
-    offerHasUris = false;
-}
-
-QList<QUrl> LayerShellBar::State::receiveUris() {
-    int fds[2];
-    if (pipe2(fds, O_CLOEXEC) != 0) return {};
-    wl_data_offer_receive(offer, uriList, fds[1]);
-    close(fds[1]);
-    flush();
-    // The dragging program writes the list and closes its end; a list of paths is short, and a program
-    // that never writes is given up on after two seconds.
-    QByteArray text;
-    pollfd p{fds[0], POLLIN, 0};
-    char chunk[4096];
-    while (poll(&p, 1, 2000) > 0) {
-        const ssize_t n = read(fds[0], chunk, sizeof chunk);
-        if (n <= 0) break;
-        text.append(chunk, n);
-    }
-    close(fds[0]);
-    if (wl_data_offer_get_version(offer) >= 3) wl_data_offer_finish(offer);
-    QList<QUrl> urls;
-    for (const QByteArray& line : text.split('\n')) {
-        const QByteArray trimmed = line.trimmed();
-        if (!trimmed.isEmpty() && !trimmed.startsWith('#')) urls << QUrl::fromEncoded(trimmed);
-    }
-    return urls;
 }
 
 void LayerShellBar::State::createSurface() {
