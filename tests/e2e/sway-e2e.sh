@@ -17,9 +17,9 @@
 #   OUTDIR/velquin-sway.log, velquin-sway.out
 #
 # sway refuses to run as root, so under root it runs as "nobody". Input comes from `swaymsg seat …
-# cursor`, with a virtual pointer (ui_virtual_pointer) giving the headless seat a pointer at all; drags
-# come from the virtual pointer itself, since sway passes `seat … cursor` moves to no client while a
-# button is down.
+# cursor`, with a virtual pointer (ui_virtual_pointer) giving the headless seat a pointer at all; the
+# bar is dragged by the virtual pointer itself, since while a button is down on a surface sway passes
+# `seat … cursor` moves to no client.
 # Environment: VELQUIN_BIN, VIRTUAL_POINTER_BIN, DRAG_SOURCE_BIN. Exit 77 when sway, grim or a tool is missing.
 set -euo pipefail
 
