@@ -19,8 +19,8 @@
 #
 # Checks (exit 1 when one fails): the bar's window title, which carries the menu's status line, names the
 # fixture's key (A minor) and a tempo of 120 BPM; the drag opened the shelf and the drop reached it.
-# Then, under openbox with a maximized window: the bar leaves the window's title bar as it was, shows on
-# workspace 2, moves when dragged and comes back there after a restart; a second launch leaves exactly
+# Then, under openbox with a maximized window: the bar leaves the window's title bar as it was, openbox
+# keeps it sticky, above and out of task bars and pagers (_NET_WM_STATE), it shows on workspace 2, moves when dragged and comes back there after a restart; a second launch leaves exactly
 # one bar; a tray started 5 s after Velquin shows its icon. Skipped when openbox or wmctrl is missing.
 # Environment: VELQUIN_BIN (default build/velquin), DRAG_SOURCE_BIN (default build/tests/ui_drag_source).
 # Needs Xvfb, pulseaudio, xdotool, imagemagick and trayer (scripts/setup.sh installs them). Exit 77 when
@@ -295,6 +295,17 @@ if command -v openbox >/dev/null && command -v wmctrl >/dev/null && command -v x
     convert "$WORK/tray-screen.png" -crop 120x28+0+772 +repage -scale 400% "$OUT/late-tray.png"
     colours=$(convert "$WORK/tray-screen.png" -crop 120x28+0+772 +repage -format %k info:)
     [ "$colours" -gt 4 ] && echo "ok: the late tray shows the icon" || fail "the late tray stays empty"
+
+    # The state the window manager keeps is the one it applied: on every workspace, out of task bars.
+    # openbox has no STICKY state (not in its _NET_SUPPORTED): all desktops is _NET_WM_DESKTOP 0xFFFFFFFF.
+    state=$(xprop -id "$wbar" _NET_WM_STATE)
+    wanted="ABOVE SKIP_TASKBAR SKIP_PAGER"
+    xprop -root _NET_SUPPORTED | grep -q _NET_WM_STATE_STICKY && wanted+=" STICKY"
+    missing=""
+    for s in $wanted; do [[ $state == *"_NET_WM_STATE_$s"* ]] || missing+=" $s"; done
+    [ -z "$missing" ] && echo "ok: openbox keeps the bar${state#*=}" || fail "openbox dropped$missing: $state"
+    desktop=$(xprop -id "$wbar" _NET_WM_DESKTOP)
+    [[ $desktop == *4294967295* ]] && echo "ok: the bar is on all desktops" || fail "bar desktop: $desktop"
 
     wmctrl -s 1
     sleep 0.7

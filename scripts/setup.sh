@@ -15,6 +15,7 @@ VELQUIN_PACKAGES=(
     trayer xdotool imagemagick openbox wmctrl dbus desktop-file-utils appstream dbus-daemon
     attr acl inotify-tools
     pipewire pipewire-bin pipewire-pulse wireplumber
+    mutter xwayland qt6-wayland libwayland-dev sway grim
 )
 
 velquin_install_packages() {

@@ -126,6 +126,8 @@ Switches read() {
     switches.debug = lookup("DEBUG") != nullptr;
     const char* analysis = std::getenv("VELQUIN_ANALYSIS");
     switches.preciseAnalysis = analysis != nullptr && std::strcmp(analysis, "precise") == 0;
+    const char* wayland = lookup("NATIVE_WAYLAND");
+    switches.nativeWayland = wayland != nullptr && *wayland != '\0' && std::strcmp(wayland, "0") != 0;
     overrideTempo(switches.parameters.tempo);
     overrideKey(switches.parameters.key);
     switches.parameters.key.profile = profile();

@@ -4,6 +4,7 @@
 //   VELQUIN_PROFILE        "krumhansl", "temperley" or "shaath" key profiles; otherwise the blend
 //   VELQUIN_EXP_<NAME>     numeric overrides of the analyzers' parameters (names in Environment.cpp)
 //   VELQUIN_ANALYSIS       "precise": `--analyze` uses the precise whole-file analysis (no older spelling)
+//   VELQUIN_NATIVE_WAYLAND the bar stays on native Wayland even where XWayland is reachable ("0" = unset)
 // Each is also accepted under its older TESSARO_ spelling; the VELQUIN_ one wins when both are set.
 
 #include <optional>
@@ -16,6 +17,7 @@ namespace velquin::Environment {
 struct Switches {
     bool debug = false;
     bool preciseAnalysis = false;
+    bool nativeWayland = false;
     AnalyzerParameters parameters;  // overrides applied, diagnostics routed to standard error
 };
 

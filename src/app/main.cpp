@@ -32,5 +32,6 @@ int main(int argc, char** argv) {
         case Dispatch::Mode::menuBar:
             break;
     }
-    return runDesktopApp(argc, argv, [](std::string_view line) { Log::write(line); });
+    return runDesktopApp(argc, argv, [](std::string_view line) { Log::write(line); },
+                         {.insistOnWayland = switches.nativeWayland});
 }

@@ -56,8 +56,9 @@ class ItemAdaptor : public QDBusAbstractAdaptor {
     IconPixmapList iconPixmap() const { return item_->iconPixmaps(); }
     IconPixmapList noPixmap() const { return {}; }
     ToolTip toolTip() const { return item_->toolTip(); }
-    // Left click is Activate, which opens the same menu the panel would.
-    bool itemIsMenu() const { return false; }
+    // Left click opens the exported menu, drawn by the panel itself: a menu of ours would be an X11
+    // popup under XWayland, out of reach of Wayland input. Panels that call Activate anyway get ours.
+    bool itemIsMenu() const { return true; }
     QDBusObjectPath menu() const { return QDBusObjectPath(QLatin1String(StatusNotifierItem::menuPath)); }
     QString label() const { return item_->label(); }
     QString labelGuide() const { return item_->labelGuide(); }

@@ -214,6 +214,14 @@ void AppMenu::showHint(bool shown) {
     setLineVisible(items_.hintLine, shown);
 }
 
+void AppMenu::setHintText(const QString& text) {
+    labelOf(items_.hintLine)->setText(text);
+}
+
+QString AppMenu::hintText() const {
+    return labelOf(items_.hintLine)->text();
+}
+
 void AppMenu::setNotes(const std::optional<QString>& html) {
     if (html) labelOf(items_.notesLine)->setText(*html);
     setLineVisible(items_.notesLine, html.has_value());

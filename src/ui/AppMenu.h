@@ -66,6 +66,8 @@ class AppMenu {
     static QString lineText(const QWidgetAction* line);
     // The first-launch hint under the status line.
     void showHint(bool shown);
+    void setHintText(const QString& text);
+    QString hintText() const;
     // Rich text of the note-strength line; absent hides it.
     void setNotes(const std::optional<QString>& html);
     QString notesHtml() const;

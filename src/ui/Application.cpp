@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <QApplication>
+#include <QGuiApplication>
 #include <QSettings>
 #include <QTimer>
 #include <cstdio>
@@ -10,6 +11,7 @@
 #include <vector>
 
 #include "DesktopApp.h"
+#include "LayerShellBar.h"
 #include "PlatformChoice.h"
 #include "SingleInstance.h"
 #include "XdgPaths.h"
@@ -26,8 +28,9 @@ std::vector<std::string> heldMessages;
 void holdPlatformMessages(QtMsgType type, const QMessageLogContext& context, const QString& message) {
     if (type == QtFatalMsg) {
         std::fputs(
-            "Error: no graphical display (set DISPLAY, or use --analyze, --timeline, --chroma or --live; see "
-            "--help)\n",
+            "Error: no graphical display: needs an X11 display (DISPLAY) or a Wayland compositor "
+            "(WAYLAND_DISPLAY) with Qt's Wayland plugin (package qt6-wayland); without a desktop use "
+            "--analyze, --timeline, --chroma or --live (see --help)\n",
             stderr);
         std::fflush(stderr);
         ::_exit(1);
@@ -45,11 +48,18 @@ void placeSettings() {
     QSettings::setPath(QSettings::IniFormat, QSettings::UserScope, folder);
 }
 
+// The user's own choice of native Wayland, read before the application object exists.
+bool nativeWaylandSetting() {
+    const QSettings settings(QSettings::NativeFormat, QSettings::UserScope, QStringLiteral("Velquin"),
+                             QStringLiteral("Velquin"));
+    return settings.value(QStringLiteral("nativeWayland"), false).toBool();
+}
+
 }  // namespace
 
-int runDesktopApp(int argc, char** argv, LogSink log, bool showShelfAtLaunch) {
-    const bool throughXWayland = preferX11Platform();
+int runDesktopApp(int argc, char** argv, LogSink log, LaunchOptions options) {
     placeSettings();
+    const std::string platformWhy = preferX11Platform(options.insistOnWayland || nativeWaylandSetting());
     const QtMessageHandler previous = qInstallMessageHandler(holdPlatformMessages);
     QApplication app(argc, argv);
     qInstallMessageHandler(previous);
@@ -61,14 +71,31 @@ int runDesktopApp(int argc, char** argv, LogSink log, bool showShelfAtLaunch) {
     QGuiApplication::setDesktopFileName(QStringLiteral("org.orvane.Velquin"));
     // Alerts and the file picker are the only ordinary windows; closing them must not end the program.
     QApplication::setQuitOnLastWindowClosed(false);
-    if (throughXWayland && log) log("platform: xcb through XWayland");
-
+    if (!platformWhy.empty() && log) log(platformWhy);
     SingleInstance instance;
     if (!instance.claim()) {
         if (log) log("another Velquin runs; asked it to show its menu");
         return 0;
     }
-    DesktopApp desktop({.log = std::move(log), .showShelfAtLaunch = showShelfAtLaunch});
+    const bool nativeWayland = QGuiApplication::platformName().startsWith(QLatin1String("wayland"));
+    std::unique_ptr<LayerShellBar> layerBar = nativeWayland ? LayerShellBar::create() : nullptr;
+    if (layerBar) {
+        if (log) log("bar: a layer-shell surface on the overlay layer, top right");
+    } else if (nativeWayland) {
+        const char* line =
+            "Velquin: this Wayland desktop lets the bar be neither placed nor kept above; the reading is in "
+            "the panel item (the bar, if shown, stays where the compositor puts it)";
+        std::fprintf(stderr, "%s\n", line);
+        if (log) log(line);
+    }
+    DesktopApp desktop(
+        {.log = std::move(log),
+         .showShelfAtLaunch = options.showShelfAtLaunch,
+         .barPlaceable = !nativeWayland || layerBar,
+         // Native Wayland menus need no help, except that with a layer-shell bar there is
+         // no window of ours for one to hang from.
+         .focusableMenu = !qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY") && (!nativeWayland || layerBar),
+         .layerBar = std::move(layerBar)});
     instance.onShowRequest = [&desktop] { desktop.showMenu(); };
     QObject::connect(&app, &QCoreApplication::aboutToQuit, &desktop, &DesktopApp::shutDown);
     // Launching inside the loop lets a start-up alert run its own modal loop like any later one.

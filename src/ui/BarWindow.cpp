@@ -3,6 +3,7 @@
 #include <xcb/xcb.h>
 
 #include <QGuiApplication>
+#include <array>
 #include <cmath>
 #include <cstring>
 
@@ -18,37 +19,23 @@ xcb_atom_t atom(xcb_connection_t* c, const char* name) {
     return result;
 }
 
-// Asks the window manager, the way the window-manager hints convention says, to keep the bar on every
-// workspace, above other windows and out of taskbars and pagers. Qt rewrites the window's state
-// property on every show, so this runs after each one; without a window manager nothing listens.
+// Tells the window manager, before it manages the window, to keep the bar on every workspace, above
+// other windows and out of taskbars and pagers. A state asked for by client message while the window
+// is still unmanaged is lost (openbox drops it); properties on a withdrawn window are what a window
+// manager reads when it takes the window on. Qt keeps atoms it does not know when it adds its own.
 void keepEverywhere(QWidget& window) {
     auto* x11 = qGuiApp->nativeInterface<QNativeInterface::QX11Application>();
     if (!x11 || !x11->connection()) return;
     xcb_connection_t* c = x11->connection();
     const auto id = static_cast<xcb_window_t>(window.winId());
-    const xcb_window_t root = xcb_setup_roots_iterator(xcb_get_setup(c)).data->root;
-    const auto send = [&](const char* type, uint32_t a, uint32_t b, uint32_t d, uint32_t e) {
-        xcb_client_message_event_t message{};
-        message.response_type = XCB_CLIENT_MESSAGE;
-        message.format = 32;
-        message.window = id;
-        message.type = atom(c, type);
-        message.data.data32[0] = a;
-        message.data.data32[1] = b;
-        message.data.data32[2] = d;
-        message.data.data32[3] = e;
-        xcb_send_event(c, 0, root, XCB_EVENT_MASK_SUBSTRUCTURE_REDIRECT | XCB_EVENT_MASK_SUBSTRUCTURE_NOTIFY,
-                       reinterpret_cast<const char*>(&message));
-    };
-    constexpr uint32_t add = 1, fromApplication = 1, allDesktops = 0xFFFFFFFF;
-    const uint32_t allWorkspaces = allDesktops;
+    const uint32_t allWorkspaces = 0xFFFFFFFF;
     xcb_change_property(c, XCB_PROP_MODE_REPLACE, id, atom(c, "_NET_WM_DESKTOP"), XCB_ATOM_CARDINAL, 32, 1,
                         &allWorkspaces);
-    send("_NET_WM_DESKTOP", allDesktops, fromApplication, 0, 0);
-    send("_NET_WM_STATE", add, atom(c, "_NET_WM_STATE_STICKY"), atom(c, "_NET_WM_STATE_ABOVE"),
-         fromApplication);
-    send("_NET_WM_STATE", add, atom(c, "_NET_WM_STATE_SKIP_TASKBAR"), atom(c, "_NET_WM_STATE_SKIP_PAGER"),
-         fromApplication);
+    const std::array<xcb_atom_t, 4> states = {atom(c, "_NET_WM_STATE_STICKY"), atom(c, "_NET_WM_STATE_ABOVE"),
+                                              atom(c, "_NET_WM_STATE_SKIP_TASKBAR"),
+                                              atom(c, "_NET_WM_STATE_SKIP_PAGER")};
+    xcb_change_property(c, XCB_PROP_MODE_REPLACE, id, atom(c, "_NET_WM_STATE"), XCB_ATOM_ATOM, 32,
+                        static_cast<uint32_t>(states.size()), states.data());
     xcb_flush(c);
 }
 
@@ -73,9 +60,11 @@ void BarWindow::resizeEvent(QResizeEvent* event) {
     view_.setGeometry(rect());
 }
 
-void BarWindow::showEvent(QShowEvent* event) {
-    QWidget::showEvent(event);
-    keepEverywhere(*this);
+void BarWindow::setVisible(bool visible) {
+    // A window manager removes the state when the window is withdrawn, so it is given again before
+    // every map.
+    if (visible && !isVisible()) keepEverywhere(*this);
+    QWidget::setVisible(visible);
 }
 
 }  // namespace velquin

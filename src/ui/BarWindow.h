@@ -21,10 +21,10 @@ class BarWindow : public QWidget {
     StatusBarView& view() { return view_; }
     // Width in logical pixels, rounded up; the height stays 22.
     void setLength(double length);
+    void setVisible(bool visible) override;
 
   protected:
     void resizeEvent(QResizeEvent* event) override;
-    void showEvent(QShowEvent* event) override;
 
   private:
     StatusBarView view_{this};

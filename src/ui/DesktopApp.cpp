@@ -4,10 +4,13 @@
 #include <QCursor>
 #include <QFileInfo>
 #include <QGuiApplication>
+#include <QMimeData>
 #include <QScreen>
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 
+#include "BarDropTarget.h"
 #include "ReadingText.h"
 
 #ifndef VELQUIN_INSTALLED_HELP
@@ -31,8 +34,13 @@ DesktopApp::DesktopApp(Options options)
       store_(options.settings ? std::move(options.settings) : std::make_unique<QSettings>()),
       service_(std::move(options.sourceFactory)),
       showShelfAtLaunch_(options.showShelfAtLaunch),
+      barPlaceable_(options.barPlaceable),
+      currentDesktop_(options.currentDesktop ? *options.currentDesktop
+                                             : qEnvironmentVariable("XDG_CURRENT_DESKTOP")),
       bar_(std::make_unique<BarWindow>()),
+      layerBar_(std::move(options.layerBar)),
       barPosition_(*bar_, *store_),
+      presenter_(menu_.menu(), options.focusableMenu),
       tray_(menu_.menu()),
       panel_(menu_.menu(), tray_, log_),
       drops_(log_),
@@ -106,10 +114,12 @@ void DesktopApp::launch() {
     settings_ = DisplaySettings::read(*store_);
 
     StatusBarView& view = bar_->view();
-    view.onClick = [this] { showMenu(); };
+    view.onClick = [this] { toggleMenu(); };
     view.onLocate = [this](const QRect& r) { drops_.locate(r); };
-    view.onMove = [this](const QPoint& topLeft) { bar_->move(topLeft); };
-    view.onMoveEnd = [this] { barPosition_.remember(); };
+    if (barPlaceable_) {
+        view.onMove = [this](const QPoint& topLeft) { bar_->move(topLeft); };
+        view.onMoveEnd = [this] { barPosition_.remember(); };
+    }
     drops_.barFrame = [this] { return bar_->frameGeometry(); };
     drops_.range = [this] { return service_.range(); };
     drops_.analysis = [this] { return fileAnalysis(); };
@@ -131,13 +141,22 @@ void DesktopApp::launch() {
     if (log_) log_(std::string("drag monitor installed: ") + (watching ? "true" : "false"));
 
     menu_.build(settings_);
+    menu_.setHintText(QLatin1String(barPlaceable_ ? movableHint : fixedHint));
     applyFixedWidth();
-    barPosition_.place();
-    barPosition_.watchScreens();
-    bar_->setVisible(settings_.floatBar);
-    tray_.onTrigger = [this] { menu_.menu().popup(QCursor::pos()); };
+    if (layerBar_) {
+        attachLayerBar();
+    } else {
+        if (barPlaceable_) {
+            barPosition_.place();
+            barPosition_.watchScreens();
+        }
+        bar_->setVisible(settings_.floatBar);
+    }
+    tray_.onTrigger = [this] { presenter_.popup(QCursor::pos()); };
     menu_.menu().insertAction(menu_.items().helpItem, panel_.loginItem());
     subscribe([this](const Reading& reading) { panel_.update(reading, settings_); });
+    panel_.onActivate = [this](QPoint at) { presenter_.popup(at.isNull() ? QCursor::pos() : at); };
+    panel_.onNoHost = [this] { noPanelHost(); };
     panel_.start();
 
     if (showShelfAtLaunch_) {
@@ -191,12 +210,60 @@ void DesktopApp::shutDown() {
     service_.stop();
 }
 
+QPoint DesktopApp::menuPoint() const {
+    return bar_->isVisible() ? bar_->mapToGlobal(QPoint(0, bar_->height())) : QCursor::pos();
+}
+
 void DesktopApp::showMenu() {
-    if (bar_->isVisible()) {
-        menu_.menu().popup(bar_->mapToGlobal(QPoint(0, bar_->height())));
-    } else {
-        menu_.menu().popup(QCursor::pos());
+    presenter_.popup(menuPoint());
+}
+
+void DesktopApp::toggleMenu() {
+    presenter_.toggle(menuPoint());
+}
+
+void DesktopApp::attachLayerBar() {
+    layerBar_->onClick = [this] { toggleMenu(); };
+    layerBar_->onDrop = [this](const QList<QUrl>& urls) {
+        QMimeData dragged;
+        dragged.setUrls(urls);
+        if (const std::optional<QUrl> url = BarDropTarget::audioURL(&dragged)) drops_.analyzeDropped(*url);
+    };
+    layerBar_->onMoved = [this](int margin) { storeBarMargin(*store_, layerBar_->outputName(), margin); };
+    layerBar_->onOutput = [this](const QString& output) {
+        layerBar_->setMargin(storedBarMargin(*store_, output).value_or(barPlacement::margin));
+        showLayerBar();
+    };
+    showLayerBar();
+}
+
+void DesktopApp::showLayerBar() {
+    if (!layerBar_) return;
+    if (!settings_.floatBar) {
+        layerBar_->hide();
+        return;
     }
+    // The hidden bar window draws what the layer surface shows.
+    const int scale = layerBar_->scale();
+    QImage image(bar_->size() * scale, QImage::Format_ARGB32_Premultiplied);
+    image.setDevicePixelRatio(scale);
+    image.fill(Qt::transparent);
+    bar_->render(&image);
+    layerBar_->show(image);
+}
+
+void DesktopApp::noPanelHost() {
+    // GNOME shows panel items only with the AppIndicator extension; its users are told once.
+    if (!currentDesktop_.split(QLatin1Char(':')).contains(QLatin1String("GNOME"), Qt::CaseInsensitive))
+        return;
+    const QString key = QStringLiteral("panelExtensionHintShown");
+    if (store_->value(key, false).toBool()) return;
+    store_->setValue(key, true);
+    std::fprintf(stderr, "Velquin: %s\n", extensionHint);
+    if (log_) log_(std::string("no panel item host on GNOME: ") + extensionHint);
+    menu_.setHintText(menu_.hintText() + QLatin1Char('\n') + QLatin1String(extensionHint));
+    menu_.showHint(true);
+    menu_.keepOnScreen();
 }
 
 void DesktopApp::subscribe(std::function<void(const Reading&)> display) {
@@ -215,6 +282,7 @@ void DesktopApp::publish() {
     const QString windowTitle = reading_.status + QStringLiteral(" \u2014 Velquin");
     if (bar_->windowTitle() != windowTitle) bar_->setWindowTitle(windowTitle);
     tray_.update(reading_);
+    showLayerBar();
     menu_.keepOnScreen();
     for (const auto& display : displays_) display(reading_);
 }
@@ -288,6 +356,7 @@ void DesktopApp::applyFixedWidth() {
     bar_->setLength(view.preferredWidth());
     if (placed) bar_->move(right + 1 - bar_->width(), bar_->y());
     view.update();
+    showLayerBar();
 }
 
 void DesktopApp::applyRange(TempoRange range) {

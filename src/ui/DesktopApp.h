@@ -21,8 +21,10 @@
 #include "Dialogs.h"
 #include "DisplaySettings.h"
 #include "DropCoordinator.h"
+#include "LayerShellBar.h"
 #include "LibraryTrackCache.h"
 #include "LogSink.h"
+#include "MenuPresenter.h"
 #include "PanelPresence.h"
 #include "PlayerFollower.h"
 #include "ProgressWindow.h"
@@ -51,7 +53,23 @@ class DesktopApp : public QObject {
         bool showShelfAtLaunch = false;
         // Where media players are watched; the session bus when empty.
         std::optional<QDBusConnection> playerBus = {};
+        // False where the compositor places the bar and cannot be asked to move it (native Wayland):
+        // the bar then neither moves nor remembers a place, and the hint does not offer a drag.
+        bool barPlaceable = true;
+        // The menu as a focused window of its own rather than a grabbing popup (XWayland).
+        bool focusableMenu = false;
+        // On a layer-shell compositor: the bar as a layer surface, drawn by the (hidden) bar window.
+        std::unique_ptr<LayerShellBar> layerBar = {};
+        // The desktop's names (XDG_CURRENT_DESKTOP); read from the environment when empty.
+        std::optional<QString> currentDesktop = {};
     };
+
+    // The first-launch hint, and the one line a GNOME user without a panel item host is told once.
+    static constexpr const char* movableHint = "Click the bar any time for this menu; drag it to move it";
+    static constexpr const char* fixedHint = "Click the bar or the panel item any time for this menu";
+    static constexpr const char* extensionHint =
+        "For the reading in GNOME's top bar, install and enable the AppIndicator extension "
+        "(gnome-shell-extension-appindicator), then log in again";
 
     explicit DesktopApp(Options options);
     ~DesktopApp() override;
@@ -88,6 +106,8 @@ class DesktopApp : public QObject {
 
     // Opens the menu under the bar, or at the pointer when the bar is hidden.
     void showMenu();
+    // A click on the bar: opens the menu, or closes it when it is open.
+    void toggleMenu();
 
     // Every new reading, after the bar and the tray have it.
     void subscribe(std::function<void(const Reading&)> display);
@@ -115,6 +135,8 @@ class DesktopApp : public QObject {
     QSystemTrayIcon* trayIcon() { return tray_.icon(); }
     ProgressWindow* progressWindow() { return menuAnalysis_.window(); }
     PanelPresence& panel() { return panel_; }
+    LayerShellBar* layerBar() { return layerBar_.get(); }
+    MenuPresenter& menuPresenter() { return presenter_; }
 
     // The help page shipped beside the program, or installed with it.
     static QString helpPagePath();
@@ -129,6 +151,10 @@ class DesktopApp : public QObject {
     void publish();
     QString statusText(const TempoEstimate& tempo, const KeyEstimate& key) const;
     void droppedResult(const QString& name, const std::optional<FileAnalysisResult>& result);
+    QPoint menuPoint() const;
+    void noPanelHost();
+    void attachLayerBar();
+    void showLayerBar();
 
     LogSink log_;
     std::unique_ptr<QSettings> store_;
@@ -136,10 +162,14 @@ class DesktopApp : public QObject {
     DisplaySettings settings_;
     bool paused_ = false;
     bool showShelfAtLaunch_ = false;
+    bool barPlaceable_ = true;
+    QString currentDesktop_;
 
     std::unique_ptr<BarWindow> bar_;
+    std::unique_ptr<LayerShellBar> layerBar_;
     BarPosition barPosition_;
     AppMenu menu_;
+    MenuPresenter presenter_;
     TrayIcon tray_;
     PanelPresence panel_;
     DropCoordinator drops_;

@@ -80,7 +80,11 @@ void DesktopApp::toggleFloatBar() {
     menu_.items().floatItem->setChecked(settings_.floatBar);
     store(*store_, settingsKey::floatBar, settings_.floatBar);
     // Hidden, the bar leaves the reading to the tray and the panel.
-    bar_->setVisible(settings_.floatBar);
+    if (layerBar_) {
+        showLayerBar();
+    } else {
+        bar_->setVisible(settings_.floatBar);
+    }
 }
 
 void DesktopApp::copyBoth() {

@@ -88,4 +88,23 @@ void storeBarPosition(QSettings& s, const QString& screen, const QPointF& fracti
                QString::number(fraction.x()) + QLatin1Char(' ') + QString::number(fraction.y()));
 }
 
+namespace {
+
+QString marginKey(const QString& output) {
+    return QStringLiteral("barMargin/") + QString::fromLatin1(output.toUtf8().toPercentEncoding());
+}
+
+}  // namespace
+
+std::optional<int> storedBarMargin(const QSettings& s, const QString& output) {
+    bool ok = false;
+    const int margin = s.value(marginKey(output)).toInt(&ok);
+    if (!ok || margin < 0) return std::nullopt;
+    return margin;
+}
+
+void storeBarMargin(QSettings& s, const QString& output, int margin) {
+    s.setValue(marginKey(output), margin);
+}
+
 }  // namespace velquin

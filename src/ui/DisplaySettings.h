@@ -53,6 +53,9 @@ void store(QSettings& settings, KeyEstimate::RelativePreference preference);
 // The bar's remembered place on the screen named `screen`, as fractions of the room it has there.
 std::optional<QPointF> storedBarPosition(const QSettings& settings, const QString& screen);
 void storeBarPosition(QSettings& settings, const QString& screen, const QPointF& fraction);
+// On layer-shell compositors: the bar's distance from the right edge of an output.
+std::optional<int> storedBarMargin(const QSettings& settings, const QString& output);
+void storeBarMargin(QSettings& settings, const QString& output, int margin);
 
 // A bool stored by this program or edited by hand: real bools, numbers and the usual words.
 std::optional<bool> boolValue(const QVariant& value);

@@ -33,8 +33,10 @@ void PanelPresence::start() {
             tray_.hide();
         } else {
             tray_.show();
+            if (onNoHost) onNoHost();
         }
     };
+    if (onActivate) item_->onActivate = onActivate;
     if (!item_->start()) {
         if (log_) log_("no session bus: tray icon");
         tray_.show();

@@ -6,6 +6,8 @@
 
 #include <QAction>
 #include <QObject>
+#include <QPoint>
+#include <functional>
 #include <memory>
 
 #include "DisplaySettings.h"
@@ -32,6 +34,11 @@ class PanelPresence : public QObject {
     // session bus is out of reach.
     void start();
     void update(const Reading& reading, const DisplaySettings& settings);
+
+    // A panel that asks the item to open its menu rather than drawing the exported one (Activate).
+    std::function<void(QPoint at)> onActivate;
+    // The session has no panel that shows items (each time that becomes so).
+    std::function<void()> onNoHost;
 
     // "Start at Login", checked when the autostart entry exists; the owner places it in the menu.
     QAction* loginItem() { return &loginItem_; }

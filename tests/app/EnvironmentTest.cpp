@@ -61,3 +61,11 @@ TEST(Environment, OverridesFillTheParametersUnderEitherPrefix) {
         EXPECT_EQ(switches.parameters.key.profile, velquin::KeyProfile::Name::blend);
     }
 }
+
+TEST(Environment, NativeWaylandIsAskedForByAValueOtherThanZero) {
+    EXPECT_FALSE(Environment::read().nativeWayland);
+    for (const auto& [value, expected] : {std::pair{"1", true}, {"yes", true}, {"0", false}, {"", false}}) {
+        ScopedEnv wayland("VELQUIN_NATIVE_WAYLAND", value);
+        EXPECT_EQ(Environment::read().nativeWayland, expected) << '"' << value << '"';
+    }
+}

@@ -20,6 +20,11 @@ echo "Depends: $depends"
 for library in libqt6dbus6 libfftw3-single3 libpulse0 libsndfile1; do
     grep -q "$library" <<<"$depends" || { echo "FAIL: $library is not among the dependencies"; exit 1; }
 done
+recommends=$(dpkg-deb -f "$deb" Recommends)
+echo "Recommends: $recommends"
+for package in qt6-wayland gnome-shell-extension-appindicator; do
+    grep -q "$package" <<<"$recommends" || { echo "FAIL: $package is not recommended"; exit 1; }
+done
 
 root="$tmp/root"
 dpkg-deb -x "$deb" "$root"

@@ -51,6 +51,8 @@ class DesktopAppTest : public ::testing::Test {
     std::optional<QString> chosenFile;
     int closedAlerts = 0;
     AudioSource* lastSource = nullptr;  // the service owns it
+    QString desktop = QStringLiteral("KDE");
+    bool barPlaceable = true;
     std::unique_ptr<DesktopApp> app;
 
     QString settingsPath() const { return dir.filePath(QStringLiteral("Velquin.conf")); }
@@ -94,6 +96,8 @@ class DesktopAppTest : public ::testing::Test {
                 },
             .dialogs = dialogs,
             .playerBus = QDBusConnection(QStringLiteral("no bus")),  // no desktop's players in tests
+            .barPlaceable = barPlaceable,
+            .currentDesktop = desktop,
         });
         app->launch();
     }
@@ -405,6 +409,48 @@ TEST_F(DesktopAppTest, FirstLaunchOpensTheMenuWithAHintAndTheBarSaysItIsListenin
     launch();
     QTest::qWait(50);
     EXPECT_FALSE(app->menu().menu().isVisible());
+}
+
+TEST_F(DesktopAppTest, GnomeWithoutAPanelHostIsToldOnceAboutTheExtension) {
+    // Elsewhere a missing host says nothing.
+    launch();
+    ASSERT_TRUE(test::waitUntil([&] { return app->menu().menu().isVisible(); }, 5000));
+    app->panel().onNoHost();
+    EXPECT_EQ(line(items().hintLine), DesktopApp::movableHint);
+    EXPECT_FALSE(stored(QStringLiteral("panelExtensionHintShown")).isValid());
+
+    desktop = QStringLiteral("ubuntu:GNOME");
+    launch();
+    app->menu().menu().show();
+    app->panel().onNoHost();
+    EXPECT_TRUE(items().hintLine->isVisible());
+    EXPECT_TRUE(line(items().hintLine).contains(QLatin1String("gnome-shell-extension-appindicator")));
+    EXPECT_TRUE(stored(QStringLiteral("panelExtensionHintShown")).toBool());
+    EXPECT_EQ(std::count_if(log.begin(), log.end(),
+                            [](const std::string& l) { return l.find("AppIndicator") != std::string::npos; }),
+              1);
+    app->menu().menu().hide();
+    // Once: a host that goes away later, or the next launch, says nothing more.
+    app->panel().onNoHost();
+    launch();
+    app->panel().onNoHost();
+    EXPECT_FALSE(items().hintLine->isVisible());
+    EXPECT_EQ(std::count_if(log.begin(), log.end(),
+                            [](const std::string& l) { return l.find("AppIndicator") != std::string::npos; }),
+              1);
+}
+
+TEST_F(DesktopAppTest, ABarTheCompositorPlacesOffersNoDragAndRemembersNoPlace) {
+    barPlaceable = false;
+    launch();
+    ASSERT_TRUE(test::waitUntil([&] { return app->menu().menu().isVisible(); }, 5000));
+    EXPECT_EQ(line(items().hintLine), DesktopApp::fixedHint);
+    EXPECT_FALSE(view().onMove);
+    EXPECT_FALSE(view().onMoveEnd);
+    EXPECT_TRUE(view().onClick);
+    app->menu().menu().hide();
+    EXPECT_TRUE(
+        QSettings(settingsPath(), QSettings::IniFormat).childGroups().filter("barPosition").isEmpty());
 }
 
 TEST_F(DesktopAppTest, HidingTheNoteLineLeavesNothingPaintedBehind) {
