@@ -19,6 +19,12 @@ constexpr auto kReconnectInterval = 200ms;
 constexpr auto kFirstRetry = 100ms;
 constexpr auto kLastRetry = 400ms;
 constexpr uint32_t kFragmentMilliseconds = 20;
+// After its device changed (a suspend and resume, a new profile), a stream that carried sound and then
+// stays inaudible this long is replaced: some servers never feed it again, though a new stream hears the
+// device at once. Replacements back off (1, 2, 4 … s) for as long as the watch lasts.
+constexpr auto kQuietBeforeRenewal = 1000ms;
+constexpr auto kWatchAfterChange = 30000ms;
+constexpr auto kRecentSound = 2000ms;
 
 constexpr auto kSubscriptions = static_cast<pa_subscription_mask_t>(
     PA_SUBSCRIPTION_MASK_SERVER | PA_SUBSCRIPTION_MASK_SINK | PA_SUBSCRIPTION_MASK_SOURCE);
@@ -59,6 +65,7 @@ int Capture::start() {
         pa_threaded_mainloop* loop = loop_.get();
         reconnectTimer_.emplace(loop, [this] { reconnect(); });
         rerouteTimer_.emplace(loop, [this] { reroute(); });
+        changeTimer_.emplace(loop, [this] { checkAfterChange(); });
         mixer_.reserve(settings_.reserveFrames);
         context_ = newContext(loop);
         error = context_ ? connect(loop, context_.get()) : PA_ERR_INTERNAL;
@@ -82,6 +89,7 @@ void Capture::stop() {
         Lock lock(loop_.get());
         reconnectTimer_.reset();
         rerouteTimer_.reset();
+        changeTimer_.reset();
         stream_.reset();
         context_.reset();
     }
@@ -192,7 +200,7 @@ void Capture::record(const DeviceInfo& device) {
         waitForDevice();
         return endRoute();
     }
-    const bool unchanged = stream_ && PA_STREAM_IS_GOOD(pa_stream_get_state(stream_.get())) &&
+    const bool unchanged = !renew_ && stream_ && PA_STREAM_IS_GOOD(pa_stream_get_state(stream_.get())) &&
                            device.name == recorded_.name &&
                            pa_sample_spec_equal(&device.spec, &recorded_.spec);
     if (unchanged) return endRoute();
@@ -200,6 +208,13 @@ void Capture::record(const DeviceInfo& device) {
     // A record stream stays on the device it was connected to, at the rate it was made with: a new
     // device, or a new rate, needs a new stream.
     stream_.reset();
+    // A replacement for a stream gone quiet keeps the watch: one made while its device was suspended
+    // may be as deaf.
+    if (!renew_) {
+        watchUntil_ = {};
+        changeTimer_->disarm();
+    }
+    renew_ = false;
     recorded_ = device;
     stream_ = newRecordStream(context_.get(), settings_.streamName, device);
     if (!stream_) return routeFailed();
@@ -257,8 +272,35 @@ void Capture::subscribeCallback(pa_context*, pa_subscription_event_type_t event,
         if (self->route_ == Route::waitingForDevice) self->reroute();
     } else if (type == PA_SUBSCRIPTION_EVENT_CHANGE && facility == PA_SUBSCRIPTION_EVENT_SOURCE &&
                index == self->recorded_.index) {
+        self->deviceChanged();
         self->reroute();  // perhaps a new rate
+    } else if (type == PA_SUBSCRIPTION_EVENT_CHANGE && facility == PA_SUBSCRIPTION_EVENT_SINK &&
+               self->settings_.records == Records::defaultSink && index == self->sink_.index) {
+        self->deviceChanged();
     }
+}
+
+void Capture::deviceChanged() {
+    const auto now = Clock::now();
+    if (!stream_ || now - lastAudible_ > kRecentSound) return;  // nothing to lose
+    if (now > watchUntil_) {
+        renewalGap_ = kQuietBeforeRenewal;
+        nextRenewal_ = now + kQuietBeforeRenewal;
+    }
+    watchUntil_ = now + kWatchAfterChange;
+    changeTimer_->arm(kQuietBeforeRenewal);
+}
+
+void Capture::checkAfterChange() {
+    const auto now = Clock::now();
+    if (now > watchUntil_) return;
+    if (now - lastAudible_ >= kQuietBeforeRenewal && now >= nextRenewal_) {
+        nextRenewal_ = now + renewalGap_;
+        renewalGap_ *= 2;
+        renew_ = true;
+        reroute();
+    }
+    changeTimer_->arm(kQuietBeforeRenewal);
 }
 
 void Capture::contextStateCallback(pa_context* context, void* userdata) {
@@ -299,7 +341,7 @@ void Capture::reconnect() {
 
 void Capture::readCallback(pa_stream* stream, size_t, void* userdata) {
     auto* self = static_cast<Capture*>(userdata);
-    self->mixer_.read(stream, self->channels_, self->owner_.onSamples);
+    if (self->mixer_.read(stream, self->channels_, self->owner_.onSamples)) self->lastAudible_ = Clock::now();
 }
 
 }  // namespace velquin::pulse

@@ -66,6 +66,8 @@ class Capture {
     void report(Route route);
     void connectionLost();
     void reconnect();
+    void deviceChanged();
+    void checkAfterChange();
     bool usable(const char* name) const;
 
     static void contextStateCallback(pa_context* context, void* userdata);
@@ -87,11 +89,19 @@ class Capture {
     StreamPtr stream_;
     std::optional<Timer> reconnectTimer_;  // die before loop_
     std::optional<Timer> rerouteTimer_;
+    std::optional<Timer> changeTimer_;
     std::chrono::milliseconds rerouteDelay_{0};
     bool lost_ = false;
     bool routing_ = false;  // a query chain is under way
     bool again_ = false;    // something changed meanwhile: route once more when it ends
     bool settled_ = false;  // the first route is known
+    bool renew_ = false;    // replace stream_ even though its device is unchanged
+    // The watch over a stream whose device changed while it carried sound (see deviceChanged()).
+    using Clock = std::chrono::steady_clock;
+    Clock::time_point lastAudible_{};
+    Clock::time_point watchUntil_{};
+    Clock::time_point nextRenewal_{};
+    std::chrono::milliseconds renewalGap_{0};
     std::optional<Route> route_;
     DeviceInfo sink_;      // the followed sink, while its monitor is being looked up
     DeviceInfo found_;     // the source being looked up

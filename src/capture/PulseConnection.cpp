@@ -1,6 +1,7 @@
 #include "PulseConnection.h"
 
 #include <algorithm>
+#include <cmath>
 
 #include <sys/time.h>
 
@@ -171,16 +172,26 @@ void MonoMixer::silence(size_t frames, const Deliver& deliver) {
     if (deliver) deliver(mono_.data(), static_cast<int64_t>(frames));
 }
 
-void MonoMixer::read(pa_stream* stream, unsigned channels, const Deliver& deliver) {
-    if (channels == 0) return;
+namespace {
+// Below about -80 dBFS: what a server feeds a stream it has lost track of is not music.
+constexpr float kAudible = 1e-4f;
+}  // namespace
+
+bool MonoMixer::read(pa_stream* stream, unsigned channels, const Deliver& deliver) {
+    if (channels == 0) return false;
     const size_t frameBytes = size_t(channels) * sizeof(float);
+    bool sound = false;
     drain(stream, [&](const float* data, size_t bytes) {
         // A hole is time the server has no audio for: keep the sample count honest with silence.
-        if (data)
+        if (data) {
+            const float* end = data + bytes / sizeof(float);
+            sound = sound || std::find_if(data, end, [](float x) { return std::abs(x) > kAudible; }) != end;
             mix(data, bytes / frameBytes, channels, deliver);
-        else
+        } else {
             silence(bytes / frameBytes, deliver);
+        }
     });
+    return sound;
 }
 
 std::string rateText(double rate) {

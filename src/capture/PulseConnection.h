@@ -125,8 +125,8 @@ class MonoMixer {
     // Empty blocks, null data and zero channels are skipped.
     void mix(const float* interleaved, size_t frames, unsigned channels, const Deliver& deliver);
     void silence(size_t frames, const Deliver& deliver);
-    // Everything the stream holds, frames of `channels` floats each.
-    void read(pa_stream* stream, unsigned channels, const Deliver& deliver);
+    // Everything the stream holds, frames of `channels` floats each; true when any sample was audible.
+    bool read(pa_stream* stream, unsigned channels, const Deliver& deliver);
 
   private:
     std::vector<float> mono_;

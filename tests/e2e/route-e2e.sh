@@ -195,6 +195,24 @@ grep -qx 'Waiting for an input device…' "$work/gone-mic.err" || fail "gone-mic
 tail -n 3 "$work/gone.out" | awk '{ if ($2 + 0 < 119.5 || $2 + 0 > 120.5) bad = 1 } END { exit bad }' ||
     fail "gone: the last readings are not 120 BPM: $(tail -n 2 "$work/gone.out")"
 
+# --- The output suspended for 3 s and resumed while it plays (a power-saving or profile step): capture
+# hears it again. PipeWire never feeds the monitor stream it had again; a new one hears it at once.
+listen suspend system 11
+sleep 3
+pactl suspend-sink speakers 1
+sleep 3
+t_resume=$(now)
+pactl suspend-sink speakers 0
+wait_listeners
+ended_well suspend
+# The level meter decays slowly after sound stops, so "heard again" means loud again.
+back=$(awk -v t="$t_resume" '/ BPM \(/ && $1 >= t && $NF + 0 > 0.05 { printf "%.2f\n", $1 - t; found = 1; exit }
+                              END { if (!found) print "none" }' "$work/suspend.out")
+echo "$server, suspend: audio +$back s after the resume"
+within "$back" 3 || fail "suspend: no audio after the output resumed ($back)"
+tail -n 3 "$work/suspend.out" | awk '{ if ($2 + 0 < 119.5 || $2 + 0 > 120.5 || $NF + 0 < 0.05) bad = 1 } END { exit bad }' ||
+    fail "suspend: the last readings are not 120 BPM at full level: $(tail -n 2 "$work/suspend.out")"
+
 if [ "$failures" -ne 0 ]; then
     echo "--- tail of the server's log ---"
     tail -n 20 "$PULSE_TEST_DIR"/p*.log 2>/dev/null
