@@ -100,7 +100,8 @@ KeyEstimate PreciseKey::decide(const std::array<double, 24>& score, const KeyEst
     const double lead = score[best] - score[second];
     result.alternative.reset();
     if (keys[second].isRelativeOf(keys[best]) && lead < p.relativeMargin) result.alternative = keys[second];
-    result.confidence = 1.0 / (1.0 + std::exp(-(p.confidenceOffset + p.confidenceSlope * lead)));
+    const double evidence = std::clamp((score[best] - p.fitFloor) / (p.fitFull - p.fitFloor), 0.0, 1.0);
+    result.confidence = evidence / (1.0 + std::exp(-(p.confidenceOffset + p.confidenceSlope * lead)));
     return result;
 }
 

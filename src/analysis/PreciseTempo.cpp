@@ -145,19 +145,21 @@ TempoEstimate PreciseTempoAnalyzer::decide(const Registers& novelty, double fps,
     for (const auto& curve : novelty)
         for (size_t i = 0; i < n; ++i) whole[i] += curve[i];
     const size_t half = static_cast<size_t>(p.detrendSeconds * fps / 2);
+    const std::vector<double> onsets = detrended(whole, half);
+    double onsetMean = 0;
+    for (const double v : onsets) onsetMean += v;
+    if (onsetMean / static_cast<double>(n) < p.onsetFloor) return {};
     std::vector<double> acf(window, 0.0);
     for (size_t r = 0; r < p.registerWeights.size(); ++r) {
         const double weight = p.registerWeights[r];
         if (weight == 0) continue;
-        const std::vector<double> d =
-            detrended(r == 0 ? std::span<const float>(whole) : novelty[r - 1], half);
+        const std::vector<double> d = r == 0 ? onsets : detrended(novelty[r - 1], half);
         const std::vector<double> part = autocorrelogram(d, window, hop);
         for (size_t i = 0; i < acf.size(); ++i) acf[i] += weight * part[i];
     }
 
-    std::vector<double> score(grid.size());
-    for (size_t g = 0; g < grid.size(); ++g) {
-        const double lag = fps * 60.0 / grid[g];
+    const auto combAt = [&](double bpm) {
+        const double lag = fps * 60.0 / bpm;
         double comb = 0, weights = 0;
         for (size_t k = 0; k < combSize; ++k) {
             const double at = p.combMultiples[k] * lag;
@@ -165,7 +167,11 @@ TempoEstimate PreciseTempoAnalyzer::decide(const Registers& novelty, double fps,
             comb += p.combWeights[k] * interpolate(acf, at);
             weights += p.combWeights[k];
         }
-        comb = weights > 0 ? comb / weights : 0;
+        return weights > 0 ? comb / weights : 0.0;
+    };
+    std::vector<double> score(grid.size());
+    for (size_t g = 0; g < grid.size(); ++g) {
+        const double comb = combAt(grid[g]);
         const double x = std::log2(grid[g] / p.priorCentreBpm) / p.priorWidthOctaves;
         score[g] = std::log(std::max(comb, 1e-9)) +
                    p.fourierExponent * std::log(std::max(fourierAt(acf, grid[g], fps), 1e-12)) - 0.5 * x * x;
@@ -195,9 +201,13 @@ TempoEstimate PreciseTempoAnalyzer::decide(const Registers& novelty, double fps,
     for (size_t g = 0; g < grid.size(); ++g)
         if (std::abs(grid[g] / bpm - 1.0) > 0.04) rival = std::max(rival, score[g]);
     const double margin = rival > -1e300 ? score[at] - rival : 10.0;
+    // acf[0] is the sum of the register weights: every window's autocorrelation is 1 at lag 0.
+    const double periodicity = acf[0] > 0 ? combAt(bpm) / acf[0] : 0.0;
+    if (!std::isfinite(bpm) || !(periodicity >= p.periodicityFloor)) return {};
+    const double evidence =
+        std::min(1.0, (periodicity - p.periodicityFloor) / (p.periodicityFull - p.periodicityFloor));
     const double confidence = 1.0 / (1.0 + std::exp(-(p.confidenceOffset + p.confidenceSlope * margin)));
-    if (!std::isfinite(bpm)) return {};
-    return {bpm, confidence, 0};
+    return {bpm, evidence * confidence, 0};
 }
 
 }  // namespace velquin
