@@ -71,6 +71,15 @@ std::array<double, 24> PreciseKey::Accumulator::scores() const {
             correlation(chroma, even, key.tonic) + p_.bassWeight * correlation(bass, even, key.tonic);
         result[k] = a + p_.temperleyWeight * b;
     }
+    // The tonic's third has the last word on the mode: the profiles weigh every degree, and a piece
+    // whose sixth and seventh lean the other way can outvote its own third.
+    const auto best = static_cast<size_t>(std::max_element(result.begin(), result.end()) - result.begin());
+    const auto tonic = static_cast<size_t>(keys[best].tonic);
+    const double major = chroma[(tonic + 4) % 12], minor = chroma[(tonic + 3) % 12];
+    if (keys[best].isMinor ? major > minor : minor > major) {
+        const size_t parallel = best ^ 1;  // MusicalKey::all() lists each tonic's major and minor together
+        std::swap(result[best], result[parallel]);
+    }
     return result;
 }
 

@@ -5,6 +5,7 @@
 // histogram beside them; both are correlated with two rotated key-profile pairs whose errors differ:
 //   - Albrecht and Shanahan's corpus profiles, strong on the tonic and fifth;
 //   - Temperley's, which weigh the scale degrees more evenly and tell relative keys apart better.
+// The winning tonic's third then settles the mode (major or minor third, whichever is stronger).
 // The confidence is the winner's lead over the runner-up, mapped to a probability by a logistic curve
 // fitted on labelled music, and scaled down where even the winner fits the profiles poorly (noise, a
 // single tone).

@@ -1,8 +1,10 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <numbers>
+#include <utility>
 #include <vector>
 
 #include "KeyAnalyzer.h"
@@ -247,6 +249,27 @@ TEST(PreciseKey, NoConfidentKeyWithoutTonalEvidence) {
     ASSERT_TRUE(c.key);
     EXPECT_EQ(*c.key, (MusicalKey{0, false}));
     EXPECT_GT(c.confidence, 0.5);
+}
+
+// The key `scores` rank first for one frame of these pitch-class weights with the bass on C.
+MusicalKey firstRanked(const std::vector<std::pair<int, double>>& weights) {
+    KeyAnalyzer::DumpRow row;
+    for (const auto& [pc, weight] : weights) row.chroma[static_cast<size_t>(pc)] = weight;
+    row.bass = 0;
+    const std::vector<KeyAnalyzer::DumpRow> frames{row};
+    const auto scores = velquin::PreciseKey::scores(frames, {});
+    return MusicalKey::all()[static_cast<size_t>(std::max_element(scores.begin(), scores.end()) -
+                                                 scores.begin())];
+}
+
+TEST(PreciseKey, TheTonicsThirdDecidesTheMode) {
+    // C melodic minor: its raised sixth and seventh are C major's, and the profiles alone rank C major
+    // first; the minor third, stronger than the major one, makes it C minor.
+    EXPECT_EQ(firstRanked({{0, 3}, {2, 1}, {3, 1}, {4, 0.9}, {5, 1}, {7, 2.5}, {9, 1.5}, {11, 1.5}}),
+              (MusicalKey{0, true}));
+    // The same with the major third the stronger: C major.
+    EXPECT_EQ(firstRanked({{0, 3}, {2, 1}, {3, 0.9}, {4, 1}, {5, 1}, {7, 2.5}, {9, 1.5}, {11, 1.5}}),
+              (MusicalKey{0, false}));
 }
 
 TEST(PreciseKey, NothingWithoutABaseKeyAndScoresRankTheKeys) {
