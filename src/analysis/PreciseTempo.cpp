@@ -99,6 +99,18 @@ double halfPeriodContrast(std::span<const double> d, double period) {
     return std::log((half + 1e-9) / (profile[peak] + 1e-9));
 }
 
+// Between the slower and the faster of the octave pair of `bpm`, the faster is the beat when the mid
+// register (snare, chords) recurs half a slow period after its strongest phase.
+double octaveChecked(double bpm, std::span<const float> midNovelty, size_t half, double fps, BPMBounds bounds,
+                     const PreciseTempoParameters& p) {
+    const double slow = bpm / 2 >= bounds.lower ? bpm / 2 : bpm;
+    if (2 * slow > bounds.upper) return bpm;
+    const std::vector<double> mid = detrended(midNovelty, half);
+    const double z = p.octaveBias + p.octaveTempoWeight * std::log2(slow / p.priorCentreBpm) +
+                     p.octaveHalfBeatWeight * halfPeriodContrast(mid, fps * 60.0 / slow);
+    return z > 0 ? 2 * slow : slow;
+}
+
 double interpolate(std::span<const double> values, double at) {
     if (at < 0) return values.front();
     const auto i = static_cast<size_t>(at);
@@ -184,16 +196,8 @@ TempoEstimate PreciseTempoAnalyzer::decide(const Registers& novelty, double fps,
         const double curvature = a - 2 * b + c;
         if (curvature < 0) offset = std::clamp(0.5 * (a - c) / curvature, -0.5, 0.5);
     }
-    double bpm = grid[best] * std::pow(step, offset);
-    // The octave: between the slower and the faster of the winner's octave pair, the faster is the beat
-    // when the mid register (snare, chords) recurs half a slow period after its strongest phase.
-    const double slow = bpm / 2 >= bounds.lower ? bpm / 2 : bpm;
-    if (2 * slow <= bounds.upper) {
-        const std::vector<double> mid = detrended(novelty[OnsetNovelty::mid], half);
-        const double z = p.octaveBias + p.octaveTempoWeight * std::log2(slow / p.priorCentreBpm) +
-                         p.octaveHalfBeatWeight * halfPeriodContrast(mid, fps * 60.0 / slow);
-        bpm = z > 0 ? 2 * slow : slow;
-    }
+    const double bpm =
+        octaveChecked(grid[best] * std::pow(step, offset), novelty[OnsetNovelty::mid], half, fps, bounds, p);
     size_t at = 0;
     for (size_t g = 1; g < grid.size(); ++g)
         if (std::abs(std::log(grid[g] / bpm)) < std::abs(std::log(grid[at] / bpm))) at = g;
