@@ -71,6 +71,15 @@ std::array<double, 24> PreciseKey::Accumulator::scores() const {
             correlation(chroma, even, key.tonic) + p_.bassWeight * correlation(bass, even, key.tonic);
         result[k] = a + p_.temperleyWeight * b;
     }
+    // The tonic's third has the last word on the mode: the profiles weigh every degree, and a piece
+    // whose sixth and seventh lean the other way can outvote its own third.
+    const auto best = static_cast<size_t>(std::max_element(result.begin(), result.end()) - result.begin());
+    const auto tonic = static_cast<size_t>(keys[best].tonic);
+    const double major = chroma[(tonic + 4) % 12], minor = chroma[(tonic + 3) % 12];
+    if (keys[best].isMinor ? major > minor : minor > major) {
+        const size_t parallel = best ^ 1;  // MusicalKey::all() lists each tonic's major and minor together
+        std::swap(result[best], result[parallel]);
+    }
     return result;
 }
 
@@ -100,7 +109,8 @@ KeyEstimate PreciseKey::decide(const std::array<double, 24>& score, const KeyEst
     const double lead = score[best] - score[second];
     result.alternative.reset();
     if (keys[second].isRelativeOf(keys[best]) && lead < p.relativeMargin) result.alternative = keys[second];
-    result.confidence = 1.0 / (1.0 + std::exp(-(p.confidenceOffset + p.confidenceSlope * lead)));
+    const double evidence = std::clamp((score[best] - p.fitFloor) / (p.fitFull - p.fitFloor), 0.0, 1.0);
+    result.confidence = evidence / (1.0 + std::exp(-(p.confidenceOffset + p.confidenceSlope * lead)));
     return result;
 }
 

@@ -5,8 +5,10 @@
 // histogram beside them; both are correlated with two rotated key-profile pairs whose errors differ:
 //   - Albrecht and Shanahan's corpus profiles, strong on the tonic and fifth;
 //   - Temperley's, which weigh the scale degrees more evenly and tell relative keys apart better.
+// The winning tonic's third then settles the mode (major or minor third, whichever is stronger).
 // The confidence is the winner's lead over the runner-up, mapped to a probability by a logistic curve
-// fitted on labelled music.
+// fitted on labelled music, and scaled down where even the winner fits the profiles poorly (noise, a
+// single tone).
 
 #include <array>
 #include <deque>
@@ -31,6 +33,12 @@ struct PreciseKeyParameters {
     // by logistic regression on the labelled set's 91 key files).
     double confidenceOffset = 0.25;
     double confidenceSlope = 7.5;
+    // No tonal evidence, no confidence: the winner's summed correlation (at most 2·(1 + bassWeight))
+    // below `fitFloor` scales the confidence to 0, above `fitFull` leaves it whole, linearly between.
+    // A pure tone fits about 1.1 (one pitch class says no key), noise about 0.8; the labelled music
+    // fits 1.55 or more.
+    double fitFloor = 1.2;
+    double fitFull = 1.5;
 };
 
 namespace PreciseKey {

@@ -99,6 +99,18 @@ double halfPeriodContrast(std::span<const double> d, double period) {
     return std::log((half + 1e-9) / (profile[peak] + 1e-9));
 }
 
+// Between the slower and the faster of the octave pair of `bpm`, the faster is the beat when the mid
+// register (snare, chords) recurs half a slow period after its strongest phase.
+double octaveChecked(double bpm, std::span<const float> midNovelty, size_t half, double fps, BPMBounds bounds,
+                     const PreciseTempoParameters& p) {
+    const double slow = bpm / 2 >= bounds.lower ? bpm / 2 : bpm;
+    if (2 * slow > bounds.upper) return bpm;
+    const std::vector<double> mid = detrended(midNovelty, half);
+    const double z = p.octaveBias + p.octaveTempoWeight * std::log2(slow / p.priorCentreBpm) +
+                     p.octaveHalfBeatWeight * halfPeriodContrast(mid, fps * 60.0 / slow);
+    return z > 0 ? 2 * slow : slow;
+}
+
 double interpolate(std::span<const double> values, double at) {
     if (at < 0) return values.front();
     const auto i = static_cast<size_t>(at);
@@ -145,19 +157,21 @@ TempoEstimate PreciseTempoAnalyzer::decide(const Registers& novelty, double fps,
     for (const auto& curve : novelty)
         for (size_t i = 0; i < n; ++i) whole[i] += curve[i];
     const size_t half = static_cast<size_t>(p.detrendSeconds * fps / 2);
+    const std::vector<double> onsets = detrended(whole, half);
+    double onsetMean = 0;
+    for (const double v : onsets) onsetMean += v;
+    if (onsetMean / static_cast<double>(n) < p.onsetFloor) return {};
     std::vector<double> acf(window, 0.0);
     for (size_t r = 0; r < p.registerWeights.size(); ++r) {
         const double weight = p.registerWeights[r];
         if (weight == 0) continue;
-        const std::vector<double> d =
-            detrended(r == 0 ? std::span<const float>(whole) : novelty[r - 1], half);
+        const std::vector<double> d = r == 0 ? onsets : detrended(novelty[r - 1], half);
         const std::vector<double> part = autocorrelogram(d, window, hop);
         for (size_t i = 0; i < acf.size(); ++i) acf[i] += weight * part[i];
     }
 
-    std::vector<double> score(grid.size());
-    for (size_t g = 0; g < grid.size(); ++g) {
-        const double lag = fps * 60.0 / grid[g];
+    const auto combAt = [&](double bpm) {
+        const double lag = fps * 60.0 / bpm;
         double comb = 0, weights = 0;
         for (size_t k = 0; k < combSize; ++k) {
             const double at = p.combMultiples[k] * lag;
@@ -165,7 +179,11 @@ TempoEstimate PreciseTempoAnalyzer::decide(const Registers& novelty, double fps,
             comb += p.combWeights[k] * interpolate(acf, at);
             weights += p.combWeights[k];
         }
-        comb = weights > 0 ? comb / weights : 0;
+        return weights > 0 ? comb / weights : 0.0;
+    };
+    std::vector<double> score(grid.size());
+    for (size_t g = 0; g < grid.size(); ++g) {
+        const double comb = combAt(grid[g]);
         const double x = std::log2(grid[g] / p.priorCentreBpm) / p.priorWidthOctaves;
         score[g] = std::log(std::max(comb, 1e-9)) +
                    p.fourierExponent * std::log(std::max(fourierAt(acf, grid[g], fps), 1e-12)) - 0.5 * x * x;
@@ -178,16 +196,8 @@ TempoEstimate PreciseTempoAnalyzer::decide(const Registers& novelty, double fps,
         const double curvature = a - 2 * b + c;
         if (curvature < 0) offset = std::clamp(0.5 * (a - c) / curvature, -0.5, 0.5);
     }
-    double bpm = grid[best] * std::pow(step, offset);
-    // The octave: between the slower and the faster of the winner's octave pair, the faster is the beat
-    // when the mid register (snare, chords) recurs half a slow period after its strongest phase.
-    const double slow = bpm / 2 >= bounds.lower ? bpm / 2 : bpm;
-    if (2 * slow <= bounds.upper) {
-        const std::vector<double> mid = detrended(novelty[OnsetNovelty::mid], half);
-        const double z = p.octaveBias + p.octaveTempoWeight * std::log2(slow / p.priorCentreBpm) +
-                         p.octaveHalfBeatWeight * halfPeriodContrast(mid, fps * 60.0 / slow);
-        bpm = z > 0 ? 2 * slow : slow;
-    }
+    const double bpm =
+        octaveChecked(grid[best] * std::pow(step, offset), novelty[OnsetNovelty::mid], half, fps, bounds, p);
     size_t at = 0;
     for (size_t g = 1; g < grid.size(); ++g)
         if (std::abs(std::log(grid[g] / bpm)) < std::abs(std::log(grid[at] / bpm))) at = g;
@@ -195,9 +205,13 @@ TempoEstimate PreciseTempoAnalyzer::decide(const Registers& novelty, double fps,
     for (size_t g = 0; g < grid.size(); ++g)
         if (std::abs(grid[g] / bpm - 1.0) > 0.04) rival = std::max(rival, score[g]);
     const double margin = rival > -1e300 ? score[at] - rival : 10.0;
+    // acf[0] is the sum of the register weights: every window's autocorrelation is 1 at lag 0.
+    const double periodicity = acf[0] > 0 ? combAt(bpm) / acf[0] : 0.0;
+    if (!std::isfinite(bpm) || !(periodicity >= p.periodicityFloor)) return {};
+    const double evidence =
+        std::min(1.0, (periodicity - p.periodicityFloor) / (p.periodicityFull - p.periodicityFloor));
     const double confidence = 1.0 / (1.0 + std::exp(-(p.confidenceOffset + p.confidenceSlope * margin)));
-    if (!std::isfinite(bpm)) return {};
-    return {bpm, confidence, 0};
+    return {bpm, evidence * confidence, 0};
 }
 
 }  // namespace velquin

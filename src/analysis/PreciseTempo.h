@@ -67,6 +67,14 @@ struct PreciseTempoParameters {
     double confidenceSlope = 0.99;
     // Below this RMS the file is silence: no tempo.
     double silenceFloor = 0.002;
+    // No rhythmic evidence, no tempo: when the whole novelty's mean rise over its local mean is below
+    // `onsetFloor` per hop (log units; a steady tone's frame-to-frame ripple stays under 0.06, the
+    // quietest labelled music is above 0.8), or when the winner's comb, as a share of the
+    // autocorrelation at lag 0, is below `periodicityFloor` (noise stays under 0.02, labelled music
+    // above 0.05). Between the floor and `periodicityFull` the confidence is scaled down linearly.
+    double onsetFloor = 0.1;
+    double periodicityFloor = 0.03;
+    double periodicityFull = 0.05;
 };
 
 class PreciseTempoAnalyzer {

@@ -1,8 +1,10 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <numbers>
+#include <utility>
 #include <vector>
 
 #include "KeyAnalyzer.h"
@@ -134,6 +136,42 @@ TEST(PreciseTempo, NoTempoFromSilenceOrTooLittleAudio) {
     EXPECT_TRUE(within(slow, 60)) << slow;
 }
 
+// Signals without music: a DC offset, a steady tone (with an offset under it), and white noise loud and
+// quiet, `seconds` long at 44.1 kHz.
+std::vector<std::vector<float>> withoutMusic(double seconds) {
+    const auto n = static_cast<size_t>(seconds * 44100);
+    std::vector<std::vector<float>> out(5, std::vector<float>(n));
+    uint64_t state = 7;
+    for (size_t i = 0; i < n; ++i) {
+        const double t = static_cast<double>(i) / 44100;
+        state = state * 6364136223846793005ULL + 1442695040888963407ULL;
+        const double noise = static_cast<double>(state >> 11) / static_cast<double>(1ULL << 53) * 2 - 1;
+        out[0][i] = 0.3f;
+        out[1][i] = static_cast<float>(0.5 * std::sin(2 * std::numbers::pi * 440 * t));
+        out[2][i] = static_cast<float>(0.3 + 0.01 * std::sin(2 * std::numbers::pi * 261.63 * t));
+        out[3][i] = static_cast<float>(0.5 * noise);
+        out[4][i] = static_cast<float>(0.01 * noise);
+    }
+    return out;
+}
+
+TEST(PreciseTempo, NoTempoWithoutOnsetsOrPeriodicity) {
+    // A steady tone's frame-to-frame ripple and noise's unperiodic flux are no beat: no tempo, so that
+    // no BPM tag is written for them.
+    const auto signals = withoutMusic(30);
+    for (size_t i = 0; i < signals.size(); ++i) {
+        const TempoEstimate e = preciseTempo(signals[i], 44100);
+        EXPECT_EQ(e.bpm, 0) << "signal " << i << " read as " << e.bpm << " BPM";
+        EXPECT_EQ(e.confidence, 0) << i;
+    }
+    // The same beat under that noise keeps its tempo and its confidence.
+    auto beat = rockBeat(96, 44100, 30);
+    for (size_t i = 0; i < beat.size(); ++i) beat[i] += 0.5f * signals[4][i];
+    const TempoEstimate e = preciseTempo(beat, 44100);
+    EXPECT_TRUE(within(e.bpm, 96)) << e.bpm;
+    EXPECT_GT(e.confidence, 0.5);
+}
+
 TEST(OnsetNovelty, KeepsABoundedCurveOfOneValuePerHopInEachRegister) {
     velquin::OnsetNoveltyParameters p;
     p.keptSeconds = 5;
@@ -193,6 +231,45 @@ TEST(PreciseKey, CadencesScalesAndDetunedPlayingName) {
         EXPECT_GT(e.confidence, 0.5);
         EXPECT_LE(e.confidence, 1.0);
     }
+}
+
+TEST(PreciseKey, NoConfidentKeyWithoutTonalEvidence) {
+    // One pitch class or none stands out: whatever key is named, its confidence stays far below the
+    // 35 % under which no key tag is written.
+    for (const auto& signal : withoutMusic(20)) {
+        const KeyEstimate e = preciseKey(signal);
+        EXPECT_LT(e.confidence, 0.1) << (e.key ? e.key->shortName() : std::string("no key"));
+    }
+    // A chord progression over the same noise keeps its key and confidence.
+    auto music =
+        velquin::test::progression({{60, 64, 67}, {65, 69, 72}, {67, 71, 74}, {60, 64, 67}}, 44100, 20);
+    const auto noise = withoutMusic(20)[4];
+    for (size_t i = 0; i < music.size() && i < noise.size(); ++i) music[i] += noise[i];
+    const KeyEstimate c = preciseKey(music);
+    ASSERT_TRUE(c.key);
+    EXPECT_EQ(*c.key, (MusicalKey{0, false}));
+    EXPECT_GT(c.confidence, 0.5);
+}
+
+// The key `scores` rank first for one frame of these pitch-class weights with the bass on C.
+MusicalKey firstRanked(const std::vector<std::pair<int, double>>& weights) {
+    KeyAnalyzer::DumpRow row;
+    for (const auto& [pc, weight] : weights) row.chroma[static_cast<size_t>(pc)] = weight;
+    row.bass = 0;
+    const std::vector<KeyAnalyzer::DumpRow> frames{row};
+    const auto scores = velquin::PreciseKey::scores(frames, {});
+    return MusicalKey::all()[static_cast<size_t>(std::max_element(scores.begin(), scores.end()) -
+                                                 scores.begin())];
+}
+
+TEST(PreciseKey, TheTonicsThirdDecidesTheMode) {
+    // C melodic minor: its raised sixth and seventh are C major's, and the profiles alone rank C major
+    // first; the minor third, stronger than the major one, makes it C minor.
+    EXPECT_EQ(firstRanked({{0, 3}, {2, 1}, {3, 1}, {4, 0.9}, {5, 1}, {7, 2.5}, {9, 1.5}, {11, 1.5}}),
+              (MusicalKey{0, true}));
+    // The same with the major third the stronger: C major.
+    EXPECT_EQ(firstRanked({{0, 3}, {2, 1}, {3, 0.9}, {4, 1}, {5, 1}, {7, 2.5}, {9, 1.5}, {11, 1.5}}),
+              (MusicalKey{0, false}));
 }
 
 TEST(PreciseKey, NothingWithoutABaseKeyAndScoresRankTheKeys) {
