@@ -8,10 +8,10 @@
 #include <span>
 #include <vector>
 
-#include "KeyAnalyzer.h"
-#include "LiveAnalysis.h"
-#include "TempoAnalyzer.h"
-#include "TestSupport.h"
+#include "analysis/KeyAnalyzer.h"
+#include "analysis/LiveAnalysis.h"
+#include "analysis/TempoAnalyzer.h"
+#include "support/TestSupport.h"
 
 namespace {
 

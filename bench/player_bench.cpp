@@ -13,9 +13,9 @@
 #include <string>
 #include <vector>
 
-#include "LibraryTrackCache.h"
-#include "PlayerFollower.h"
 #include "ScriptedPlayer.h"
+#include "player/LibraryTrackCache.h"
+#include "player/PlayerFollower.h"
 
 using namespace velquin;
 

@@ -6,8 +6,8 @@
 #include <cstdint>
 #include <span>
 
-#include "AudioFileReader.h"
-#include "FileAnalysis.h"
+#include "fileanalysis/AudioFileReader.h"
+#include "fileanalysis/FileAnalysis.h"
 
 namespace {
 

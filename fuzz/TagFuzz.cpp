@@ -13,7 +13,7 @@
 #include <filesystem>
 #include <string>
 
-#include "TagWriter.h"
+#include "scan/TagWriter.h"
 
 namespace {
 

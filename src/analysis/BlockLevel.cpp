@@ -1,4 +1,4 @@
-#include "BlockLevel.h"
+#include "analysis/BlockLevel.h"
 
 #include <algorithm>
 #include <bit>

@@ -1,13 +1,13 @@
-#include "ChordEvidence.h"
+#include "analysis/ChordEvidence.h"
 
 #include <algorithm>
 #include <cmath>
 #include <string>
 
-#include "Format.h"
-#include "FrameCount.h"
-#include "KeyAnalyzer.h"
-#include "MusicalKey.h"
+#include "analysis/Format.h"
+#include "analysis/FrameCount.h"
+#include "analysis/KeyAnalyzer.h"
+#include "analysis/MusicalKey.h"
 
 namespace velquin {
 

@@ -1,4 +1,4 @@
-#include "FFTMagnitude.h"
+#include "analysis/FFTMagnitude.h"
 
 #include <fftw3.h>
 

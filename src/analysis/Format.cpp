@@ -1,4 +1,4 @@
-#include "Format.h"
+#include "analysis/Format.h"
 
 #include <locale.h>
 #include <cstdio>

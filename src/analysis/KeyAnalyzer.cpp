@@ -1,4 +1,4 @@
-#include "KeyAnalyzer.h"
+#include "analysis/KeyAnalyzer.h"
 
 #include <algorithm>
 #include <cmath>
@@ -7,9 +7,9 @@
 #include <string>
 #include <utility>
 
-#include "BlockLevel.h"
-#include "Format.h"
-#include "FrameCount.h"
+#include "analysis/BlockLevel.h"
+#include "analysis/Format.h"
+#include "analysis/FrameCount.h"
 
 namespace velquin {
 

@@ -15,10 +15,10 @@
 #include <string_view>
 #include <vector>
 
-#include "ChordEvidence.h"
-#include "FFTMagnitude.h"
-#include "MusicalKey.h"
-#include "SlidingWindow.h"
+#include "analysis/ChordEvidence.h"
+#include "analysis/FFTMagnitude.h"
+#include "analysis/MusicalKey.h"
+#include "analysis/SlidingWindow.h"
 
 namespace velquin {
 

@@ -1,4 +1,4 @@
-#include "LiveAnalysis.h"
+#include "analysis/LiveAnalysis.h"
 
 #include <utility>
 

@@ -10,8 +10,8 @@
 #include <memory>
 #include <span>
 
-#include "KeyAnalyzer.h"
-#include "TempoAnalyzer.h"
+#include "analysis/KeyAnalyzer.h"
+#include "analysis/TempoAnalyzer.h"
 
 namespace velquin {
 

@@ -1,4 +1,4 @@
-#include "Log1p.h"
+#include "analysis/Log1p.h"
 
 #include <bit>
 #include <cstdint>

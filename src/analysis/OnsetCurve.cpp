@@ -1,4 +1,4 @@
-#include "OnsetCurve.h"
+#include "analysis/OnsetCurve.h"
 
 #include <algorithm>
 #include <array>

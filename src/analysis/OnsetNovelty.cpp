@@ -1,9 +1,9 @@
-#include "OnsetNovelty.h"
+#include "analysis/OnsetNovelty.h"
 
 #include <algorithm>
 #include <cmath>
 
-#include "Log1p.h"
+#include "analysis/Log1p.h"
 
 namespace velquin {
 

@@ -13,7 +13,7 @@
 #include <span>
 #include <vector>
 
-#include "FFTMagnitude.h"
+#include "analysis/FFTMagnitude.h"
 
 namespace velquin {
 

@@ -1,4 +1,4 @@
-#include "PreciseKey.h"
+#include "analysis/PreciseKey.h"
 
 #include <algorithm>
 #include <cmath>

@@ -14,8 +14,8 @@
 #include <deque>
 #include <span>
 
-#include "KeyAnalyzer.h"
-#include "MusicalKey.h"
+#include "analysis/KeyAnalyzer.h"
+#include "analysis/MusicalKey.h"
 
 namespace velquin {
 

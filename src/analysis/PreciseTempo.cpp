@@ -1,4 +1,4 @@
-#include "PreciseTempo.h"
+#include "analysis/PreciseTempo.h"
 
 #include <algorithm>
 #include <cmath>

@@ -17,9 +17,9 @@
 #include <span>
 #include <vector>
 
-#include "OnsetNovelty.h"
-#include "TempoEstimate.h"
-#include "TempoRange.h"
+#include "analysis/OnsetNovelty.h"
+#include "analysis/TempoEstimate.h"
+#include "analysis/TempoRange.h"
 
 namespace velquin {
 

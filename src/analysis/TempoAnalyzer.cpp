@@ -1,4 +1,4 @@
-#include "TempoAnalyzer.h"
+#include "analysis/TempoAnalyzer.h"
 
 #include <algorithm>
 #include <array>
@@ -8,10 +8,10 @@
 #include <string>
 #include <utility>
 
-#include "BlockLevel.h"
-#include "Format.h"
-#include "Log1p.h"
-#include "OnsetCurve.h"
+#include "analysis/BlockLevel.h"
+#include "analysis/Format.h"
+#include "analysis/Log1p.h"
+#include "analysis/OnsetCurve.h"
 
 namespace velquin {
 

@@ -14,10 +14,10 @@
 #include <string_view>
 #include <vector>
 
-#include "FFTMagnitude.h"
-#include "SlidingWindow.h"
-#include "TempoEstimate.h"
-#include "TempoRange.h"
+#include "analysis/FFTMagnitude.h"
+#include "analysis/SlidingWindow.h"
+#include "analysis/TempoEstimate.h"
+#include "analysis/TempoRange.h"
 
 namespace velquin {
 

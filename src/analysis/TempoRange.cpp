@@ -1,6 +1,4 @@
-#include "TempoRange.h"
-
-#include "Format.h"
+#include "analysis/TempoRange.h"
 
 namespace velquin {
 
@@ -40,12 +38,6 @@ std::optional<TempoRange> tempoRangeFromRaw(std::string_view raw) {
     for (TempoRange r : allTempoRanges())
         if (rawValue(r) == raw) return r;
     return std::nullopt;
-}
-
-std::string menuTitle(TempoRange range) {
-    if (range == TempoRange::Auto) return "Auto (60–200)";
-    const BPMBounds b = bounds(range);
-    return format("%.0f–%.0f BPM", b.lower, b.upper);
 }
 
 const std::array<TempoRange, 5>& allTempoRanges() {

@@ -2,7 +2,6 @@
 
 #include <array>
 #include <optional>
-#include <string>
 #include <string_view>
 
 namespace velquin {
@@ -19,7 +18,6 @@ struct BPMBounds {
 BPMBounds bounds(TempoRange range);
 std::string_view rawValue(TempoRange range);                        // "auto", "verySlow", …
 std::optional<TempoRange> tempoRangeFromRaw(std::string_view raw);  // case-sensitive
-std::string menuTitle(TempoRange range);                            // "Auto (60–200)", "40–80 BPM", …
 const std::array<TempoRange, 5>& allTempoRanges();
 
 }  // namespace velquin

@@ -1,4 +1,4 @@
-#include "Dispatch.h"
+#include "app/Dispatch.h"
 
 namespace velquin {
 

@@ -1,4 +1,4 @@
-#include "Environment.h"
+#include "app/Environment.h"
 
 #include <locale.h>
 #include <array>

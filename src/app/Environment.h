@@ -10,7 +10,7 @@
 #include <optional>
 #include <string_view>
 
-#include "LiveAnalysis.h"
+#include "analysis/LiveAnalysis.h"
 
 namespace velquin::Environment {
 

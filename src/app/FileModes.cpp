@@ -1,4 +1,4 @@
-#include "FileModes.h"
+#include "app/FileModes.h"
 
 #include <cerrno>
 #include <cmath>
@@ -7,10 +7,12 @@
 #include <filesystem>
 #include <stdexcept>
 
-#include "FileAnalysis.h"
-#include "Format.h"
-#include "OutputFile.h"
-#include "TempoRange.h"
+#include "analysis/Confidence.h"
+#include "analysis/Format.h"
+#include "analysis/TempoRange.h"
+#include "fileanalysis/FileAnalysis.h"
+#include "fileanalysis/ResultLine.h"
+#include "system/OutputFile.h"
 
 namespace velquin::FileModes {
 
@@ -57,19 +59,6 @@ std::string shortKeyText(const KeyEstimate& key) {
 
 }  // namespace
 
-std::string resultLine(const TempoEstimate& tempo, const KeyEstimate& key) {
-    const std::string tempoText = tempo.bpm <= 0
-                                      ? "     no tempo     "
-                                      : format("%7.2f BPM (%3.0f%%)", tempo.bpm, tempo.confidence * 100);
-    std::string keyText = "no key";
-    if (key.key) {
-        const std::string alternative = key.alternative ? " or " + key.alternative->shortName() : "";
-        keyText = format("%-4@ %-4@ (%3.0f%%)%@  tuning %+5.1f cents", key.key->shortName(),
-                         key.key->camelot(), key.confidence * 100, alternative, key.tuningCents);
-    }
-    return tempoText + "  " + keyText;
-}
-
 int analyze(const std::vector<std::string>& arguments, std::FILE* out, std::FILE* err, bool precise) {
     return guarded(err, [&] {
         const std::string& path = arguments.at(0);
@@ -90,7 +79,7 @@ int timeline(const std::vector<std::string>& arguments, std::FILE* out, std::FIL
         std::string text;
         for (const auto& tick : result.ticks) {
             const std::string keyText = shortKeyText(tick.key);
-            const std::string shown = tick.key.key && tick.key.confidence >= 0.35 ? keyText : "-";
+            const std::string shown = tick.key.key && tick.key.confidence >= kWeakConfidence ? keyText : "-";
             const std::string bpm = tick.tempo.bpm > 0 ? format("%.1f", tick.tempo.bpm) : "-";
             text += format("%4.0f  %-5@ %3.0f%%  shown:%@  bpm:%@ %3.0f%%", tick.seconds, keyText,
                            tick.key.confidence * 100, shown, bpm, tick.tempo.confidence * 100);

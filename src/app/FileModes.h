@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "MusicalKey.h"
-#include "TempoEstimate.h"
+#include "analysis/MusicalKey.h"
+#include "analysis/TempoEstimate.h"
 
 namespace velquin::FileModes {
 
@@ -15,8 +15,5 @@ namespace velquin::FileModes {
 int analyze(const std::vector<std::string>& arguments, std::FILE* out, std::FILE* err, bool precise = false);
 int timeline(const std::vector<std::string>& arguments, std::FILE* out, std::FILE* err);
 int chroma(const std::vector<std::string>& arguments, std::FILE* out, std::FILE* err);
-
-// The one-line result of an analysis, without the file name.
-std::string resultLine(const TempoEstimate& tempo, const KeyEstimate& key);
 
 }  // namespace velquin::FileModes

@@ -1,4 +1,4 @@
-#include "LiveMode.h"
+#include "app/LiveMode.h"
 
 #include <sndfile.h>
 #include <sys/signalfd.h>
@@ -19,10 +19,10 @@
 #include <optional>
 #include <string_view>
 
-#include "Environment.h"
-#include "Format.h"
-#include "OutputFile.h"
-#include "TempoService.h"
+#include "analysis/Format.h"
+#include "app/Environment.h"
+#include "capture/TempoService.h"
+#include "system/OutputFile.h"
 
 namespace velquin::LiveMode {
 

@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "MusicalKey.h"
-#include "TempoEstimate.h"
+#include "analysis/MusicalKey.h"
+#include "analysis/TempoEstimate.h"
 
 namespace velquin::LiveMode {
 

@@ -1,4 +1,4 @@
-#include "Log.h"
+#include "app/Log.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -10,7 +10,7 @@
 #include <ctime>
 #include <utility>
 
-#include "XdgPaths.h"
+#include "system/XdgPaths.h"
 
 namespace velquin {
 

@@ -2,14 +2,14 @@
 #include <string>
 #include <vector>
 
-#include "Application.h"
-#include "Dispatch.h"
-#include "EngineSettings.h"
-#include "Environment.h"
-#include "FileModes.h"
-#include "LiveMode.h"
-#include "Log.h"
-#include "StandardStreams.h"
+#include "analysis/EngineSettings.h"
+#include "app/Dispatch.h"
+#include "app/Environment.h"
+#include "app/FileModes.h"
+#include "app/LiveMode.h"
+#include "app/Log.h"
+#include "system/StandardStreams.h"
+#include "ui/Application.h"
 
 int main(int argc, char** argv) {
     using namespace velquin;

@@ -1,4 +1,4 @@
-#include "AudioSource.h"
+#include "capture/AudioSource.h"
 
 #include <utility>
 

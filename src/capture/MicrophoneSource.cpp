@@ -1,4 +1,4 @@
-#include "MicrophoneSource.h"
+#include "capture/MicrophoneSource.h"
 
 namespace velquin {
 

@@ -7,8 +7,8 @@
 // (pulse::Capture): one plugged in or out, the server restarted; a new input at another rate calls
 // onSampleRateChange. Only a server that does not answer at start is an error.
 
-#include "AudioSource.h"
-#include "PulseCapture.h"
+#include "capture/AudioSource.h"
+#include "capture/PulseCapture.h"
 
 namespace velquin {
 

@@ -1,4 +1,4 @@
-#include "PulseCapture.h"
+#include "capture/PulseCapture.h"
 
 #include <algorithm>
 #include <cmath>

@@ -16,8 +16,8 @@
 #include <optional>
 #include <string>
 
-#include "AudioSource.h"
-#include "PulseConnection.h"
+#include "capture/AudioSource.h"
+#include "capture/PulseConnection.h"
 
 namespace velquin::pulse {
 

@@ -1,4 +1,4 @@
-#include "PulseConnection.h"
+#include "capture/PulseConnection.h"
 
 #include <algorithm>
 #include <cmath>

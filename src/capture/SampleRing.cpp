@@ -1,4 +1,4 @@
-#include "SampleRing.h"
+#include "capture/SampleRing.h"
 
 #include <algorithm>
 #include <cstring>

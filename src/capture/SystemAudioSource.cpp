@@ -1,6 +1,6 @@
-#include "SystemAudioSource.h"
+#include "capture/SystemAudioSource.h"
 
-#include "EngineSettings.h"
+#include "analysis/EngineSettings.h"
 
 #include <string>
 

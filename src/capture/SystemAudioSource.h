@@ -7,8 +7,8 @@
 // The default sink is followed wherever it goes (pulse::Capture): a new default, a sink replaced or
 // gone and back, the server restarted. Only a server that does not answer at start is an error.
 
-#include "AudioSource.h"
-#include "PulseCapture.h"
+#include "capture/AudioSource.h"
+#include "capture/PulseCapture.h"
 
 namespace velquin {
 

@@ -2,7 +2,7 @@
 // posts tasks to it, so the analyzers need no lock. The ring is the one object the capture thread
 // shares, and it brings its own lock.
 
-#include "TempoService.h"
+#include "capture/TempoService.h"
 
 #include <QMetaObject>
 #include <QThread>
@@ -11,9 +11,9 @@
 #include <optional>
 #include <vector>
 
-#include "MicrophoneSource.h"
-#include "SampleRing.h"
-#include "SystemAudioSource.h"
+#include "capture/MicrophoneSource.h"
+#include "capture/SampleRing.h"
+#include "capture/SystemAudioSource.h"
 
 namespace velquin {
 

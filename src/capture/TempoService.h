@@ -17,12 +17,12 @@
 #include <string>
 #include <vector>
 
-#include "AudioSource.h"
-#include "EngineSettings.h"
-#include "LiveAnalysis.h"
-#include "MusicalKey.h"
-#include "TempoEstimate.h"
-#include "TempoRange.h"
+#include "analysis/EngineSettings.h"
+#include "analysis/LiveAnalysis.h"
+#include "analysis/MusicalKey.h"
+#include "analysis/TempoEstimate.h"
+#include "analysis/TempoRange.h"
+#include "capture/AudioSource.h"
 
 namespace velquin {
 

@@ -1,4 +1,4 @@
-#include "DBusTypes.h"
+#include "panel/DBusTypes.h"
 
 #include <QDBusMetaType>
 

@@ -1,4 +1,4 @@
-#include "MenuExporter.h"
+#include "panel/MenuExporter.h"
 
 #include <QAction>
 #include <QActionEvent>

@@ -17,7 +17,7 @@
 #include <QTimer>
 #include <functional>
 
-#include "DBusTypes.h"
+#include "panel/DBusTypes.h"
 
 class QAction;
 class QMenu;

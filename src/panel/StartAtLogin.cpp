@@ -1,11 +1,11 @@
-#include "StartAtLogin.h"
+#include "panel/StartAtLogin.h"
 
 #include <QFile>
 #include <QSaveFile>
 #include <QTextStream>
 #include <system_error>
 
-#include "XdgPaths.h"
+#include "system/XdgPaths.h"
 
 namespace velquin::panel::StartAtLogin {
 namespace {

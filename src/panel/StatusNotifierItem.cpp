@@ -1,4 +1,4 @@
-#include "StatusNotifierItem.h"
+#include "panel/StatusNotifierItem.h"
 
 #include <QCoreApplication>
 #include <QCursor>
@@ -14,7 +14,7 @@
 #include <algorithm>
 #include <cmath>
 
-#include "MenuExporter.h"
+#include "panel/MenuExporter.h"
 
 namespace velquin::panel {
 

@@ -18,7 +18,7 @@
 #include <functional>
 #include <memory>
 
-#include "DBusTypes.h"
+#include "panel/DBusTypes.h"
 
 class QMenu;
 

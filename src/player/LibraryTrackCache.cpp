@@ -1,19 +1,10 @@
-#include "LibraryTrackCache.h"
+#include "player/LibraryTrackCache.h"
 
 #include <exception>
-#include <string>
 
-#include "AnalysisCache.h"
+#include "cache/AnalysisCache.h"
 
 namespace velquin {
-
-namespace {
-
-std::string rangeField(const TrackCacheKey& key) {
-    return AnalysisCache::rangeField(rawValue(key.range), key.analysis == FileAnalysis::Analysis::precise);
-}
-
-}  // namespace
 
 LibraryTrackCache::LibraryTrackCache() = default;
 LibraryTrackCache::~LibraryTrackCache() = default;
@@ -32,21 +23,18 @@ AnalysisCache* LibraryTrackCache::disk() {
     return disk_.get();
 }
 
-std::optional<TrackResult> LibraryTrackCache::find(const TrackCacheKey& key) {
+std::optional<FileResult> LibraryTrackCache::find(const AnalysisCache::Key& key) {
     AnalysisCache* cache = disk();
-    if (!cache) return memory_.find(key);
-    const auto diskKey = AnalysisCache::keyForFile(key.path, key.version, rangeField(key));
-    if (!diskKey) return std::nullopt;
-    const auto entry = cache->lookup(*diskKey);
-    if (!entry) return std::nullopt;
-    return TrackResult{entry->tempo, entry->key, entry->durationSeconds};
+    return cache ? cache->lookup(key) : memory_.find(key);
 }
 
-void LibraryTrackCache::store(const TrackCacheKey& key, const TrackResult& result) {
+void LibraryTrackCache::store(const AnalysisCache::Key& key, const FileResult& result) {
     AnalysisCache* cache = disk();
-    if (!cache) return memory_.store(key, result);
-    const auto diskKey = AnalysisCache::keyForFile(key.path, key.version, rangeField(key));
-    if (diskKey) cache->store(*diskKey, {result.tempo, result.key, result.durationSeconds});
+    if (cache) {
+        cache->store(key, result);
+    } else {
+        memory_.store(key, result);
+    }
 }
 
 }  // namespace velquin

@@ -6,7 +6,7 @@
 #include <memory>
 #include <mutex>
 
-#include "TrackCache.h"
+#include "player/TrackCache.h"
 
 namespace velquin {
 
@@ -17,8 +17,8 @@ class LibraryTrackCache : public TrackCache {
     LibraryTrackCache();
     ~LibraryTrackCache() override;
 
-    std::optional<TrackResult> find(const TrackCacheKey& key) override;
-    void store(const TrackCacheKey& key, const TrackResult& result) override;
+    std::optional<FileResult> find(const AnalysisCache::Key& key) override;
+    void store(const AnalysisCache::Key& key, const FileResult& result) override;
 
   private:
     AnalysisCache* disk();

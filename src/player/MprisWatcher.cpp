@@ -1,4 +1,4 @@
-#include "MprisWatcher.h"
+#include "player/MprisWatcher.h"
 
 #include <QDBusArgument>
 #include <QDBusPendingCallWatcher>

@@ -14,7 +14,7 @@
 #include <functional>
 #include <map>
 
-#include "TrackInfo.h"
+#include "player/TrackInfo.h"
 
 namespace velquin {
 

@@ -1,4 +1,4 @@
-#include "PlayerFollower.h"
+#include "player/PlayerFollower.h"
 
 #include <QSocketNotifier>
 
@@ -19,7 +19,7 @@ bool sameReading(const std::optional<PlayerReading>& a, const std::optional<Play
 }  // namespace
 
 PlayerFollower::PlayerFollower(QDBusConnection bus, std::shared_ptr<TrackCache> cache,
-                               TrackAnalysisWorker::Analyze analyze, QObject* parent)
+                               FileAnalysis::Analyzer analyze, QObject* parent)
     : QObject(parent), watcher_(std::move(bus)) {
     watcher_.onChange = [this] { update(); };
     worker_ = std::make_unique<TrackAnalysisWorker>(std::move(cache), std::move(analyze));

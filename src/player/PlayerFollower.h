@@ -15,9 +15,9 @@
 #include <optional>
 #include <string>
 
-#include "MprisWatcher.h"
-#include "TrackAnalysisWorker.h"
-#include "TrackCache.h"
+#include "player/MprisWatcher.h"
+#include "player/TrackAnalysisWorker.h"
+#include "player/TrackCache.h"
 
 namespace velquin {
 
@@ -35,7 +35,7 @@ class PlayerFollower : public QObject {
   public:
     // `cache` may be null. `analyze` is the whole-file analysis (tests count calls through it).
     PlayerFollower(QDBusConnection bus, std::shared_ptr<TrackCache> cache,
-                   TrackAnalysisWorker::Analyze analyze = analyzeTrackFile, QObject* parent = nullptr);
+                   FileAnalysis::Analyzer analyze = FileAnalysis::analyzeFile, QObject* parent = nullptr);
     ~PlayerFollower() override;  // stops the worker thread
 
     void start();  // starts watching the bus
@@ -63,7 +63,7 @@ class PlayerFollower : public QObject {
     };
     struct Known {
         Wanted file;
-        TrackResult result;
+        FileResult result;
     };
 
     void update();

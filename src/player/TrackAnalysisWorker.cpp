@@ -1,4 +1,4 @@
-#include "TrackAnalysisWorker.h"
+#include "player/TrackAnalysisWorker.h"
 
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -8,20 +8,10 @@
 #include <system_error>
 #include <utility>
 
-#include "FileAnalysis.h"
-#include "TrackInfo.h"
+#include "fileanalysis/FileAnalysis.h"
+#include "player/TrackInfo.h"
 
 namespace velquin {
-
-std::optional<TrackResult> analyzeTrackFile(const std::string& path, TempoRange range,
-                                            FileAnalysis::Analysis analysis, std::stop_token stop) {
-    try {
-        return FileAnalysis::analyzeFile(path, range,
-                                         {.onProgress = {}, .stop = std::move(stop), .analysis = analysis});
-    } catch (const FileAnalysis::AnalysisCancelled&) {
-        return std::nullopt;
-    }
-}
 
 namespace {
 
@@ -34,7 +24,7 @@ int makeEventFd() {
 
 }  // namespace
 
-TrackAnalysisWorker::TrackAnalysisWorker(std::shared_ptr<TrackCache> cache, Analyze analyze)
+TrackAnalysisWorker::TrackAnalysisWorker(std::shared_ptr<TrackCache> cache, FileAnalysis::Analyzer analyze)
     : cache_(std::move(cache)),
       analyze_(std::move(analyze)),
       readyFd_(makeEventFd()),
@@ -94,8 +84,7 @@ void TrackAnalysisWorker::run() {
         std::stop_source jobStop;
         const std::optional<Job> job = takeJob(&jobStop);
         if (!job) return;
-        TrackCacheKey key{job->path, 0, 0, job->range};
-        key.analysis = job->analysis;
+        AnalysisCache::Key key;
         Outcome outcome = process(*job, jobStop.get_token(), key);
         // The reading goes out first; the cache write (a commit to disk) is nobody's wait.
         const auto fresh = outcome.fromCache ? std::nullopt : outcome.result;
@@ -106,11 +95,13 @@ void TrackAnalysisWorker::run() {
 
 // An outcome with id 0 is not reported: the analysis stopped early on request.
 TrackAnalysisWorker::Outcome TrackAnalysisWorker::process(const Job& job, std::stop_token stop,
-                                                          TrackCacheKey& key) {
+                                                          AnalysisCache::Key& key) {
     Outcome outcome;
     outcome.id = job.id;
-    outcome.error = checkPlayableFile(job.path, &key.size, &key.modifiedNanos);
+    struct stat info {};
+    outcome.error = checkPlayableFile(job.path, &info);
     if (!outcome.error.empty()) return outcome;
+    key = AnalysisCache::keyFromStat(job.path, info, job.range, job.analysis);
     if (cache_) {
         if ((outcome.result = cache_->find(key))) {
             outcome.fromCache = true;
@@ -118,8 +109,10 @@ TrackAnalysisWorker::Outcome TrackAnalysisWorker::process(const Job& job, std::s
         }
     }
     try {
-        outcome.result = analyze_(job.path, job.range, job.analysis, stop);
-        if (!outcome.result) return Outcome{};
+        outcome.result =
+            analyze_(job.path, job.range, {.onProgress = {}, .stop = stop, .analysis = job.analysis});
+    } catch (const FileAnalysis::AnalysisCancelled&) {
+        return Outcome{};
     } catch (const std::exception& e) {
         outcome.error = e.what();
     }

@@ -13,14 +13,10 @@
 #include <string>
 #include <thread>
 
-#include "TrackCache.h"
+#include "fileanalysis/FileAnalysis.h"
+#include "player/TrackCache.h"
 
 namespace velquin {
-
-// The whole-file analysis; none when `stop` was requested before it finished.
-// Throws the decoder's errors (std::exception; what() is the text for the log).
-std::optional<TrackResult> analyzeTrackFile(const std::string& path, TempoRange range,
-                                            FileAnalysis::Analysis analysis, std::stop_token stop);
 
 class TrackAnalysisWorker {
   public:
@@ -32,15 +28,14 @@ class TrackAnalysisWorker {
     };
     struct Outcome {
         uint64_t id = 0;
-        std::optional<TrackResult> result;  // none: the file could not be read (see error)
+        std::optional<FileResult> result;  // none: the file could not be read (see error)
         std::string error;
         bool fromCache = false;
     };
-    using Analyze = std::function<std::optional<TrackResult>(const std::string&, TempoRange,
-                                                             FileAnalysis::Analysis, std::stop_token)>;
-
-    // `cache` may be null (every request is analysed).
-    explicit TrackAnalysisWorker(std::shared_ptr<TrackCache> cache, Analyze analyze = analyzeTrackFile);
+    // `cache` may be null (every request is analysed). `analyze` throws the decoder's errors
+    // (std::exception; what() is the text for the log).
+    explicit TrackAnalysisWorker(std::shared_ptr<TrackCache> cache,
+                                 FileAnalysis::Analyzer analyze = FileAnalysis::analyzeFile);
     ~TrackAnalysisWorker();  // cancels what runs and waits for the thread
     TrackAnalysisWorker(const TrackAnalysisWorker&) = delete;
     TrackAnalysisWorker& operator=(const TrackAnalysisWorker&) = delete;
@@ -60,11 +55,11 @@ class TrackAnalysisWorker {
     // The hand-over with the other threads, under the lock: the next job (none: quit), then its outcome.
     std::optional<Job> takeJob(std::stop_source* stop);
     bool finishJob(Outcome&& outcome);
-    // Fills in the key's size and modification time.
-    Outcome process(const Job& job, std::stop_token stop, TrackCacheKey& key);
+    // Fills in the key from the file as it was opened.
+    Outcome process(const Job& job, std::stop_token stop, AnalysisCache::Key& key);
 
     std::shared_ptr<TrackCache> cache_;
-    Analyze analyze_;
+    FileAnalysis::Analyzer analyze_;
     int readyFd_ = -1;  // an eventfd
     std::mutex mutex_;
     std::condition_variable wake_;

@@ -1,4 +1,4 @@
-#include "TrackInfo.h"
+#include "player/TrackInfo.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -96,7 +96,7 @@ std::optional<std::string> localPathOfUrl(const QString& url) {
     return bytes.toStdString();
 }
 
-std::string checkPlayableFile(const std::string& path, int64_t* size, int64_t* modifiedNanos) {
+std::string checkPlayableFile(const std::string& path, struct stat* out) {
     // O_NONBLOCK so that opening a FIFO by mistake does not wait for a writer.
     const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0) return std::strerror(errno);
@@ -107,8 +107,7 @@ std::string checkPlayableFile(const std::string& path, int64_t* size, int64_t* m
     if (!statted) return std::strerror(statErrno);
     if (!S_ISREG(info.st_mode)) return "not a regular file";
     if (info.st_size == 0) return "empty file";
-    if (size) *size = info.st_size;
-    if (modifiedNanos) *modifiedNanos = int64_t(info.st_mtim.tv_sec) * 1'000'000'000 + info.st_mtim.tv_nsec;
+    if (out) *out = info;
     return {};
 }
 

@@ -2,6 +2,8 @@
 // What a media player says about its current track, read defensively: players send whatever types
 // they like, and a value of the wrong type is treated as absent.
 
+#include <sys/stat.h>
+
 #include <QString>
 #include <QVariant>
 #include <QVariantMap>
@@ -35,9 +37,8 @@ QString playingLine(const TrackInfo& track);
 // nothing about the file itself: see checkPlayableFile.
 std::optional<std::string> localPathOfUrl(const QString& url);
 
-// Empty when `path` is a readable, non-empty regular file (and then its size and modification time are
-// filled in); otherwise why not, for the log. Touches the file system, so it runs off the interface thread.
-std::string checkPlayableFile(const std::string& path, int64_t* size = nullptr,
-                              int64_t* modifiedNanos = nullptr);
+// Empty when `path` is a readable, non-empty regular file (and then `info` is filled in from the open
+// file); otherwise why not, for the log. Touches the file system, so it runs off the interface thread.
+std::string checkPlayableFile(const std::string& path, struct stat* info = nullptr);
 
 }  // namespace velquin

@@ -1,4 +1,4 @@
-#include "AudioPayload.h"
+#include "scan/AudioPayload.h"
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -7,7 +7,7 @@
 #include <cstring>
 #include <vector>
 
-#include "AudioFileReader.h"
+#include "fileanalysis/AudioFileReader.h"
 
 namespace velquin::scan {
 

@@ -6,7 +6,7 @@
 #include <optional>
 #include <string>
 
-#include "Container.h"
+#include "scan/Container.h"
 
 namespace velquin::scan {
 

@@ -1,4 +1,4 @@
-#include "CheckedStream.h"
+#include "scan/CheckedStream.h"
 
 #include <sys/stat.h>
 #include <unistd.h>

@@ -1,4 +1,4 @@
-#include "Container.h"
+#include "scan/Container.h"
 
 #include <unistd.h>
 

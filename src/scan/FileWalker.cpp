@@ -1,4 +1,4 @@
-#include "FileWalker.h"
+#include "scan/FileWalker.h"
 
 #include <dirent.h>
 #include <sys/stat.h>
@@ -18,7 +18,7 @@
 #include <string_view>
 #include <utility>
 
-#include "TagWriter.h"
+#include "scan/TagWriter.h"
 
 namespace velquin::scan {
 

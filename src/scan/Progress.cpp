@@ -1,10 +1,10 @@
-#include "Progress.h"
+#include "scan/Progress.h"
 
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-#include "Format.h"
-#include "ScanOutput.h"
+#include "analysis/Format.h"
+#include "scan/ScanOutput.h"
 
 namespace velquin::scan {
 

@@ -1,4 +1,4 @@
-#include "ScanOptions.h"
+#include "scan/ScanOptions.h"
 
 #include <charconv>
 

@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "FileAnalysis.h"
-#include "TempoRange.h"
+#include "analysis/FileResult.h"
+#include "analysis/TempoRange.h"
 
 namespace velquin::scan {
 

@@ -1,10 +1,10 @@
-#include "ScanOutput.h"
+#include "scan/ScanOutput.h"
 
 #include <cstdio>
 #include <vector>
 
-#include "FileModes.h"
-#include "Format.h"
+#include "analysis/Format.h"
+#include "fileanalysis/ResultLine.h"
 
 namespace velquin::scan {
 
@@ -145,7 +145,7 @@ std::string headerLine(OutputFormat format) {
 std::string rowLine(OutputFormat outputFormat, const ScanRow& row) {
     if (outputFormat == OutputFormat::table) {
         if (!row.result) return shownText("Error: " + row.error + "  " + row.path);
-        return FileModes::resultLine(row.result->tempo, row.result->key) + "  " + shownText(row.path);
+        return resultLine(row.result->tempo, row.result->key) + "  " + shownText(row.path);
     }
     const auto fields = fieldsOf(row);
     std::string line = outputFormat == OutputFormat::json ? "{" : "";

@@ -5,15 +5,15 @@
 #include <string>
 #include <string_view>
 
-#include "AnalysisCache.h"
-#include "ScanOptions.h"
+#include "analysis/FileResult.h"
+#include "scan/ScanOptions.h"
 
 namespace velquin::scan {
 
 struct ScanRow {
-    std::string path;                            // as found from the command line
-    std::optional<AnalysisCache::Entry> result;  // absent when the analysis failed
-    std::string error;                           // the analysis error, or why the file was not tagged
+    std::string path;                  // as found from the command line
+    std::optional<FileResult> result;  // absent when the analysis failed
+    std::string error;                 // the analysis error, or why the file was not tagged
     FileAnalysis::Analysis analysis = FileAnalysis::Analysis::specified;
 };
 

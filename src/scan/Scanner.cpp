@@ -1,4 +1,4 @@
-#include "Scanner.h"
+#include "scan/Scanner.h"
 
 #include <cerrno>
 #include <chrono>
@@ -12,12 +12,13 @@
 #include <thread>
 #include <vector>
 
-#include "FileWalker.h"
-#include "Format.h"
-#include "Progress.h"
-#include "ScanAnalysis.h"
-#include "ScanOutput.h"
-#include "TagWriter.h"
+#include "analysis/Format.h"
+#include "cache/AnalysisCache.h"
+#include "fileanalysis/FileAnalysis.h"
+#include "scan/FileWalker.h"
+#include "scan/Progress.h"
+#include "scan/ScanOutput.h"
+#include "scan/TagWriter.h"
 
 namespace velquin::scan {
 
@@ -178,14 +179,19 @@ class Scan {
     // Fills the row; false when a stop cut the analysis short.
     bool process(size_t i, std::stop_token stop) {
         ScanRow& row = rows_[i];
-        const auto key = AnalysisCache::keyForFile(row.path, analysisVersion(),
-                                                   cacheRange(options_.range, options_.analysis));
+        const auto key = AnalysisCache::keyForFile(row.path, options_.range, options_.analysis);
         if (cache_ && key && !options_.force) row.result = cache_->lookup(*key);
         if (row.result) {
             ++fromCache_;
         } else {
             try {
-                row.result = analyzeFile(row.path, options_.range, options_.analysis, stop);
+                row.result = FileAnalysis::analyzeFile(row.path, options_.range,
+                                                       {.onProgress = {},
+                                                        .stop = stop,
+                                                        // Each job is one thread: the scan's own workers
+                                                        // already keep every core busy.
+                                                        .execution = FileAnalysis::Execution::sequential,
+                                                        .analysis = options_.analysis});
             } catch (const std::exception& error) {
                 if (stop.stop_requested()) return false;
                 row.error = error.what();
@@ -201,15 +207,14 @@ class Scan {
                 row.error = outcome.failure;
             } else if (cache_) {
                 // The new tags change the size and the change time; the result still holds.
-                const auto tagged = AnalysisCache::keyForFile(row.path, analysisVersion(),
-                                                              cacheRange(options_.range, options_.analysis));
+                const auto tagged = AnalysisCache::keyForFile(row.path, options_.range, options_.analysis);
                 if (tagged) remember(*tagged, *row.result);
             }
         }
         return true;
     }
 
-    void remember(const AnalysisCache::Key& key, const AnalysisCache::Entry& entry) {
+    void remember(const AnalysisCache::Key& key, const FileResult& entry) {
         if (!cache_) return;
         const auto why = cache_->store(key, entry);
         if (!why || cacheFailed_.exchange(true)) return;

@@ -5,7 +5,7 @@
 #include <atomic>
 #include <cstdio>
 
-#include "ScanOptions.h"
+#include "scan/ScanOptions.h"
 
 namespace velquin::scan {
 

@@ -1,4 +1,4 @@
-#include "TagCopy.h"
+#include "scan/TagCopy.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -14,7 +14,7 @@
 #include <set>
 #include <vector>
 
-#include "Container.h"
+#include "scan/Container.h"
 
 namespace velquin::scan {
 

@@ -1,4 +1,4 @@
-#include "TagFields.h"
+#include "scan/TagFields.h"
 
 #include <taglib/aifffile.h>
 #include <taglib/flacfile.h>

@@ -8,7 +8,7 @@
 #include <optional>
 #include <string>
 
-#include "Container.h"
+#include "scan/Container.h"
 
 namespace velquin::scan {
 

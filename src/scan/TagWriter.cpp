@@ -1,4 +1,4 @@
-#include "TagWriter.h"
+#include "scan/TagWriter.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -12,12 +12,13 @@
 #include <mutex>
 #include <set>
 
-#include "AudioPayload.h"
-#include "CheckedStream.h"
-#include "Container.h"
-#include "Format.h"
-#include "TagCopy.h"
-#include "TagFields.h"
+#include "analysis/Confidence.h"
+#include "analysis/Format.h"
+#include "scan/AudioPayload.h"
+#include "scan/CheckedStream.h"
+#include "scan/Container.h"
+#include "scan/TagCopy.h"
+#include "scan/TagFields.h"
 
 namespace velquin::scan {
 
@@ -86,7 +87,7 @@ TagValues valuesFor(const TempoEstimate& tempo, const KeyEstimate& key, const Ta
         values.bpm = static_cast<int>(std::lround(tempo.bpm));
     else
         notes.emplace_back("BPM not written: no tempo");
-    if (key.key && key.confidence >= kMinimumTagKeyConfidence) {
+    if (key.key && key.confidence >= kWeakConfidence) {
         const std::string name = tagKeyName(*key.key), camelot = key.key->camelot();
         values.key = request.camelot ? camelot : name;
         values.otherKey = request.camelot ? name : camelot;

@@ -8,14 +8,11 @@
 #include <string>
 #include <vector>
 
-#include "MusicalKey.h"
-#include "TagCopy.h"  // what a scan does with copies left by others
-#include "TempoEstimate.h"
+#include "analysis/MusicalKey.h"
+#include "analysis/TempoEstimate.h"
+#include "scan/TagCopy.h"  // what a scan does with copies left by others
 
 namespace velquin::scan {
-
-// A key weaker than this is not written: the bar shows none below it either.
-constexpr double kMinimumTagKeyConfidence = 0.35;
 
 struct TagRequest {
     bool camelot = false;  // the key tag holds the Camelot code, the second field the key name

@@ -7,10 +7,10 @@
 #include <thread>
 #include <vector>
 
-#include "ScanOptions.h"
-#include "ScanOutput.h"
-#include "Scanner.h"
-#include "StandardStreams.h"
+#include "scan/ScanOptions.h"
+#include "scan/ScanOutput.h"
+#include "scan/Scanner.h"
+#include "system/StandardStreams.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "AppMenu.h"
+#include "ui/AppMenu.h"
 
 #include <QActionGroup>
 #include <QFontDatabase>
@@ -9,10 +9,18 @@
 #include <QWidgetAction>
 #include <algorithm>
 
-#include "ReadingText.h"
+#include "analysis/Format.h"
+#include "ui/ReadingText.h"
 
 namespace velquin {
 namespace {
+
+// "Auto (60–200)", "40–80 BPM", …
+std::string menuTitle(TempoRange range) {
+    if (range == TempoRange::Auto) return "Auto (60–200)";
+    const BPMBounds b = bounds(range);
+    return format("%.0f–%.0f BPM", b.lower, b.upper);
+}
 
 constexpr int statusLimit = 60;  // characters; longer status texts are shortened, whole in the tooltip
 

@@ -10,10 +10,10 @@
 #include <memory>
 #include <optional>
 
-#include "AudioSource.h"
-#include "DisplaySettings.h"
-#include "MusicalKey.h"
-#include "TempoRange.h"
+#include "analysis/MusicalKey.h"
+#include "analysis/TempoRange.h"
+#include "capture/AudioSource.h"
+#include "ui/DisplaySettings.h"
 
 class QAction;
 class QLabel;

@@ -1,4 +1,4 @@
-#include "Application.h"
+#include "ui/Application.h"
 
 #include <unistd.h>
 
@@ -10,11 +10,11 @@
 #include <string>
 #include <vector>
 
-#include "DesktopApp.h"
-#include "LayerShellBar.h"
-#include "PlatformChoice.h"
-#include "SingleInstance.h"
-#include "XdgPaths.h"
+#include "system/XdgPaths.h"
+#include "ui/DesktopApp.h"
+#include "ui/LayerShellBar.h"
+#include "ui/PlatformChoice.h"
+#include "ui/SingleInstance.h"
 
 namespace velquin {
 

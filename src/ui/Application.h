@@ -11,7 +11,7 @@
 // On native Wayland, where the bar can be neither placed nor kept above, says so once in the log and
 // on standard error, and the panel item carries the reading.
 
-#include "LogSink.h"
+#include "ui/LogSink.h"
 
 namespace velquin {
 

@@ -1,4 +1,4 @@
-#include "BarDropTarget.h"
+#include "ui/BarDropTarget.h"
 
 #include <QCursor>
 #include <QDropEvent>

@@ -8,7 +8,7 @@
 #include <functional>
 #include <optional>
 
-#include "LogSink.h"
+#include "ui/LogSink.h"
 
 class QMimeData;
 class QWidget;

@@ -1,6 +1,6 @@
-#include "BarPlacement.h"
+#include "ui/BarPlacement.h"
 
-#include "DisplaySettings.h"
+#include "ui/DisplaySettings.h"
 
 #include <QGuiApplication>
 #include <QScreen>

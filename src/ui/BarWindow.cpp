@@ -1,4 +1,4 @@
-#include "BarWindow.h"
+#include "ui/BarWindow.h"
 
 #include <xcb/xcb.h>
 

@@ -6,7 +6,7 @@
 
 #include <QWidget>
 
-#include "StatusBarView.h"
+#include "ui/StatusBarView.h"
 
 namespace velquin {
 

@@ -1,4 +1,4 @@
-#include "ConfidenceRing.h"
+#include "ui/ConfidenceRing.h"
 
 #include <QGuiApplication>
 #include <QPainter>
@@ -7,13 +7,15 @@
 #include <algorithm>
 #include <cmath>
 
+#include "analysis/Confidence.h"
+
 namespace velquin::ConfidenceRing {
 namespace {
 
 // Fixed rather than from the palette: the ring has to read the same on light and dark panels, and
 // themes rarely define a usable orange, yellow and green.
 QColor color(double for_) {
-    if (for_ < 0.35) return QColor(0xF2, 0x8C, 0x28);
+    if (for_ < kWeakConfidence) return QColor(0xF2, 0x8C, 0x28);
     if (for_ < 0.7) return QColor(0xE6, 0xBE, 0x1E);
     return QColor(0x30, 0xB8, 0x4E);
 }

@@ -1,4 +1,4 @@
-#include "DesktopApp.h"
+#include "ui/DesktopApp.h"
 
 #include <QCoreApplication>
 #include <QCursor>
@@ -10,8 +10,8 @@
 #include <cmath>
 #include <cstdio>
 
-#include "BarDropTarget.h"
-#include "ReadingText.h"
+#include "ui/BarDropTarget.h"
+#include "ui/ReadingText.h"
 
 #ifndef VELQUIN_INSTALLED_HELP
 #define VELQUIN_INSTALLED_HELP ""
@@ -124,10 +124,10 @@ void DesktopApp::launch() {
     drops_.range = [this] { return service_.range(); };
     drops_.analysis = [this] { return fileAnalysis(); };
     drops_.onWorking = [this](const QString&) { rerender(); };
-    drops_.describe = [this](const QString& name, const FileAnalysisResult& result) {
+    drops_.describe = [this](const QString& name, const FileResult& result) {
         return text::shelfLines(name, result.tempo, result.key, settings_);
     };
-    drops_.onAnalyzed = [this](const QString& name, const std::optional<FileAnalysisResult>& result) {
+    drops_.onAnalyzed = [this](const QString& name, const std::optional<FileResult>& result) {
         droppedResult(name, result);
     };
     drops_.attach(*bar_);
@@ -302,20 +302,20 @@ QString DesktopApp::statusText(const TempoEstimate& tempo, const KeyEstimate& ke
 
 void DesktopApp::render(const TempoEstimate& liveTempo, const KeyEstimate& liveKey) {
     // A file just dropped wins for its few seconds; then the playing file's reading; then the live one.
-    const bool showingDrop = fileInBar_ && fileResult_;
+    const bool showingDrop = fileInBar_ && shownFile_;
     const bool showingPlayer = !showingDrop && playing_;
     const bool showingFile = showingDrop || showingPlayer;
-    const TempoEstimate& tempo = showingDrop     ? fileResult_->tempo
+    const TempoEstimate& tempo = showingDrop     ? shownFile_->tempo
                                  : showingPlayer ? playing_->tempo
                                                  : liveTempo;
-    const KeyEstimate& key = showingDrop ? fileResult_->key : showingPlayer ? playing_->key : liveKey;
+    const KeyEstimate& key = showingDrop ? shownFile_->key : showingPlayer ? playing_->key : liveKey;
 
     if (playing_) {
         menu_.setFileLine(playing_->line);
     } else {
-        menu_.setFileLine(fileResult_ ? std::optional(text::fileLine(fileResult_->name, fileResult_->tempo,
-                                                                     fileResult_->key, settings_))
-                                      : std::nullopt);
+        menu_.setFileLine(shownFile_ ? std::optional(text::fileLine(shownFile_->name, shownFile_->tempo,
+                                                                    shownFile_->key, settings_))
+                                     : std::nullopt);
     }
     const bool working = drops_.isBusy() && !showingFile;
     // While a dropped file is measured the bar says so and no live value replaces that.
@@ -387,7 +387,7 @@ void DesktopApp::show(const QString& error) {
 }
 
 void DesktopApp::resetAll() {
-    fileResult_.reset();
+    shownFile_.reset();
     fileInBar_ = false;
     service_.reset();
 }
@@ -414,7 +414,7 @@ void DesktopApp::analyzeFile() {
     const std::optional<QString> path = dialogs.chooseAudioFile ? dialogs.chooseAudioFile() : std::nullopt;
     if (!path) return;
     const QString name = QFileInfo(*path).fileName();
-    const FileAnalyzer analyzer = withAnalysis(drops_.analyzer, fileAnalysis());
+    const FileAnalysis::Analyzer analyzer = withAnalysis(drops_.analyzer, fileAnalysis());
     menuAnalysis_.start(*path, service_.range(), analyzer, [this, name](FileJobOutcome outcome) {
         if (!outcome.result) {
             if (dialogs.showFileError) dialogs.showFileError(name, outcome.error);
@@ -425,13 +425,13 @@ void DesktopApp::analyzeFile() {
     });
 }
 
-void DesktopApp::droppedResult(const QString& name, const std::optional<FileAnalysisResult>& result) {
+void DesktopApp::droppedResult(const QString& name, const std::optional<FileResult>& result) {
     if (!result) {
-        fileResult_.reset();
+        shownFile_.reset();
         rerender();
         return;
     }
-    fileResult_ = FileResult{name, result->tempo, result->key};
+    shownFile_ = ShownFile{name, result->tempo, result->key};
     fileInBar_ = true;
     fileTimer_.start(static_cast<int>(std::lround(std::max(fileInBarSeconds, 0.0) * 1000)));
     rerender();

@@ -15,22 +15,22 @@
 #include <optional>
 #include <vector>
 
-#include "AppMenu.h"
-#include "BarPlacement.h"
-#include "BarWindow.h"
-#include "Dialogs.h"
-#include "DisplaySettings.h"
-#include "DropCoordinator.h"
-#include "LayerShellBar.h"
-#include "LibraryTrackCache.h"
-#include "LogSink.h"
-#include "MenuPresenter.h"
-#include "PanelPresence.h"
-#include "PlayerFollower.h"
-#include "ProgressWindow.h"
-#include "Reading.h"
-#include "TempoService.h"
-#include "TrayIcon.h"
+#include "capture/TempoService.h"
+#include "player/LibraryTrackCache.h"
+#include "player/PlayerFollower.h"
+#include "ui/AppMenu.h"
+#include "ui/BarPlacement.h"
+#include "ui/BarWindow.h"
+#include "ui/Dialogs.h"
+#include "ui/DisplaySettings.h"
+#include "ui/DropCoordinator.h"
+#include "ui/LayerShellBar.h"
+#include "ui/LogSink.h"
+#include "ui/MenuPresenter.h"
+#include "ui/PanelPresence.h"
+#include "ui/ProgressWindow.h"
+#include "ui/Reading.h"
+#include "ui/TrayIcon.h"
 
 class QAction;
 class QScreen;
@@ -117,7 +117,8 @@ class DesktopApp : public QObject {
     double fileInBarSeconds = 8.0;
     Dialogs dialogs;
 
-    struct FileResult {
+    // A dropped file's result while the bar and the menu show it.
+    struct ShownFile {
         QString name;
         TempoEstimate tempo;
         KeyEstimate key;
@@ -128,7 +129,7 @@ class DesktopApp : public QObject {
     DropCoordinator& drops() { return drops_; }
     TempoService& service() { return service_; }
     const DisplaySettings& settings() const { return settings_; }
-    const std::optional<FileResult>& fileResult() const { return fileResult_; }
+    const std::optional<ShownFile>& shownFile() const { return shownFile_; }
     bool fileInBar() const { return fileInBar_; }
     bool paused() const { return paused_; }
     PlayerFollower& follower() { return follower_; }
@@ -150,7 +151,7 @@ class DesktopApp : public QObject {
     void rerender();
     void publish();
     QString statusText(const TempoEstimate& tempo, const KeyEstimate& key) const;
-    void droppedResult(const QString& name, const std::optional<FileAnalysisResult>& result);
+    void droppedResult(const QString& name, const std::optional<FileResult>& result);
     QPoint menuPoint() const;
     void noPanelHost();
     void attachLayerBar();
@@ -182,7 +183,7 @@ class DesktopApp : public QObject {
     PlayerFollower follower_;
     std::optional<PlayerReading> playing_;
 
-    std::optional<FileResult> fileResult_;
+    std::optional<ShownFile> shownFile_;
     bool fileInBar_ = false;
     QTimer fileTimer_;
 };

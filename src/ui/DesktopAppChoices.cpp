@@ -3,8 +3,8 @@
 #include <QClipboard>
 #include <QGuiApplication>
 
-#include "DesktopApp.h"
-#include "ReadingText.h"
+#include "ui/DesktopApp.h"
+#include "ui/ReadingText.h"
 
 namespace velquin {
 

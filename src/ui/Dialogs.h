@@ -8,7 +8,7 @@
 #include <functional>
 #include <optional>
 
-#include "AudioSource.h"
+#include "capture/AudioSource.h"
 
 namespace velquin {
 

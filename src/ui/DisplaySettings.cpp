@@ -1,4 +1,4 @@
-#include "DisplaySettings.h"
+#include "ui/DisplaySettings.h"
 
 namespace velquin {
 

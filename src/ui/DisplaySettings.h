@@ -8,9 +8,9 @@
 #include <QString>
 #include <optional>
 
-#include "AudioSource.h"
-#include "MusicalKey.h"
-#include "TempoRange.h"
+#include "analysis/MusicalKey.h"
+#include "analysis/TempoRange.h"
+#include "capture/AudioSource.h"
 
 namespace velquin {
 

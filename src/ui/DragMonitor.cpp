@@ -1,4 +1,4 @@
-#include "DragMonitor.h"
+#include "ui/DragMonitor.h"
 
 #include <xcb/xcb.h>
 #include <xcb/xfixes.h>

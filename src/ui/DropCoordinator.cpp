@@ -1,4 +1,4 @@
-#include "DropCoordinator.h"
+#include "ui/DropCoordinator.h"
 
 #include <QFileInfo>
 #include <QGuiApplication>
@@ -7,8 +7,8 @@
 #include <cmath>
 #include <string>
 
-#include "ReadingText.h"
-#include "RectText.h"
+#include "ui/ReadingText.h"
+#include "ui/RectText.h"
 
 namespace velquin {
 namespace {

@@ -13,11 +13,11 @@
 #include <memory>
 #include <optional>
 
-#include "BarDropTarget.h"
-#include "DragMonitor.h"
-#include "DropShelf.h"
-#include "FileJob.h"
-#include "LogSink.h"
+#include "ui/BarDropTarget.h"
+#include "ui/DragMonitor.h"
+#include "ui/DropShelf.h"
+#include "ui/FileJob.h"
+#include "ui/LogSink.h"
 
 namespace velquin {
 
@@ -30,15 +30,15 @@ class DropCoordinator : public QObject {
     // The bar window's frame as the window system reports it (global, logical pixels).
     std::function<QRect()> barFrame;
     std::function<TempoRange()> range;
-    FileAnalyzer analyzer = analyzeAudioFile;
+    FileAnalysis::Analyzer analyzer = FileAnalysis::analyzeFile;
     // Which analysis a dropped file gets (the live engine's when unset).
     std::function<FileAnalysis::Analysis()> analysis;
     // A dropped file's analysis started; the shelf then stays up until its result has shown.
     std::function<void(const QString& name)> onWorking;
     // The shelf's result lines for a file's result.
-    std::function<QStringList(const QString& name, const FileAnalysisResult& result)> describe;
+    std::function<QStringList(const QString& name, const FileResult& result)> describe;
     // The analysis ended: a result, or none when the file could not be read.
-    std::function<void(const QString& name, const std::optional<FileAnalysisResult>& result)> onAnalyzed;
+    std::function<void(const QString& name, const std::optional<FileResult>& result)> onAnalyzed;
 
     // Routes the bar window's drops here.
     void attach(QWidget& bar);

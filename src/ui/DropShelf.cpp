@@ -1,4 +1,4 @@
-#include "DropShelf.h"
+#include "ui/DropShelf.h"
 
 #include <xcb/xcb.h>
 
@@ -11,7 +11,7 @@
 #include <cmath>
 #include <cstdlib>
 
-#include "RectText.h"
+#include "ui/RectText.h"
 
 namespace velquin {
 namespace {

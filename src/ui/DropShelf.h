@@ -13,8 +13,8 @@
 #include <memory>
 #include <optional>
 
-#include "DropZoneView.h"
-#include "LogSink.h"
+#include "ui/DropZoneView.h"
+#include "ui/LogSink.h"
 
 class QWidget;
 

@@ -1,4 +1,4 @@
-#include "DropZoneView.h"
+#include "ui/DropZoneView.h"
 
 #include <QDropEvent>
 #include <QFontDatabase>
@@ -6,7 +6,7 @@
 #include <QPainter>
 #include <QPainterPath>
 
-#include "BarDropTarget.h"
+#include "ui/BarDropTarget.h"
 
 namespace velquin {
 namespace {

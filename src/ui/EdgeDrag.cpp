@@ -1,4 +1,4 @@
-#include "EdgeDrag.h"
+#include "ui/EdgeDrag.h"
 
 #include <algorithm>
 #include <cmath>

@@ -1,4 +1,4 @@
-#include "FileJob.h"
+#include "ui/FileJob.h"
 
 #include <QCoreApplication>
 #include <QThreadPool>
@@ -23,29 +23,24 @@ void onMainThread(const QPointer<QObject>& owner, F f) {
 
 }  // namespace
 
-FileAnalysisResult analyzeAudioFile(const std::string& path, TempoRange range,
-                                    const FileJobControl& control) {
-    return FileAnalysis::analyzeFile(path, range, control);
-}
-
-FileAnalyzer withAnalysis(FileAnalyzer analyzer, FileAnalysis::Analysis analysis) {
+FileAnalysis::Analyzer withAnalysis(FileAnalysis::Analyzer analyzer, FileAnalysis::Analysis analysis) {
     return [analyzer = std::move(analyzer), analysis](const std::string& path, TempoRange range,
-                                                      const FileJobControl& control) {
-        FileJobControl chosen = control;
+                                                      const FileAnalysis::FileAnalysisOptions& control) {
+        FileAnalysis::FileAnalysisOptions chosen = control;
         chosen.analysis = analysis;
         return analyzer(path, range, chosen);
     };
 }
 
 std::shared_ptr<std::stop_source> startFileJob(QObject* context, const QString& path, TempoRange range,
-                                               FileAnalyzer analyzer, FileJobCallbacks callbacks) {
+                                               FileAnalysis::Analyzer analyzer, FileJobCallbacks callbacks) {
     auto stop = std::make_shared<std::stop_source>();
     const QPointer<QObject> owner(context);
     auto shared = std::make_shared<FileJobCallbacks>(std::move(callbacks));
     QThreadPool::globalInstance()->start(
         [owner, stop, shared, analyzer = std::move(analyzer), path = path.toStdString(), range] {
             auto lastReport = std::chrono::steady_clock::time_point{};
-            FileJobControl control;
+            FileAnalysis::FileAnalysisOptions control;
             control.stop = stop->get_token();
             control.onProgress = [&](double done, double total) {
                 const auto now = std::chrono::steady_clock::now();

@@ -12,28 +12,16 @@
 #include <stop_token>
 #include <string>
 
-#include "FileAnalysis.h"
-#include "TempoRange.h"
+#include "analysis/TempoRange.h"
+#include "fileanalysis/FileAnalysis.h"
 
 namespace velquin {
 
-using FileAnalysisResult = FileAnalysis::FileResult;
-
-// What a running analysis reports to and hears from its job; called on the pool thread.
-using FileJobControl = FileAnalysis::FileAnalysisOptions;
-
-// Runs on a pool thread; throws with the text to show.
-using FileAnalyzer = std::function<FileAnalysisResult(const std::string& path, TempoRange range,
-                                                      const FileJobControl& control)>;
-
-// The one call into the file analysis.
-FileAnalysisResult analyzeAudioFile(const std::string& path, TempoRange range, const FileJobControl& control);
-
 // `analyzer` run with the given analysis, whatever its caller asked for.
-FileAnalyzer withAnalysis(FileAnalyzer analyzer, FileAnalysis::Analysis analysis);
+FileAnalysis::Analyzer withAnalysis(FileAnalysis::Analyzer analyzer, FileAnalysis::Analysis analysis);
 
 struct FileJobOutcome {
-    std::optional<FileAnalysisResult> result;
+    std::optional<FileResult> result;
     QString error;  // why there is no result
 };
 
@@ -44,6 +32,6 @@ struct FileJobCallbacks {
 
 // Returns the job's stop source: request_stop() cancels it.
 std::shared_ptr<std::stop_source> startFileJob(QObject* context, const QString& path, TempoRange range,
-                                               FileAnalyzer analyzer, FileJobCallbacks callbacks);
+                                               FileAnalysis::Analyzer analyzer, FileJobCallbacks callbacks);
 
 }  // namespace velquin

@@ -1,4 +1,4 @@
-#include "LayerShellBar.h"
+#include "ui/LayerShellBar.h"
 
 #include <fcntl.h>
 #include <linux/input-event-codes.h>
@@ -16,7 +16,7 @@
 #include <cstring>
 #include <vector>
 
-#include "LayerShellState.h"
+#include "ui/LayerShellState.h"
 
 namespace velquin {
 

@@ -8,7 +8,7 @@
 #include <QTimer>
 #include <cstring>
 
-#include "LayerShellState.h"
+#include "ui/LayerShellState.h"
 
 namespace velquin {
 

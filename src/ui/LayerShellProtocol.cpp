@@ -1,4 +1,4 @@
-#include "LayerShellProtocol.h"
+#include "ui/LayerShellProtocol.h"
 
 namespace {
 

@@ -16,11 +16,11 @@
 #include <memory>
 #include <vector>
 
-#include "BarPlacement.h"
-#include "EdgeDrag.h"
-#include "LayerShellBar.h"
-#include "LayerShellProtocol.h"
-#include "RelativePointerProtocol.h"
+#include "ui/BarPlacement.h"
+#include "ui/EdgeDrag.h"
+#include "ui/LayerShellBar.h"
+#include "ui/LayerShellProtocol.h"
+#include "ui/RelativePointerProtocol.h"
 
 namespace velquin {
 

@@ -1,4 +1,4 @@
-#include "MenuPresenter.h"
+#include "ui/MenuPresenter.h"
 
 #include <QGuiApplication>
 #include <QMenu>

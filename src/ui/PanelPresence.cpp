@@ -1,13 +1,13 @@
-#include "PanelPresence.h"
+#include "ui/PanelPresence.h"
 
 #include <QCoreApplication>
 #include <QMenu>
 
-#include "ConfidenceRing.h"
-#include "MenuExporter.h"
-#include "StartAtLogin.h"
-#include "StatusNotifierItem.h"
-#include "TrayIcon.h"
+#include "panel/MenuExporter.h"
+#include "panel/StartAtLogin.h"
+#include "panel/StatusNotifierItem.h"
+#include "ui/ConfidenceRing.h"
+#include "ui/TrayIcon.h"
 
 namespace velquin {
 

@@ -10,9 +10,9 @@
 #include <functional>
 #include <memory>
 
-#include "DisplaySettings.h"
-#include "LogSink.h"
-#include "Reading.h"
+#include "ui/DisplaySettings.h"
+#include "ui/LogSink.h"
+#include "ui/Reading.h"
 
 class QMenu;
 

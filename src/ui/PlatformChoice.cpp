@@ -1,4 +1,4 @@
-#include "PlatformChoice.h"
+#include "ui/PlatformChoice.h"
 
 #include <xcb/xcb.h>
 

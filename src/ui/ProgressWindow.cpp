@@ -1,4 +1,4 @@
-#include "ProgressWindow.h"
+#include "ui/ProgressWindow.h"
 
 #include <QCloseEvent>
 #include <QDialogButtonBox>
@@ -12,7 +12,7 @@
 #include <cmath>
 #include <utility>
 
-#include "ReadingText.h"
+#include "ui/ReadingText.h"
 
 namespace velquin {
 
@@ -55,7 +55,7 @@ void ProgressWindow::closeEvent(QCloseEvent* event) {
     if (auto cancel = std::exchange(onCancel, nullptr)) cancel();
 }
 
-void MenuAnalysis::start(const QString& path, TempoRange range, FileAnalyzer analyzer,
+void MenuAnalysis::start(const QString& path, TempoRange range, FileAnalysis::Analyzer analyzer,
                          std::function<void(FileJobOutcome)> done) {
     if (job_) job_->request_stop();
     window_ = std::make_unique<ProgressWindow>(QFileInfo(path).fileName());

@@ -7,7 +7,7 @@
 #include <memory>
 #include <stop_token>
 
-#include "FileJob.h"
+#include "ui/FileJob.h"
 
 class QLabel;
 class QProgressBar;
@@ -41,7 +41,7 @@ class MenuAnalysis : public QObject {
 
   public:
     // `done` runs on the main thread unless the analysis was cancelled.
-    void start(const QString& path, TempoRange range, FileAnalyzer analyzer,
+    void start(const QString& path, TempoRange range, FileAnalysis::Analyzer analyzer,
                std::function<void(FileJobOutcome)> done);
     ProgressWindow* window() { return window_.get(); }
 

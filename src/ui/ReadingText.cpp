@@ -1,14 +1,15 @@
-#include "ReadingText.h"
+#include "ui/ReadingText.h"
 
 #include <QColor>
 #include <algorithm>
 #include <cmath>
 
+#include "analysis/Confidence.h"
+#include "ui/NoteMeter.h"
+
 namespace velquin::text {
 namespace {
 
-// Below this the bar shows no key; the menu still names it with its percentage.
-constexpr double barConfidenceThreshold = 0.35;
 // Tuning offsets smaller than this are within what a listener hears as in tune.
 constexpr double tuningThresholdCents = 8.0;
 const QString middleDot = QStringLiteral(" \u00b7 ");
@@ -30,7 +31,7 @@ QString bpm(double value, const DisplaySettings& settings) {
 }
 
 QString barKey(const KeyEstimate& key, const DisplaySettings& settings) {
-    if (key.confidence < barConfidenceThreshold) return QStringLiteral("-");
+    if (key.confidence < kWeakConfidence) return QStringLiteral("-");
     const auto text = key.shortText(settings.useCamelot, settings.relativePreference);
     if (!text) return QStringLiteral("-");
     return q(*text)

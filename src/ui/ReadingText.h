@@ -9,9 +9,9 @@
 #include <QStringList>
 #include <optional>
 
-#include "DisplaySettings.h"
-#include "MusicalKey.h"
-#include "TempoEstimate.h"
+#include "analysis/MusicalKey.h"
+#include "analysis/TempoEstimate.h"
+#include "ui/DisplaySettings.h"
 
 namespace velquin::text {
 

@@ -1,4 +1,4 @@
-#include "RectText.h"
+#include "ui/RectText.h"
 
 #include <QDebug>
 #include <QString>

@@ -1,4 +1,4 @@
-#include "RelativePointerProtocol.h"
+#include "ui/RelativePointerProtocol.h"
 
 namespace {
 

@@ -1,11 +1,11 @@
-#include "SingleInstance.h"
+#include "ui/SingleInstance.h"
 
 #include <unistd.h>
 #include <QDir>
 #include <QLocalServer>
 #include <QLocalSocket>
 
-#include "XdgPaths.h"
+#include "system/XdgPaths.h"
 
 namespace velquin {
 namespace {

@@ -1,4 +1,4 @@
-#include "StatusBarView.h"
+#include "ui/StatusBarView.h"
 
 #include <QApplication>
 #include <QFontDatabase>
@@ -9,7 +9,7 @@
 #include <algorithm>
 #include <cmath>
 
-#include "ConfidenceRing.h"
+#include "ui/ConfidenceRing.h"
 
 namespace velquin {
 namespace {

@@ -1,4 +1,4 @@
-#include "TrayIcon.h"
+#include "ui/TrayIcon.h"
 
 #include <QIcon>
 #include <QMenu>
@@ -7,7 +7,7 @@
 #include <algorithm>
 #include <cmath>
 
-#include "ConfidenceRing.h"
+#include "ui/ConfidenceRing.h"
 
 namespace velquin {
 

@@ -6,7 +6,7 @@
 #include <functional>
 #include <memory>
 
-#include "Reading.h"
+#include "ui/Reading.h"
 
 class QMenu;
 class QSystemTrayIcon;

@@ -1,9 +1,9 @@
 // Counts heap allocations made by this thread while the live analyzers run in their steady state.
 #include <gtest/gtest.h>
 
-#include "AllocationCounter.h"
-#include "LiveAnalysis.h"
-#include "TestSupport.h"
+#include "analysis/LiveAnalysis.h"
+#include "support/AllocationCounter.h"
+#include "support/TestSupport.h"
 
 namespace allocations = velquin::test::allocations;
 

@@ -7,7 +7,7 @@
 #include <random>
 #include <vector>
 
-#include "BlockLevel.h"
+#include "analysis/BlockLevel.h"
 
 namespace {
 

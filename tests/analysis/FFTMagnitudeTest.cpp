@@ -5,7 +5,7 @@
 #include <numbers>
 #include <vector>
 
-#include "FFTMagnitude.h"
+#include "analysis/FFTMagnitude.h"
 
 using velquin::FFTMagnitude;
 

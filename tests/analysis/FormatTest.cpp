@@ -4,7 +4,7 @@
 #include <cmath>
 #include <cstdlib>
 
-#include "Format.h"
+#include "analysis/Format.h"
 
 using velquin::format;
 

@@ -5,8 +5,8 @@
 #include <limits>
 #include <vector>
 
-#include "KeyAnalyzer.h"
-#include "TestSupport.h"
+#include "analysis/KeyAnalyzer.h"
+#include "support/TestSupport.h"
 
 using velquin::KeyAnalyzer;
 using velquin::KeyEstimate;

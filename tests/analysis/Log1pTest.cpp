@@ -8,7 +8,7 @@
 #include <limits>
 #include <vector>
 
-#include "Log1p.h"
+#include "analysis/Log1p.h"
 
 namespace {
 

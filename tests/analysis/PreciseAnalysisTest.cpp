@@ -7,11 +7,11 @@
 #include <utility>
 #include <vector>
 
-#include "KeyAnalyzer.h"
-#include "OnsetNovelty.h"
-#include "PreciseKey.h"
-#include "PreciseTempo.h"
-#include "TestSupport.h"
+#include "analysis/KeyAnalyzer.h"
+#include "analysis/OnsetNovelty.h"
+#include "analysis/PreciseKey.h"
+#include "analysis/PreciseTempo.h"
+#include "support/TestSupport.h"
 
 using velquin::BPMBounds;
 using velquin::KeyAnalyzer;

@@ -5,10 +5,9 @@
 #include <cstdlib>
 #include <vector>
 
-#include "TempoAnalyzer.h"
-#include "TestSupport.h"
+#include "analysis/TempoAnalyzer.h"
+#include "support/TestSupport.h"
 
-using velquin::BPMBounds;
 using velquin::TempoAnalyzer;
 using velquin::TempoEstimate;
 using velquin::TempoRange;
@@ -155,11 +154,4 @@ TEST(TempoAnalyzer, SilenceKeepsTheLockAndUnlockForgetsIt) {
     // Under 3 s of history: nothing.
     TempoAnalyzer fresh(48000, false);
     EXPECT_EQ(feedTicks(fresh, pulseCurve(120, 2.9)).bpm, 0.0);
-}
-
-TEST(TempoRange, RawValuesAndBounds) {
-    EXPECT_EQ(velquin::tempoRangeFromRaw("verySlow"), TempoRange::verySlow);
-    EXPECT_EQ(velquin::tempoRangeFromRaw("Slow"), std::nullopt);
-    EXPECT_EQ(velquin::rawValue(TempoRange::Auto), "auto");
-    EXPECT_EQ(velquin::bounds(TempoRange::standard), (BPMBounds{85, 170}));
 }

@@ -5,9 +5,9 @@
 #include <cstdlib>
 #include <string_view>
 
-#include "Environment.h"
-#include "Format.h"
-#include "TestSupport.h"
+#include "analysis/Format.h"
+#include "app/Environment.h"
+#include "support/TestSupport.h"
 
 namespace Environment = velquin::Environment;
 

@@ -7,8 +7,8 @@
 #include <fstream>
 #include <regex>
 
-#include "Dispatch.h"
-#include "TestSupport.h"
+#include "app/Dispatch.h"
+#include "support/TestSupport.h"
 
 using velquin::Dispatch;
 namespace test = velquin::test;
@@ -36,21 +36,6 @@ ProgramRun runVelquin(const std::string& arguments, const test::TempDir& dir,
 }
 
 }  // namespace
-
-TEST(Dispatch, FixedOrderOfTests) {
-    const auto mode = [](std::vector<std::string> args) {
-        args.insert(args.begin(), "velquin");
-        return Dispatch::from(args).mode;
-    };
-    // Every mode itself runs in the conformance and e2e suites; these are the edges.
-    EXPECT_EQ(mode({"--analyze"}), Dispatch::Mode::menuBar);  // too few arguments falls through
-    EXPECT_EQ(mode({"--chroma", "a.wav"}), Dispatch::Mode::menuBar);
-    EXPECT_EQ(mode({"-h", "a.wav", "b"}), Dispatch::Mode::help);
-    EXPECT_EQ(mode({"--Analyze", "a.wav"}), Dispatch::Mode::menuBar);  // switches are case-sensitive
-    EXPECT_EQ(mode({"bogus", "a", "b"}), Dispatch::Mode::menuBar);
-    EXPECT_EQ(Dispatch::from({"v", "--analyze", "a.wav", "slow"}).arguments,
-              (std::vector<std::string>{"a.wav", "slow"}));
-}
 
 // The file modes' outputs, and their errors on unreadable files, are checked by tests/conformance.
 TEST(FileModes, LiveRefusesWhatItCannotHonourBeforeTouchingAudio) {

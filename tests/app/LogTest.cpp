@@ -13,9 +13,9 @@
 #include <thread>
 #include <vector>
 
-#include "Log.h"
-#include "TestSupport.h"
-#include "XdgPaths.h"
+#include "app/Log.h"
+#include "support/TestSupport.h"
+#include "system/XdgPaths.h"
 
 namespace velquin {
 namespace {

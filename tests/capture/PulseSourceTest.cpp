@@ -5,10 +5,10 @@
 #include <string>
 #include <vector>
 
-#include "MicrophoneSource.h"
-#include "PulseConnection.h"
-#include "SystemAudioSource.h"
-#include "TestSupport.h"
+#include "capture/MicrophoneSource.h"
+#include "capture/PulseConnection.h"
+#include "capture/SystemAudioSource.h"
+#include "support/TestSupport.h"
 
 namespace velquin {
 namespace {

@@ -4,7 +4,7 @@
 #include <numeric>
 #include <thread>
 
-#include "SampleRing.h"
+#include "capture/SampleRing.h"
 
 using velquin::SampleRing;
 

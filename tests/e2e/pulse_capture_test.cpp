@@ -18,10 +18,10 @@
 #include <thread>
 #include <vector>
 
-#include "AllocationCounter.h"
-#include "MicrophoneSource.h"
-#include "SystemAudioSource.h"
-#include "TestSupport.h"
+#include "capture/MicrophoneSource.h"
+#include "capture/SystemAudioSource.h"
+#include "support/AllocationCounter.h"
+#include "support/TestSupport.h"
 
 namespace velquin {
 namespace {

@@ -9,10 +9,10 @@
 #include <string>
 #include <vector>
 
-#include "DesktopApp.h"
 #include "PanelHost.h"
-#include "SilentSource.h"
-#include "StatusNotifierItem.h"
+#include "panel/StatusNotifierItem.h"
+#include "support/SilentSource.h"
+#include "ui/DesktopApp.h"
 
 namespace velquin {
 namespace {

@@ -10,7 +10,7 @@
 #include <QStringList>
 #include <QVariantMap>
 
-#include "DBusTypes.h"
+#include "panel/DBusTypes.h"
 
 namespace velquin::test {
 

@@ -10,9 +10,9 @@
 #include <QTest>
 #include <QWidgetAction>
 
-#include "MenuExporter.h"
 #include "PanelHost.h"
-#include "StatusNotifierItem.h"
+#include "panel/MenuExporter.h"
+#include "panel/StatusNotifierItem.h"
 
 namespace velquin {
 namespace {

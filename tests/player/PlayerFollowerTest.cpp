@@ -11,9 +11,9 @@
 #include <fstream>
 #include <thread>
 
-#include "PlayerFollower.h"
 #include "ScriptedPlayer.h"
-#include "TestSupport.h"
+#include "player/PlayerFollower.h"
+#include "support/TestSupport.h"
 
 using namespace velquin;
 using test::ScriptedPlayer;
@@ -71,15 +71,19 @@ struct Rig {
         auto bus =
             QDBusConnection::connectToBus(test::privateBusAddress(), QString("follower-%1").arg(++serial));
         follower = std::make_unique<PlayerFollower>(
-            bus, cache, [this](auto& path, TempoRange range, auto analysis, auto stop) {
+            bus, cache,
+            [this](auto& path, TempoRange range, const FileAnalysis::FileAnalysisOptions& options) {
                 ++analyses;
                 if (std::this_thread::get_id() == interfaceThread) ++onInterfaceThread;
                 const int now = ++running;
                 for (int seen = mostAtOnce; now > seen && !mostAtOnce.compare_exchange_weak(seen, now);) {
                 }
-                auto result = analyzeTrackFile(path, range, analysis, stop);
-                --running;
-                return result;
+                // Counted down also when the analysis stops early on request, by throwing.
+                struct Done {
+                    std::atomic<int>& running;
+                    ~Done() { --running; }
+                } done{running};
+                return FileAnalysis::analyzeFile(path, range, options);
             });
         follower->onLog = [this](const QString& line) { log << line; };
         follower->start();

@@ -12,10 +12,10 @@
 #include <string>
 #include <tuple>
 
-#include "AudioPayload.h"
-#include "CheckedStream.h"
-#include "Container.h"
-#include "TestSupport.h"
+#include "scan/AudioPayload.h"
+#include "scan/CheckedStream.h"
+#include "scan/Container.h"
+#include "support/TestSupport.h"
 
 namespace velquin::scan {
 namespace {

@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 
-#include "AudioSource.h"
+#include "capture/AudioSource.h"
 
 namespace velquin::test {
 

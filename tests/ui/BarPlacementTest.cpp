@@ -5,9 +5,9 @@
 #include <QTemporaryDir>
 #include <vector>
 
-#include "BarPlacement.h"
-#include "SingleInstance.h"
 #include "UiTestSupport.h"
+#include "ui/BarPlacement.h"
+#include "ui/SingleInstance.h"
 
 namespace velquin {
 namespace {

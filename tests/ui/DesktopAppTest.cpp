@@ -23,9 +23,9 @@
 #include <thread>
 #include <vector>
 
-#include "DesktopApp.h"
-#include "SilentSource.h"
 #include "UiTestSupport.h"
+#include "support/SilentSource.h"
+#include "ui/DesktopApp.h"
 
 namespace velquin {
 namespace {
@@ -103,8 +103,9 @@ class DesktopAppTest : public ::testing::Test {
     }
 
     // A file analysis that answers `result`, or throws `error` when there is no result.
-    void analyzerAnswers(std::optional<FileAnalysisResult> result, const std::string& error = "bad file") {
-        app->drops().analyzer = [result, error](const std::string&, TempoRange, const FileJobControl&) {
+    void analyzerAnswers(std::optional<FileResult> result, const std::string& error = "bad file") {
+        app->drops().analyzer = [result, error](const std::string&, TempoRange,
+                                                const FileAnalysis::FileAnalysisOptions&) {
             if (!result) throw std::runtime_error(error);
             return *result;
         };
@@ -290,14 +291,14 @@ TEST_F(DesktopAppTest, AMissingOutputIsAWaitThenOneAlertThatCaptureComingBackClo
 
 TEST_F(DesktopAppTest, ADroppedFileShowsOnTheShelfThenInTheBarForAWhile) {
     launch();
-    analyzerAnswers(FileAnalysisResult{{120, 0.9, 0}, keyOf(9, true, 0.8)});
+    analyzerAnswers(FileResult{{120, 0.9, 0}, keyOf(9, true, 0.8)});
     app->drops().analyzeDropped(QUrl::fromLocalFile("/music/a.wav"));
     EXPECT_EQ(view().keyText, "...");
     EXPECT_EQ(view().bpmText, "");
     EXPECT_EQ(shelfLines(), (QStringList{"Listening to file\u2026", "", "a.wav"}));
     EXPECT_EQ(log.back(), "dropped: a.wav");
 
-    ASSERT_TRUE(test::waitUntil([&] { return app->fileResult().has_value(); }, 10000));
+    ASSERT_TRUE(test::waitUntil([&] { return app->shownFile().has_value(); }, 10000));
     EXPECT_EQ(shelfLines(), (QStringList{"A minor", "8A  \u00b7  120 BPM", "a.wav"}));
     EXPECT_TRUE(app->drops().shelf().isVisible());
     EXPECT_EQ(app->drops().shelf().pendingHideSeconds(), 4.0);
@@ -311,7 +312,7 @@ TEST_F(DesktopAppTest, ADroppedFileShowsOnTheShelfThenInTheBarForAWhile) {
     app->fileInBarSeconds = 0;
     app->drops().analyzeDropped(QUrl::fromLocalFile("/music/b.wav"));
     ASSERT_TRUE(
-        test::waitUntil([&] { return app->fileResult()->name == "b.wav" && !app->fileInBar(); }, 10000));
+        test::waitUntil([&] { return app->shownFile()->name == "b.wav" && !app->fileInBar(); }, 10000));
     EXPECT_FALSE(view().showingFile);
     EXPECT_TRUE(items().fileLine->isVisible());
     app->resetAll();
@@ -323,14 +324,14 @@ TEST_F(DesktopAppTest, ADroppedFileShowsOnTheShelfThenInTheBarForAWhile) {
     app->drops().analyzeDropped(QUrl::fromLocalFile("/music/broken.mp3"));
     ASSERT_TRUE(test::waitUntil([&] { return shelfLines().value(0) == "Could not read that file"; }, 10000));
     EXPECT_EQ(shelfLines(), (QStringList{"Could not read that file", "", "broken.mp3"}));
-    EXPECT_FALSE(app->fileResult());
+    EXPECT_FALSE(app->shownFile());
     EXPECT_EQ(view().bpmText, "---");
     EXPECT_TRUE(errorAlerts.empty());
 }
 
 TEST_F(DesktopAppTest, MenuAnalysisShowsAnAlertAndLeavesTheBarAlone) {
     launch();
-    analyzerAnswers(FileAnalysisResult{{120, 0.9, 0}, keyOf(9, true, 0.8)});
+    analyzerAnswers(FileResult{{120, 0.9, 0}, keyOf(9, true, 0.8)});
     app->analyzeFile();  // cancelled
     QTest::qWait(50);
     EXPECT_TRUE(fileAlerts.empty());
@@ -340,7 +341,7 @@ TEST_F(DesktopAppTest, MenuAnalysisShowsAnAlertAndLeavesTheBarAlone) {
     ASSERT_TRUE(test::waitUntil([&] { return !fileAlerts.empty(); }, 10000));
     EXPECT_EQ(fileAlerts[0].first, "song.m4a");
     EXPECT_EQ(fileAlerts[0].second, "A minor  (8A)  80% sure\n120 BPM  90% sure");
-    EXPECT_FALSE(app->fileResult());
+    EXPECT_FALSE(app->shownFile());
     EXPECT_FALSE(view().showingFile);
 
     // A file that cannot be read gets a file alert, never the capture alert.
@@ -353,7 +354,7 @@ TEST_F(DesktopAppTest, MenuAnalysisShowsAnAlertAndLeavesTheBarAlone) {
 
 TEST_F(DesktopAppTest, ADropOnTheBarLocatesItOpensTheShelfAndMeasuresTheFile) {
     launch();
-    analyzerAnswers(FileAnalysisResult{{100, 0.9, 0}, keyOf(9, true, 0.8)});
+    analyzerAnswers(FileResult{{100, 0.9, 0}, keyOf(9, true, 0.8)});
     BarWindow& bar = app->bar();
     const QRect frame = bar.frameGeometry();
     QCursor::setPos(frame.topLeft() + QPoint(12 + 5, 5));  // the bar is really 12 px right of its frame
@@ -366,8 +367,8 @@ TEST_F(DesktopAppTest, ADropOnTheBarLocatesItOpensTheShelfAndMeasuresTheFile) {
     EXPECT_TRUE(app->drops().shelf().isVisible());
     QDropEvent drop(QPointF(5, 5), Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
     test::deliver(&bar, &drop, &app->drops().dropTarget());
-    ASSERT_TRUE(test::waitUntil([&] { return app->fileResult().has_value(); }, 10000));
-    EXPECT_EQ(app->fileResult()->name, "b.ogg");
+    ASSERT_TRUE(test::waitUntil([&] { return app->shownFile().has_value(); }, 10000));
+    EXPECT_EQ(app->shownFile()->name, "b.ogg");
 }
 
 TEST_F(DesktopAppTest, TheDragWatcherShowsKeepsAndHidesTheShelf) {
@@ -495,7 +496,7 @@ TEST_F(DesktopAppTest, ShortcutsWorkWhileTheMenuIsOpen) {
         {Qt::Key_P, Qt::ControlModifier, [&] { return app->paused(); }},
         {Qt::Key_C, Qt::ControlModifier, [&] { return beeps == 1; }},
         {Qt::Key_O, Qt::ControlModifier, [&] { return picks == 1; }},
-        {Qt::Key_R, Qt::ControlModifier, [&] { return !app->fileResult(); }},
+        {Qt::Key_R, Qt::ControlModifier, [&] { return !app->shownFile(); }},
         {Qt::Key_Question, Qt::ControlModifier | Qt::ShiftModifier, [&] { return opened.size() == 1; }},
         {Qt::Key_Q, Qt::ControlModifier, [&] { return quits == 1; }},
     };
@@ -513,10 +514,11 @@ TEST_F(DesktopAppTest, ShortcutsWorkWhileTheMenuIsOpen) {
 TEST_F(DesktopAppTest, ADropKeepsItsShelfAndWorkingStateUntilTheResult) {
     launch();
     std::atomic<bool> finish = false;
-    app->drops().analyzer = [&](const std::string&, TempoRange, const FileJobControl& control) {
+    app->drops().analyzer = [&](const std::string&, TempoRange,
+                                const FileAnalysis::FileAnalysisOptions& control) {
         control.onProgress(5, 10);
         while (!finish) std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        return FileAnalysisResult{{120, 0.9, 0}, keyOf(9, true, 0.8)};
+        return FileResult{{120, 0.9, 0}, keyOf(9, true, 0.8)};
     };
     app->drops().locate(app->bar().frameGeometry());
     app->drops().analyzeDropped(QUrl::fromLocalFile("/music/long set.mp3"));
@@ -529,7 +531,7 @@ TEST_F(DesktopAppTest, ADropKeepsItsShelfAndWorkingStateUntilTheResult) {
     EXPECT_EQ(view().keyText, "...");
     EXPECT_EQ(view().bpmText, "");
     finish = true;
-    ASSERT_TRUE(test::waitUntil([&] { return app->fileResult().has_value(); }, 5000));
+    ASSERT_TRUE(test::waitUntil([&] { return app->shownFile().has_value(); }, 5000));
     EXPECT_EQ(view().keyText, "Am");
     EXPECT_EQ(app->drops().shelf().pendingHideSeconds(), 4.0);
 }
@@ -539,10 +541,11 @@ TEST_F(DesktopAppTest, PreciseFileAnalysisReachesDroppedAndPickedFilesAndIsRemem
     EXPECT_FALSE(items().preciseItem->isChecked());
     std::mutex mutex;
     std::vector<FileAnalysis::Analysis> asked;
-    app->drops().analyzer = [&](const std::string&, TempoRange, const FileJobControl& control) {
+    app->drops().analyzer = [&](const std::string&, TempoRange,
+                                const FileAnalysis::FileAnalysisOptions& control) {
         std::lock_guard lock(mutex);
         asked.push_back(control.analysis);
-        return FileAnalysisResult{{120, 0.9, 0}, keyOf(9, true, 0.8)};
+        return FileResult{{120, 0.9, 0}, keyOf(9, true, 0.8)};
     };
     const auto askedCount = [&] {
         std::lock_guard lock(mutex);
@@ -570,14 +573,15 @@ TEST_F(DesktopAppTest, PreciseFileAnalysisReachesDroppedAndPickedFilesAndIsRemem
 TEST_F(DesktopAppTest, MenuAnalysisShowsProgressAndCancelsQuickly) {
     launch();
     std::atomic<bool> returned = false;
-    app->drops().analyzer = [&](const std::string&, TempoRange, const FileJobControl& control) {
+    app->drops().analyzer = [&](const std::string&, TempoRange,
+                                const FileAnalysis::FileAnalysisOptions& control) {
         for (double done = 0; !control.stop.stop_requested(); done += 0.1) {
             control.onProgress(done, 600);
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }
         returned = true;
         throw std::runtime_error("cancelled");
-        return FileAnalysisResult{};
+        return FileResult{};
     };
     chosenFile = "/music/mix.flac";
     app->analyzeFile();

@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "DropShelf.h"
 #include "UiTestSupport.h"
+#include "ui/DropShelf.h"
 
 namespace velquin {
 namespace {

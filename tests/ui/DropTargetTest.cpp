@@ -10,10 +10,10 @@
 #include <string>
 #include <vector>
 
-#include "BarDropTarget.h"
-#include "BarWindow.h"
-#include "DropZoneView.h"
 #include "UiTestSupport.h"
+#include "ui/BarDropTarget.h"
+#include "ui/BarWindow.h"
+#include "ui/DropZoneView.h"
 
 namespace velquin {
 namespace {

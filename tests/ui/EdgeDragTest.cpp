@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "EdgeDrag.h"
+#include "ui/EdgeDrag.h"
 
 namespace velquin {
 namespace {

@@ -6,8 +6,8 @@
 #include <QWidget>
 #include <QWindow>
 
-#include "MenuPresenter.h"
 #include "UiTestSupport.h"
+#include "ui/MenuPresenter.h"
 
 namespace velquin {
 namespace {

@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "PlatformChoice.h"
+#include "ui/PlatformChoice.h"
 
 namespace velquin {
 namespace {

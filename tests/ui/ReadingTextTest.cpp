@@ -3,8 +3,8 @@
 #include <optional>
 #include <vector>
 
-#include "ReadingText.h"
 #include "UiTestSupport.h"
+#include "ui/ReadingText.h"
 
 namespace velquin {
 namespace {

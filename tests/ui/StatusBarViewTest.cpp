@@ -9,9 +9,9 @@
 #include <tuple>
 #include <vector>
 
-#include "BarWindow.h"
-#include "ConfidenceRing.h"
 #include "UiTestSupport.h"
+#include "ui/BarWindow.h"
+#include "ui/ConfidenceRing.h"
 
 namespace velquin {
 namespace {

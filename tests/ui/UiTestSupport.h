@@ -8,7 +8,7 @@
 #include <functional>
 #include <optional>
 
-#include "MusicalKey.h"
+#include "analysis/MusicalKey.h"
 
 namespace velquin::test {
 

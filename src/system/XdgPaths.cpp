@@ -1,4 +1,4 @@
-#include "XdgPaths.h"
+#include "system/XdgPaths.h"
 
 #include <pwd.h>
 #include <unistd.h>

@@ -1,9 +1,9 @@
 // Decoding over FFmpeg: demux, decode the first audio stream, convert whatever sample format the
 // decoder gives to planar float (same rate, same channels), and queue it so each read returns full chunks.
 
-#include "AudioFileReader.h"
+#include "fileanalysis/AudioFileReader.h"
 
-#include "FFmpegSupport.h"
+#include "fileanalysis/FFmpegSupport.h"
 
 #include <sys/stat.h>
 #include <algorithm>

@@ -1,6 +1,6 @@
 // One streaming routine under every whole-file operation: decode, mix to mono, feed the analyzers.
 
-#include "FileAnalysis.h"
+#include "fileanalysis/FileAnalysis.h"
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -20,16 +20,16 @@
 #include <thread>
 #include <vector>
 
-#include "AudioFileReader.h"
-#include "ChunkQueue.h"
-#include "EngineSettings.h"
-#include "Format.h"
-#include "KeyAnalyzer.h"
-#include "LiveAnalysis.h"
-#include "OutputFile.h"
-#include "PreciseKey.h"
-#include "PreciseTempo.h"
-#include "TempoAnalyzer.h"
+#include "analysis/EngineSettings.h"
+#include "analysis/Format.h"
+#include "analysis/KeyAnalyzer.h"
+#include "analysis/LiveAnalysis.h"
+#include "analysis/PreciseKey.h"
+#include "analysis/PreciseTempo.h"
+#include "analysis/TempoAnalyzer.h"
+#include "fileanalysis/AudioFileReader.h"
+#include "fileanalysis/ChunkQueue.h"
+#include "system/OutputFile.h"
 
 namespace velquin::FileAnalysis {
 
@@ -243,16 +243,6 @@ Streamed streamFile(AudioFileReader& reader, const Stream& stream, const FileAna
 }
 
 }  // namespace
-
-std::string_view rawValue(Analysis analysis) {
-    return analysis == Analysis::precise ? "precise" : "specified";
-}
-
-std::optional<Analysis> analysisFromRaw(std::string_view text) {
-    if (text == "precise") return Analysis::precise;
-    if (text == "specified") return Analysis::specified;
-    return std::nullopt;
-}
 
 FileResult analyzeReader(AudioFileReader& reader, TempoRange range, const FileAnalysisOptions& options,
                          double maximumSeconds) {

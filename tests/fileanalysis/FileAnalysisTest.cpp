@@ -7,12 +7,12 @@
 #include <string_view>
 #include <thread>
 
-#include "AudioFileReader.h"
-#include "AudioSource.h"
-#include "EngineSettings.h"
-#include "FileAnalysis.h"
-#include "Format.h"
-#include "TestSupport.h"
+#include "analysis/EngineSettings.h"
+#include "analysis/Format.h"
+#include "capture/AudioSource.h"
+#include "fileanalysis/AudioFileReader.h"
+#include "fileanalysis/FileAnalysis.h"
+#include "support/TestSupport.h"
 
 using velquin::TempoRange;
 namespace FileAnalysis = velquin::FileAnalysis;

@@ -1,4 +1,4 @@
-#include "FFmpegSupport.h"
+#include "fileanalysis/FFmpegSupport.h"
 
 #include <algorithm>
 #include <cstdio>

@@ -19,28 +19,16 @@
 #include <string_view>
 #include <vector>
 
-#include "MusicalKey.h"
-#include "TempoEstimate.h"
-#include "TempoRange.h"
+#include "analysis/FileResult.h"
+#include "analysis/MusicalKey.h"
+#include "analysis/TempoEstimate.h"
+#include "analysis/TempoRange.h"
 
 namespace velquin {
 
 class AudioFileReader;
 
 namespace FileAnalysis {
-
-struct FileResult {
-    TempoEstimate tempo;
-    KeyEstimate key;
-    double durationSeconds = 0;  // of the audio decoded
-};
-
-// Which analysis a whole file gets: `specified`, the live engine's analyzers run over the file (the
-// default everywhere); or `precise`, the slower whole-file analyzers of PreciseTempo and PreciseKey. The
-// two give different results, so whatever stores a result keeps the analysis beside it.
-enum class Analysis { specified, precise };
-std::string_view rawValue(Analysis analysis);
-std::optional<Analysis> analysisFromRaw(std::string_view text);
 
 // How the analyzers share the work: each on its own thread behind a decoder (with one core, all on the
 // calling thread), or always all on the calling thread. Both give the same results, bit for bit.
@@ -58,9 +46,6 @@ struct AnalysisCancelled : std::exception {
     const char* what() const noexcept override { return "analysis cancelled"; }
 };
 
-// Bump when results may change; cache keys include it.
-inline constexpr int kAnalysisVersion = 1;
-
 struct TimelineTick {
     double seconds = 0;
     KeyEstimate key;
@@ -74,6 +59,9 @@ struct Timeline {
 };
 
 FileResult analyzeFile(const std::string& path, TempoRange range, const FileAnalysisOptions& options = {});
+// analyzeFile, or a stand-in for it (tests); what the interface's jobs and the player's worker run.
+using Analyzer =
+    std::function<FileResult(const std::string& path, TempoRange range, const FileAnalysisOptions&)>;
 // The same on a reader already open, reading at most `maximumSeconds` of it (the fuzz target's bound).
 FileResult analyzeReader(AudioFileReader& reader, TempoRange range, const FileAnalysisOptions& options = {},
                          double maximumSeconds = std::numeric_limits<double>::infinity());

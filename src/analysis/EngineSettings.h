@@ -2,7 +2,7 @@
 // The analyzer parameters this process runs with: the shipped defaults, unless the application installs
 // others (its environment overrides) once at start, before any analysis thread exists.
 
-#include "LiveAnalysis.h"
+#include "analysis/LiveAnalysis.h"
 
 namespace velquin::EngineSettings {
 

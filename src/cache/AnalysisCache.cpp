@@ -1,4 +1,4 @@
-#include "AnalysisCache.h"
+#include "cache/AnalysisCache.h"
 
 #include <sqlite3.h>
 #include <sys/stat.h>
@@ -10,7 +10,7 @@
 #include <stdexcept>
 #include <system_error>
 
-#include "XdgPaths.h"
+#include "system/XdgPaths.h"
 
 namespace velquin {
 
@@ -148,17 +148,27 @@ std::filesystem::path asideName(const std::filesystem::path& file) {
 
 }  // namespace
 
-std::optional<AnalysisCache::Key> AnalysisCache::keyForFile(const std::string& path, int version,
-                                                            std::string range) {
+std::optional<AnalysisCache::Key> AnalysisCache::keyForFile(const std::string& path, TempoRange range,
+                                                            FileAnalysis::Analysis analysis) {
+    struct stat info {};
+    if (::stat(path.c_str(), &info) != 0) return std::nullopt;
+    return keyFromStat(path, info, range, analysis);
+}
+
+AnalysisCache::Key AnalysisCache::keyFromStat(const std::string& path, const struct stat& info,
+                                              TempoRange range, FileAnalysis::Analysis analysis) {
+    // A path that no longer resolves keeps its own spelling: its entry is then simply never found again.
     std::error_code error;
     const auto canonical = std::filesystem::canonical(path, error);
-    struct stat info {};
-    if (error || ::stat(canonical.c_str(), &info) != 0) return std::nullopt;
     const auto ns = [](const timespec& t) { return int64_t{t.tv_sec} * 1'000'000'000 + t.tv_nsec; };
-    Key key{canonical.string(), static_cast<int64_t>(info.st_size), ns(info.st_mtim), version,
-            std::move(range)};
+    Key key;
+    key.path = error ? path : canonical.string();
+    key.size = static_cast<int64_t>(info.st_size);
+    key.mtimeNs = ns(info.st_mtim);
     key.inode = static_cast<int64_t>(info.st_ino);
     key.ctimeNs = ns(info.st_ctim);
+    key.range = range;
+    key.analysis = analysis;
     return key;
 }
 
@@ -194,11 +204,19 @@ AnalysisCache::~AnalysisCache() = default;
 
 namespace {
 
+// The stored range column: the precise analysis adds "/precise", so results of the two analyses never
+// answer for each other, and entries stored before it existed still match.
+std::string rangeColumn(const AnalysisCache::Key& key) {
+    return std::string(rawValue(key.range)) +
+           (key.analysis == FileAnalysis::Analysis::precise ? "/precise" : "");
+}
+
 // Both statements take the key as their first seven parameters.
 void bindKey(sqlite3_stmt* s, const AnalysisCache::Key& key) {
     sqlite3_reset(s);
+    const std::string range = rangeColumn(key);
     sqlite3_bind_text(s, 1, key.path.data(), static_cast<int>(key.path.size()), SQLITE_TRANSIENT);
-    sqlite3_bind_text(s, 2, key.range.data(), static_cast<int>(key.range.size()), SQLITE_TRANSIENT);
+    sqlite3_bind_text(s, 2, range.data(), static_cast<int>(range.size()), SQLITE_TRANSIENT);
     sqlite3_bind_int64(s, 3, key.size);
     sqlite3_bind_int64(s, 4, key.mtimeNs);
     sqlite3_bind_int64(s, 5, key.inode);
@@ -208,12 +226,12 @@ void bindKey(sqlite3_stmt* s, const AnalysisCache::Key& key) {
 
 }  // namespace
 
-std::optional<AnalysisCache::Entry> AnalysisCache::lookup(const Key& key) const {
+std::optional<FileResult> AnalysisCache::lookup(const Key& key) const {
     std::lock_guard lock(db_->mutex);
     sqlite3_stmt* s = db_->lookup;
     bindKey(s, key);
     if (sqlite3_step(s) != SQLITE_ROW) return std::nullopt;
-    Entry entry;
+    FileResult entry;
     entry.tempo = {sqlite3_column_double(s, 0), sqlite3_column_double(s, 1), sqlite3_column_double(s, 2)};
     entry.key.key = keyFromColumn(s, 3);
     entry.key.alternative = keyFromColumn(s, 4);
@@ -226,7 +244,7 @@ std::optional<AnalysisCache::Entry> AnalysisCache::lookup(const Key& key) const 
     return entry;
 }
 
-std::optional<std::string> AnalysisCache::store(const Key& key, const Entry& entry) {
+std::optional<std::string> AnalysisCache::store(const Key& key, const FileResult& entry) {
     std::lock_guard lock(db_->mutex);
     sqlite3_stmt* s = db_->store;
     bindKey(s, key);

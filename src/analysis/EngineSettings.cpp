@@ -1,4 +1,4 @@
-#include "EngineSettings.h"
+#include "analysis/EngineSettings.h"
 
 #include <utility>
 

@@ -1,4 +1,4 @@
-#include "StandardStreams.h"
+#include "system/StandardStreams.h"
 
 #include <fcntl.h>
 #include <unistd.h>

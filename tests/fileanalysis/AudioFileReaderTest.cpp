@@ -13,9 +13,9 @@
 
 #include <unistd.h>
 
-#include "AudioFileReader.h"
-#include "Format.h"
-#include "TestSupport.h"
+#include "analysis/Format.h"
+#include "fileanalysis/AudioFileReader.h"
+#include "support/TestSupport.h"
 
 namespace velquin {
 namespace {

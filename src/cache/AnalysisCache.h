@@ -1,11 +1,13 @@
 #pragma once
 // Whole-file analysis results remembered across runs, in one SQLite database. An entry is found only
-// when the file's path, size, modification time, inode and change time, the analysis version and the
-// tempo range all match what it was stored with; a changed or replaced file simply misses and is
-// stored again.
+// when the file's path, size, modification time, inode and change time, the analysis version, the
+// tempo range and the analysis all match what it was stored with; a changed or replaced file simply
+// misses and is stored again.
 //
 // One instance may be shared by any number of threads (calls are serialised inside). The database is
 // in WAL mode, so a process killed mid-write leaves the last committed entries readable.
+
+#include <sys/stat.h>
 
 #include <cstdint>
 #include <filesystem>
@@ -13,10 +15,9 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
-#include <string_view>
 
-#include "MusicalKey.h"
-#include "TempoEstimate.h"
+#include "analysis/FileResult.h"
+#include "analysis/TempoRange.h"
 
 namespace velquin {
 
@@ -26,24 +27,21 @@ class AnalysisCache {
         std::string path;     // absolute, symlinks resolved
         int64_t size = 0;     // bytes
         int64_t mtimeNs = 0;  // modification time, nanoseconds since the epoch
-        int version = 0;      // the analysis version the result was computed with
-        std::string range;    // the tempo range's raw value ("auto", …)
         int64_t inode = 0;
-        int64_t ctimeNs = 0;  // change time, nanoseconds since the epoch
-    };
-    struct Entry {
-        TempoEstimate tempo;
-        KeyEstimate key = KeyEstimate::unknown;
-        double durationSeconds = 0;
+        int64_t ctimeNs = 0;                  // change time, nanoseconds since the epoch
+        TempoRange range = TempoRange::Auto;  // a range narrows the tempo search, so it is part of the result
+        FileAnalysis::Analysis analysis = FileAnalysis::Analysis::specified;  // never stand in for each other
+        int version = FileAnalysis::kAnalysisVersion;  // of the analysis the result was computed with
+
+        friend bool operator==(const Key&, const Key&) = default;
     };
 
-    // The key of the file at `path` as it is now; empty when it cannot be examined.
-    static std::optional<Key> keyForFile(const std::string& path, int version, std::string range);
-    // The key's `range` for a tempo range's raw value: the precise analysis adds "/precise", so results of
-    // the two analyses never answer for each other.
-    static std::string rangeField(std::string_view range, bool precise) {
-        return std::string(range) + (precise ? "/precise" : "");
-    }
+    // The key of the file at `path` as it is now (one stat); empty when it cannot be examined.
+    static std::optional<Key> keyForFile(const std::string& path, TempoRange range,
+                                         FileAnalysis::Analysis analysis);
+    // The key from what a stat of the file at `path` gave.
+    static Key keyFromStat(const std::string& path, const struct stat& info, TempoRange range,
+                           FileAnalysis::Analysis analysis);
     // $XDG_CACHE_HOME/Velquin/scan.sqlite (empty when no home is known).
     static std::filesystem::path defaultPath();
 
@@ -59,10 +57,10 @@ class AnalysisCache {
     // What the user should hear once about this cache: a damaged file moved aside. Empty when all is well.
     const std::string& notice() const { return notice_; }
 
-    std::optional<Entry> lookup(const Key& key) const;
+    std::optional<FileResult> lookup(const Key& key) const;
     // Replaces whatever was stored for the same path and range. Returns SQLite's text when the entry
     // could not be stored (a cache that cannot be written only costs time).
-    std::optional<std::string> store(const Key& key, const Entry& entry);
+    std::optional<std::string> store(const Key& key, const FileResult& entry);
 
   private:
     struct Database;

@@ -1,0 +1,32 @@
+#pragma once
+// What the analysis of a whole file gives, and which analysis gave it. Every part of the system that
+// reads, shows, caches or tags a file's result speaks of this one type.
+
+#include <optional>
+#include <string_view>
+
+#include "analysis/MusicalKey.h"
+#include "analysis/TempoEstimate.h"
+
+namespace velquin {
+
+struct FileResult {
+    TempoEstimate tempo;
+    KeyEstimate key;
+    double durationSeconds = 0;  // of the audio decoded
+};
+
+namespace FileAnalysis {
+
+// Which analysis a whole file gets: `specified`, the live engine's analyzers run over the file (the
+// default everywhere); or `precise`, the slower whole-file analyzers of PreciseTempo and PreciseKey. The
+// two give different results, so whatever stores a result keeps the analysis beside it.
+enum class Analysis { specified, precise };
+std::string_view rawValue(Analysis analysis);
+std::optional<Analysis> analysisFromRaw(std::string_view text);
+
+// Bump when results may change; cache keys include it.
+inline constexpr int kAnalysisVersion = 1;
+
+}  // namespace FileAnalysis
+}  // namespace velquin

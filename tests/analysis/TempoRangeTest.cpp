@@ -1,0 +1,19 @@
+#include <gtest/gtest.h>
+
+#include "analysis/TempoRange.h"
+
+namespace velquin {
+
+// The raw values are what the settings store: every range must come back from its own, and nothing
+// else may pass for one.
+TEST(TempoRange, EachRangeComesBackFromItsRawValueAndSpansAnOctave) {
+    for (const TempoRange range : allTempoRanges()) {
+        EXPECT_EQ(tempoRangeFromRaw(rawValue(range)), range);
+        // An octave at least, or a tempo and its double could both fall outside.
+        EXPECT_GE(bounds(range).upper, 2 * bounds(range).lower);
+    }
+    EXPECT_EQ(tempoRangeFromRaw("Slow"), std::nullopt);  // case-sensitive
+    EXPECT_EQ(tempoRangeFromRaw(""), std::nullopt);
+}
+
+}  // namespace velquin
