@@ -35,15 +35,15 @@ export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
 velquin_build "$VELQUIN_ROOT/build-asan" -DCMAKE_BUILD_TYPE=Debug -DVELQUIN_SANITIZE=ON
 run_ctest "$VELQUIN_ROOT/build-asan"
 
-echo "== ThreadSanitizer build (sample ring, service, capture sources, player follower)"
+echo "== ThreadSanitizer build (sample ring, service, capture sources, file analysis, player follower)"
 # The longest history: Qt's threads hand over through locks the detector cannot see, and the suppressions
 # can only match the access of a finished Qt thread while its stack can still be restored.
 export TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1:history_size=7:suppressions=$VELQUIN_ROOT/tests/sanitizers/tsan.supp}
 tsan="$VELQUIN_ROOT/build-tsan"
 [ -f "$tsan/build.ninja" ] ||
     cmake -S "$VELQUIN_ROOT" -B "$tsan" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DVELQUIN_TSAN=ON >/dev/null
-cmake --build "$tsan" -j "$jobs" --target capture_tests player_tests pulse_capture_test
-run_ctest "$tsan" -R '^(SampleRing|TempoService|LiveAnalysis|PulseSources|PulseMix|FileAnalysis|PlayerFollow)\.'
+cmake --build "$tsan" -j "$jobs" --target capture_tests fileanalysis_tests player_tests pulse_capture_test
+run_ctest "$tsan" -R '^(SampleRing|TempoService|PulseSources|PulseMix|FileAnalysis|PlayerFollow)\.'
 # The sources' own thread against a real server while its sinks come and go (PipeWire, as on desktops).
 VELQUIN_E2E_SERVER=pipewire bash "$VELQUIN_ROOT/tests/e2e/run-capture-e2e.sh" "$tsan/tests/pulse_capture_test" ||
     { rc=$?; [ "$rc" -eq 77 ] || status=1; }

@@ -18,7 +18,7 @@ using velquin::TempoRange;
 namespace FileAnalysis = velquin::FileAnalysis;
 namespace test = velquin::test;
 
-TEST(FileAnalysis, StreamingMatchesOneWholeAnalysisAndNeedsAFile) {
+TEST(FileAnalysis, StereoIsMixedToExactlyTheMonoAndAMissingFileIsAnError) {
     test::TempDir dir;
     auto music = test::clickTrain(96, 48000, 12);
     test::mixInto(music, test::progression({{62, 65, 69}, {58, 62, 65}, {60, 64, 67}}, 48000, 12), 0.5f);
