@@ -1,13 +1,9 @@
 #include <gtest/gtest.h>
 
-#include <QDir>
-#include <QLocalServer>
-#include <QTemporaryDir>
 #include <vector>
 
 #include "UiTestSupport.h"
 #include "ui/BarPlacement.h"
-#include "ui/SingleInstance.h"
 
 namespace velquin {
 namespace {
@@ -36,30 +32,6 @@ TEST(BarPlacement, FirstPlaceSnappingAndRememberedFractions) {
     EXPECT_EQ(barPlacement::fromRelative(barPlacement::relative({590, 404}, bar, area), bar, area),
               QPoint(590, 404));
     EXPECT_EQ(barPlacement::fromRelative(QPointF(7, -2), bar, area), QPoint(1180, 30));
-}
-
-TEST(SingleInstance, ASecondClaimAsksTheFirstToShowItself) {
-    QTemporaryDir dir;
-    const QString path = dir.filePath("velquin.socket");
-    int shown = 0;
-    SingleInstance first(path);
-    first.onShowRequest = [&] { ++shown; };
-    ASSERT_TRUE(first.claim());
-    SingleInstance second(path);
-    EXPECT_FALSE(second.claim());
-    EXPECT_TRUE(test::waitUntil([&] { return shown == 1; }, 5000));
-
-    // A socket file left by a program that is gone does not count.
-    QTemporaryDir other;
-    const QString stale = other.filePath("velquin.socket");
-    {
-        QLocalServer crashed;
-        crashed.setSocketOptions(QLocalServer::UserAccessOption);
-        ASSERT_TRUE(crashed.listen(stale));
-        crashed.close();
-    }
-    SingleInstance third(stale);
-    EXPECT_TRUE(third.claim());
 }
 
 }  // namespace
