@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
-# Mutation check of the unit tests: applies the one-line slips listed in scripts/mutants.txt to the
-# engine and capture code one at a time, rebuilds, runs the unit test programs and then the conformance
-# goldens, and counts which slips the tests catch (each line names the program that caught it). A tool to
-# run by hand after trimming or rewriting tests, not part of the test run.
+# Mutation check of the tests: applies the one-line slips listed in scripts/mutants.txt to the code one
+# at a time, rebuilds, runs the test programs of the library that holds the slip and of the libraries
+# above it (the conformance goldens and the scan's end-to-end script among them), and counts which slips
+# the tests catch (each line names the program that caught it). A tool to run by hand after trimming or
+# rewriting tests, not part of the test run.
 #   scripts/mutants.sh [LABEL-REGEX…]    (no argument: every mutant in the list)
 #   scripts/mutants.sh --check           only says which snippets no longer match (after a refactor)
 # Environment:
@@ -61,6 +62,9 @@ run_program() {
     if [ "$1" = conformance ]; then
         timeout --kill-after=5 "$2" bash "$root/tests/conformance/check.sh" "$build/velquin" \
             "$state/conformance" >>"$log" 2>&1
+    elif [ "$1" = scan_e2e ]; then
+        timeout --kill-after=5 "$2" bash "$root/tests/scan/scan-e2e.sh" "$build/velquin-scan" "$build/velquin" \
+            >>"$log" 2>&1
     else
         VELQUIN_BIN=$build/velquin timeout --kill-after=5 "$2" "$build/tests/$1" \
             --gtest_fail_fast --gtest_brief=1 >>"$log" 2>&1
@@ -75,8 +79,14 @@ run_program() {
 # golden outputs come last: they carry the output formats the unit tests leave to them.
 programs_for() {
     case $1 in
-        src/analysis/*) echo analysis_tests capture_tests app_tests conformance ;;
-        *) echo capture_tests app_tests conformance ;;
+        src/analysis/*) echo analysis_tests fileanalysis_tests capture_tests app_tests conformance ;;
+        src/fileanalysis/*) echo fileanalysis_tests app_tests conformance ;;
+        src/capture/*) echo capture_tests app_tests conformance ;;
+        src/ui/*) echo ui_tests panel_tests ;;
+        src/player/*) echo player_tests ;;
+        src/cache/*) echo cache_tests player_tests scan_e2e ;;
+        src/scan/*) echo scan_tests scan_e2e ;;
+        *) echo app_tests conformance ;;
     esac
 }
 
@@ -84,6 +94,7 @@ targets_for() {
     case $1 in
         app_tests) echo app_tests velquin ;;  # the app tests run the program itself
         conformance) echo velquin ;;
+        scan_e2e) echo velquin-scan velquin ;;
         *) echo "$1" ;;
     esac
 }
@@ -151,7 +162,9 @@ fi
 # The clean run: every program must pass before a failure can mean anything; its times set the timeout.
 echo "mutants: building and running the unmodified tests in $build"
 declare -A timeLimit
-for p in analysis_tests capture_tests app_tests conformance; do
+# Every program some selected mutant needs, each once.
+needed=$(for path in "${paths[@]}"; do programs_for "$path"; done | tr ' ' '\n' | awk 'NF && !seen[$0]++')
+for p in $needed; do
     # shellcheck disable=SC2046
     build $(targets_for $p) || die "the unmodified code does not build (see $log)"
     start=$(date +%s)
