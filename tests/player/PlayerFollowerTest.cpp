@@ -7,9 +7,11 @@
 #include <QTimer>
 #include <QUrl>
 #include <atomic>
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <thread>
+#include <vector>
 
 #include "ScriptedPlayer.h"
 #include "player/PlayerFollower.h"
@@ -123,6 +125,7 @@ TEST(PlayerFollow, ShowsThePlayingFileUntilThePlayerStops) {
         {"track B", [&] { player.play(url("b.wav"), "Song B"); }, "C 96", "Playing: Song B", 2},
         {"A again, cached", [&] { player.play(url("a minor.wav")); }, "Am 128", "Playing: a minor.wav", 2},
         {"rate", set({{"Rate", 1.05}}), "Am 134", "Playing: a minor.wav", 2},
+        {"rate 0 ignored", set({{"Rate", 0.0}}), "Am 134", "Playing: a minor.wav", 2},
         {"pause", set({{"PlaybackStatus", "Paused"}}), "live", "", 2},
         {"resume", set({{"PlaybackStatus", "Playing"}}), "Am 134", "Playing: a minor.wav", 2},
         {"http", [&] { player.play("http://example.org/a.mp3"); }, "live", "", 2},
@@ -181,6 +184,9 @@ TEST(PlayerFollow, MalformedTracksLeaveTheLiveReading) {
         {"empty file", ScriptedPlayer::metadata(url("empty.wav")), 1},
         {"missing file", ScriptedPlayer::metadata(url("absent.wav")), 1},
         {"not audio", ScriptedPlayer::metadata(url("notes.txt")), 1},
+        // Not on this machine, though the same path is.
+        {"another host's file",
+         ScriptedPlayer::metadata("file://elsewhere" + QUrl(url("a minor.wav")).path(QUrl::FullyEncoded)), 0},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
@@ -192,6 +198,7 @@ TEST(PlayerFollow, MalformedTracksLeaveTheLiveReading) {
         waitFor([&] { return rig.log.size() > logged; }, c.logLines ? 60000 : 100);
         EXPECT_EQ(rig.log.size() - logged, c.logLines) << rig.log.join('\n').toStdString();
     }
+    EXPECT_TRUE(rig.log.filter("empty.wav: empty file").size() == 1) << rig.log.join('\n').toStdString();
     // Wrong types for the words: the file is still read, named by its file name.
     QVariantMap odd = ScriptedPlayer::metadata(url("b.wav"));
     odd["xesam:title"] = QStringList{"list"};
@@ -199,6 +206,40 @@ TEST(PlayerFollow, MalformedTracksLeaveTheLiveReading) {
     player.set({{"Metadata", odd}});
     ASSERT_TRUE(rig.shows("C 96"));
     EXPECT_EQ(rig.follower->reading()->line, "Playing: b.wav");
+}
+
+// A read deaf to its cancellation (one long decoder call, say) finishes after its track was replaced: its
+// result must not pass for the new track's.
+TEST(PlayerFollow, AReadFinishingAfterItsTrackChangedIsNeverShown) {
+    ScriptedPlayer player(test::privateBusAddress(), "late");
+    std::atomic<bool> started{false}, release{false};
+    PlayerFollower follower(
+        QDBusConnection::connectToBus(test::privateBusAddress(), "follower-late"), nullptr,
+        [&](const std::string& path, TempoRange, const FileAnalysis::FileAnalysisOptions&) {
+            FileResult result;
+            result.tempo = {96, 0.9, 0.1};
+            if (path.ends_with("a minor.wav")) {
+                started = true;
+                while (!release) std::this_thread::sleep_for(std::chrono::milliseconds(2));
+                result.tempo.bpm = 128;
+            }
+            return result;
+        });
+    std::vector<double> shown;
+    follower.onReading = [&](const std::optional<PlayerReading>& reading) {
+        if (reading) shown.push_back(reading->tempo.bpm);
+    };
+    follower.start();
+    ASSERT_TRUE(waitFor([&] { return follower.watcher().players().size() == 1; }));
+    player.play(url("a minor.wav"));
+    ASSERT_TRUE(waitFor([&] { return started.load(); }));
+    player.play(url("b.wav"));
+    waitFor([] { return false; }, 300);
+    EXPECT_FALSE(follower.reading()) << "the new track is read after the old one's read returns";
+    release = true;
+    ASSERT_TRUE(waitFor([&] { return !shown.empty(); }));
+    waitFor([] { return false; }, 200);  // anything late would show by now
+    EXPECT_EQ(shown, std::vector<double>{96});
 }
 
 // 100 changes a second for a second, then a crash in the middle of an uncached read: the interface

@@ -16,6 +16,8 @@ TEST(ScanOutput, CsvAndJsonRowsEscapeOddPaths) {
     failed.analysis = FileAnalysis::Analysis::precise;
 
     EXPECT_EQ(rowLine(OutputFormat::csv, ok), "dir/x.mp3,128.00,0.500,E♭m,2A,0.250,,0.0,5.000,,specified");
+    const ScanRow lines{"two\nlines\r.mp3", std::nullopt, "x"};
+    EXPECT_EQ(rowLine(OutputFormat::csv, lines), "\"two\nlines\r.mp3\",,,,,,,,,x,specified");
     EXPECT_EQ(rowLine(OutputFormat::csv, failed),
               "\"a,\"\"b\"\"\x01\xff.wav\",,,,,,,,,Invalid data found when processing input,precise");
     EXPECT_EQ(

@@ -76,5 +76,21 @@ TEST(TagWriter, WritesKeyAndBpmIntoEveryTagFamilyAndKeepsTheRest) {
     EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), {}), 8) << "no copy left behind";
 }
 
+// A key the bar would not show is not written either; the tempo still is, and the note says why.
+TEST(TagWriter, AWeakKeyIsLeftOutAndSaysSo) {
+    test::TempDir dir;
+    const fs::path file = dir / "a.flac";
+    ASSERT_TRUE(makeAudio(file, ""));
+    KeyEstimate key = KeyEstimate::unknown;
+    key.key = MusicalKey{10, false};
+    key.confidence = 0.3;
+    const TagOutcome outcome = writeTags(file, {127.6, 0.9, 0.1}, key, {false, false});
+    EXPECT_EQ(outcome.failure, "");
+    EXPECT_EQ(outcome.notes, std::vector<std::string>{"key not written: confidence 30 %"});
+    const auto tags = propertiesOf(file);
+    EXPECT_EQ(property(tags, "INITIALKEY"), "");
+    EXPECT_EQ(property(tags, "BPM"), "128");
+}
+
 }  // namespace
 }  // namespace velquin::scan
