@@ -222,6 +222,9 @@ TEST(PlayerFollow, AReadFinishingAfterItsTrackChangedIsNeverShown) {
                 started = true;
                 while (!release) std::this_thread::sleep_for(std::chrono::milliseconds(2));
                 result.tempo.bpm = 128;
+            } else {
+                // Long enough for the old read's outcome to be taken before this one replaces it.
+                std::this_thread::sleep_for(std::chrono::milliseconds(300));
             }
             return result;
         });
