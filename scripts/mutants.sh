@@ -82,6 +82,7 @@ programs_for() {
         src/analysis/*) echo analysis_tests fileanalysis_tests capture_tests app_tests conformance ;;
         src/fileanalysis/*) echo fileanalysis_tests app_tests conformance ;;
         src/capture/*) echo capture_tests app_tests conformance ;;
+        src/system/*) echo system_tests app_tests scan_e2e ;;
         src/ui/*) echo ui_tests panel_tests ;;
         src/player/*) echo player_tests ;;
         src/cache/*) echo cache_tests player_tests scan_e2e ;;
