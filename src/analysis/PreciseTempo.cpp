@@ -114,30 +114,32 @@ double meanNearby(std::span<const double> x, std::span<const size_t> at) {
     return sum / static_cast<double>(at.size());
 }
 
-// The same contrast on tracked beats: the mid register half-way between consecutive beats against on
-// them. Beats tracked through the file follow a human drummer's drift, which blurs a fold.
-double trackedHalfBeatContrast(std::span<const double> onsets, std::span<const double> mid, double period,
-                               double tightness) {
-    const std::vector<size_t> beats = PreciseTempoAnalyzer::trackBeats(onsets, period, tightness);
+// The same contrast on tracked beats: `x` half-way between consecutive beats against on them. Beats
+// tracked through the file follow a human drummer's drift, which blurs a fold.
+double halfBeatContrast(std::span<const double> x, std::span<const size_t> beats) {
     if (beats.size() < 3) return 0;
     std::vector<size_t> halves(beats.size() - 1);
     for (size_t i = 0; i + 1 < beats.size(); ++i) halves[i] = (beats[i] + beats[i + 1]) / 2;
-    const std::span<const size_t> on(beats.data(), beats.size() - 1);
-    return std::log((meanNearby(mid, halves) + 1e-9) / (meanNearby(mid, on) + 1e-9));
+    return std::log((meanNearby(x, halves) + 1e-9) / (meanNearby(x, beats.first(beats.size() - 1)) + 1e-9));
 }
 
 // Between the slower and the faster of the octave pair of `bpm`, the faster is the beat when the mid
-// register (snare, chords) recurs half a slow period after its strongest phase, or half-way between
-// the slow beats tracked through the file.
-double octaveChecked(double bpm, std::span<const double> onsets, std::span<const float> midNovelty,
-                     size_t half, double fps, BPMBounds bounds, const PreciseTempoParameters& p) {
+// register (snare, chords) recurs half a slow period after its strongest phase, and when the mid and
+// low (kick) registers are about as strong half-way between the slow beats tracked through the file as
+// on them.
+double octaveChecked(double bpm, std::span<const double> onsets,
+                     const PreciseTempoAnalyzer::Registers& novelty, size_t half, double fps,
+                     BPMBounds bounds, const PreciseTempoParameters& p) {
     const double slow = bpm / 2 >= bounds.lower ? bpm / 2 : bpm;
     if (2 * slow > bounds.upper) return bpm;
-    const std::vector<double> mid = detrended(midNovelty, half);
+    const std::vector<double> mid = detrended(novelty[OnsetNovelty::mid], half);
+    const std::vector<double> low = detrended(novelty[OnsetNovelty::low], half);
     const double period = fps * 60.0 / slow;
+    const std::vector<size_t> beats = PreciseTempoAnalyzer::trackBeats(onsets, period, p.beatTightness);
     const double z = p.octaveBias + p.octaveTempoWeight * std::log2(slow / p.priorCentreBpm) +
                      p.octaveHalfBeatWeight * halfPeriodContrast(mid, period) +
-                     p.octaveTrackedWeight * trackedHalfBeatContrast(onsets, mid, period, p.beatTightness);
+                     p.octaveTrackedMidWeight * halfBeatContrast(mid, beats) +
+                     p.octaveTrackedLowWeight * halfBeatContrast(low, beats);
     return z > 0 ? 2 * slow : slow;
 }
 
@@ -226,8 +228,8 @@ TempoEstimate PreciseTempoAnalyzer::decide(const Registers& novelty, double fps,
         const double curvature = a - 2 * b + c;
         if (curvature < 0) offset = std::clamp(0.5 * (a - c) / curvature, -0.5, 0.5);
     }
-    const double bpm = octaveChecked(grid[best] * std::pow(step, offset), onsets, novelty[OnsetNovelty::mid],
-                                     half, fps, bounds, p);
+    const double bpm =
+        octaveChecked(grid[best] * std::pow(step, offset), onsets, novelty, half, fps, bounds, p);
     size_t at = 0;
     for (size_t g = 1; g < grid.size(); ++g)
         if (std::abs(std::log(grid[g] / bpm)) < std::abs(std::log(grid[at] / bpm))) at = g;

@@ -49,18 +49,21 @@ struct PreciseTempoParameters {
     double priorCentreBpm = 100.0;
     double priorWidthOctaves = 1.3;
     // The octave check after the search: the faster of the winner's octave pair wins when
-    //   bias + tempoWeight·log2(slower / priorCentre) + halfBeatWeight·folded + trackedWeight·tracked > 0,
+    //   bias + tempoWeight·log2(slower / priorCentre) + halfBeatWeight·folded
+    //        + trackedMidWeight·trackedMid + trackedLowWeight·trackedLow > 0,
     // `folded` the log ratio of the mid register's strength half a slower period after its strongest
-    // phase to that phase's, over the novelty folded at the slower period, and `tracked` the log ratio
-    // of the mid register half-way between beats tracked at the slower tempo to on them (a backbeat or
-    // off-beat chord as strong as the beat says the faster is the beat; the tracked beats follow a
-    // drummer's drift, which blurs the fold). Fitted by logistic regression on the labelled files whose
-    // tempo is one of the pair; on held-out halves it did a little better than the fold alone (79.4
-    // against 78.1 % Acc1), a hypothesis the hidden set has to confirm.
-    double octaveBias = 2.10;
-    double octaveTempoWeight = -5.66;
-    double octaveHalfBeatWeight = 1.59;
-    double octaveTrackedWeight = 1.23;
+    // phase to that phase's, over the novelty folded at the slower period; `trackedMid` and
+    // `trackedLow` the log ratios of the mid and low registers half-way between beats tracked at the
+    // slower tempo to on them. A backbeat, an off-beat chord or a kick between the slow beats as strong
+    // as on them says the faster is the beat; the tracked beats follow a drummer's drift, which blurs
+    // the fold. Fitted by logistic regression on the labelled files whose tempo is one of the pair; on
+    // held-out halves it did better than the fold alone (80.2 against 78.1 % Acc1), a hypothesis the
+    // hidden set has to confirm.
+    double octaveBias = 2.08;
+    double octaveTempoWeight = -5.58;
+    double octaveHalfBeatWeight = 1.67;
+    double octaveTrackedMidWeight = 0.50;
+    double octaveTrackedLowWeight = 0.92;
     // Tightness of the beat tracker behind `tracked`: an interval's cost is tightness·log²(interval /
     // period), about 1 at 10 % off the period at 100, the usual setting of dynamic-programming trackers
     // (not fitted).
@@ -70,8 +73,8 @@ struct PreciseTempoParameters {
     // Confidence = 1 / (1 + exp(−(a + b·margin))), margin the log-score lead over the best rival
     // outside ±4 % of the winner (fitted by logistic regression on the labelled set's 127 tempo files:
     // a reading of 80 % was right 80 % of the time there).
-    double confidenceOffset = 1.03;
-    double confidenceSlope = 1.01;
+    double confidenceOffset = 1.21;
+    double confidenceSlope = 0.81;
     // Below this RMS the file is silence: no tempo.
     double silenceFloor = 0.002;
     // No rhythmic evidence, no tempo: when the whole novelty's mean rise over its local mean is below
