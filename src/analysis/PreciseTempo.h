@@ -7,9 +7,10 @@
 //     harmonics).
 // Their product is high only where both agree, at the beat itself, which is what removes most octave and
 // ⅔ errors (the product form follows the usual template-based tempo methods). A broad log-normal prior
-// breaks what remains, and an octave check reads the mid register's backbeat to choose between the
-// winner's octave pair. The confidence is the product's margin over the best rival tempo, mapped to a
-// probability by a logistic curve fitted on labelled music.
+// breaks what remains, and an octave check reads the backbeat and the off-beat kicks, between beats
+// tracked through the file, to choose between the winner's octave pair. The confidence is the
+// product's margin over the best rival tempo, mapped to a probability by a logistic curve fitted on
+// labelled music.
 //
 // Not thread-safe. Memory is bounded by OnsetNovelty's kept curve.
 
