@@ -99,15 +99,47 @@ double halfPeriodContrast(std::span<const double> d, double period) {
     return std::log((half + 1e-9) / (profile[peak] + 1e-9));
 }
 
+// The mean over `at` of each frame's largest value within ±2 frames (a tracked beat may land a frame
+// or two off the onset).
+double meanNearby(std::span<const double> x, std::span<const size_t> at) {
+    if (at.empty() || x.empty()) return 0;
+    double sum = 0;
+    for (const size_t i : at) {
+        const size_t lo = i >= 2 ? i - 2 : 0;
+        const size_t hi = std::min(x.size(), i + 3);
+        sum += lo < hi ? *std::max_element(x.begin() + static_cast<std::ptrdiff_t>(lo),
+                                           x.begin() + static_cast<std::ptrdiff_t>(hi))
+                       : 0.0;
+    }
+    return sum / static_cast<double>(at.size());
+}
+
+// The same contrast on tracked beats: `x` half-way between consecutive beats against on them. Beats
+// tracked through the file follow a human drummer's drift, which blurs a fold.
+double halfBeatContrast(std::span<const double> x, std::span<const size_t> beats) {
+    if (beats.size() < 3) return 0;
+    std::vector<size_t> halves(beats.size() - 1);
+    for (size_t i = 0; i + 1 < beats.size(); ++i) halves[i] = (beats[i] + beats[i + 1]) / 2;
+    return std::log((meanNearby(x, halves) + 1e-9) / (meanNearby(x, beats.first(beats.size() - 1)) + 1e-9));
+}
+
 // Between the slower and the faster of the octave pair of `bpm`, the faster is the beat when the mid
-// register (snare, chords) recurs half a slow period after its strongest phase.
-double octaveChecked(double bpm, std::span<const float> midNovelty, size_t half, double fps, BPMBounds bounds,
-                     const PreciseTempoParameters& p) {
+// register (snare, chords) recurs half a slow period after its strongest phase, and when the mid and
+// low (kick) registers are about as strong half-way between the slow beats tracked through the file as
+// on them.
+double octaveChecked(double bpm, std::span<const double> onsets,
+                     const PreciseTempoAnalyzer::Registers& novelty, size_t half, double fps,
+                     BPMBounds bounds, const PreciseTempoParameters& p) {
     const double slow = bpm / 2 >= bounds.lower ? bpm / 2 : bpm;
     if (2 * slow > bounds.upper) return bpm;
-    const std::vector<double> mid = detrended(midNovelty, half);
+    const std::vector<double> mid = detrended(novelty[OnsetNovelty::mid], half);
+    const std::vector<double> low = detrended(novelty[OnsetNovelty::low], half);
+    const double period = fps * 60.0 / slow;
+    const std::vector<size_t> beats = PreciseTempoAnalyzer::trackBeats(onsets, period, p.beatTightness);
     const double z = p.octaveBias + p.octaveTempoWeight * std::log2(slow / p.priorCentreBpm) +
-                     p.octaveHalfBeatWeight * halfPeriodContrast(mid, fps * 60.0 / slow);
+                     p.octaveHalfBeatWeight * halfPeriodContrast(mid, period) +
+                     p.octaveTrackedMidWeight * halfBeatContrast(mid, beats) +
+                     p.octaveTrackedLowWeight * halfBeatContrast(low, beats);
     return z > 0 ? 2 * slow : slow;
 }
 
@@ -197,7 +229,7 @@ TempoEstimate PreciseTempoAnalyzer::decide(const Registers& novelty, double fps,
         if (curvature < 0) offset = std::clamp(0.5 * (a - c) / curvature, -0.5, 0.5);
     }
     const double bpm =
-        octaveChecked(grid[best] * std::pow(step, offset), novelty[OnsetNovelty::mid], half, fps, bounds, p);
+        octaveChecked(grid[best] * std::pow(step, offset), onsets, novelty, half, fps, bounds, p);
     size_t at = 0;
     for (size_t g = 1; g < grid.size(); ++g)
         if (std::abs(std::log(grid[g] / bpm)) < std::abs(std::log(grid[at] / bpm))) at = g;
@@ -212,6 +244,47 @@ TempoEstimate PreciseTempoAnalyzer::decide(const Registers& novelty, double fps,
         std::min(1.0, (periodicity - p.periodicityFloor) / (p.periodicityFull - p.periodicityFloor));
     const double confidence = 1.0 / (1.0 + std::exp(-(p.confidenceOffset + p.confidenceSlope * margin)));
     return {bpm, evidence * confidence, 0};
+}
+
+std::vector<size_t> PreciseTempoAnalyzer::trackBeats(std::span<const double> onsets, double period,
+                                                     double tightness) {
+    const size_t n = onsets.size();
+    if (!(period >= 2) || n == 0) return {};
+    const auto shortest = static_cast<size_t>(std::lround(period / 2));
+    const auto longest = static_cast<size_t>(std::lround(2 * period));
+    // The transition cost of every beat-to-beat interval: 0 at the period, growing with the square of
+    // its log ratio to it.
+    std::vector<double> cost(longest + 1, 0.0);
+    for (size_t d = shortest; d <= longest; ++d) {
+        const double r = std::log(static_cast<double>(d) / period);
+        cost[d] = tightness * r * r;
+    }
+    std::vector<double> total(onsets.begin(), onsets.end());
+    std::vector<int64_t> previous(n, -1);
+    for (size_t t = shortest; t < n; ++t) {
+        double bestValue = 0;
+        int64_t bestFrom = -1;
+        for (size_t d = shortest; d <= std::min(longest, t); ++d) {
+            const double v = total[t - d] - cost[d];
+            if (v > bestValue) {
+                bestValue = v;
+                bestFrom = static_cast<int64_t>(t - d);
+            }
+        }
+        if (bestFrom >= 0) {
+            total[t] = onsets[t] + bestValue;
+            previous[t] = bestFrom;
+        }
+    }
+    // The last beat is the best ending within the final period; the others follow back from it.
+    const size_t tailStart = n - std::min(n, static_cast<size_t>(period));
+    auto last = static_cast<int64_t>(
+        std::max_element(total.begin() + static_cast<std::ptrdiff_t>(tailStart), total.end()) -
+        total.begin());
+    std::vector<size_t> beats;
+    for (; last >= 0; last = previous[static_cast<size_t>(last)]) beats.push_back(static_cast<size_t>(last));
+    std::reverse(beats.begin(), beats.end());
+    return beats;
 }
 
 }  // namespace velquin

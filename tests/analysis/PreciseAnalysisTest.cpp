@@ -136,6 +136,32 @@ TEST(PreciseTempo, NoTempoFromSilenceOrTooLittleAudio) {
     EXPECT_TRUE(within(slow, 60)) << slow;
 }
 
+TEST(PreciseTempo, TrackedBeatsFollowADriftingTempoAndBridgeAMissingOnset) {
+    // Onsets whose interval drifts from 50 to 60 frames (a slowing drummer), with one left out and a
+    // weaker off-beat between each pair: the beats land on the onsets, one in the gap, none off-beat.
+    std::vector<double> onsets(3000, 0.0);
+    std::vector<size_t> truth;
+    for (double at = 20, interval = 50; at < 2950; at += interval, interval = std::min(60.0, interval + 0.2))
+        truth.push_back(static_cast<size_t>(at));
+    for (size_t i = 0; i < truth.size(); ++i) {
+        if (i != 20) onsets[truth[i]] = 1.0;
+        if (i + 1 < truth.size()) onsets[(truth[i] + truth[i + 1]) / 2] = 0.4;
+    }
+    const std::vector<size_t> beats = PreciseTempoAnalyzer::trackBeats(onsets, 55.0, 100.0);
+    ASSERT_EQ(beats.size(), truth.size());
+    for (size_t i = 0; i < truth.size(); ++i) {
+        if (i == 20)
+            EXPECT_NEAR(static_cast<double>(beats[i]), static_cast<double>(truth[i]), 6.0);
+        else
+            EXPECT_EQ(beats[i], truth[i]) << "beat " << i;
+    }
+    // Nothing to follow, or no sensible period: no beats, and no reading past the curve's end.
+    EXPECT_TRUE(PreciseTempoAnalyzer::trackBeats({}, 50.0, 100.0).empty());
+    EXPECT_TRUE(PreciseTempoAnalyzer::trackBeats(onsets, 0.5, 100.0).empty());
+    const std::vector<double> shortCurve(30, 0.0);
+    for (const size_t b : PreciseTempoAnalyzer::trackBeats(shortCurve, 55.0, 100.0)) EXPECT_LT(b, 30u);
+}
+
 // Signals without music: a DC offset, a steady tone (with an offset under it), and white noise loud and
 // quiet, `seconds` long at 44.1 kHz.
 std::vector<std::vector<float>> withoutMusic(double seconds) {
