@@ -85,11 +85,14 @@ std::optional<std::string> KeyEstimate::shortText(bool camelot, RelativePreferen
     if (!keys) return std::nullopt;
     const auto text = [camelot](const MusicalKey& k) { return camelot ? k.camelot() : k.shortName(); };
     std::string result = text(keys->first);
-    if (keys->second) result += "/" + text(*keys->second);
+    if (keys->second) {
+        result += '/';
+        result += text(*keys->second);
+    }
     return result;
 }
 
-std::string_view rawValue(KeyEstimate::RelativePreference preference) {
+std::string_view textName(KeyEstimate::RelativePreference preference) {
     switch (preference) {
         case KeyEstimate::RelativePreference::both:
             return "both";
