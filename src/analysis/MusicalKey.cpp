@@ -104,9 +104,9 @@ std::string_view textName(KeyEstimate::RelativePreference preference) {
     return "both";
 }
 
-std::optional<KeyEstimate::RelativePreference> relativePreferenceFromRaw(std::string_view raw) {
+std::optional<KeyEstimate::RelativePreference> relativePreferenceFromTextName(std::string_view name) {
     for (auto preference : allRelativePreferences())
-        if (rawValue(preference) == raw) return preference;
+        if (textName(preference) == name) return preference;
     return std::nullopt;
 }
 

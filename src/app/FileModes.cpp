@@ -64,7 +64,7 @@ std::string resultLine(const TempoEstimate& tempo, const KeyEstimate& key) {
     std::string keyText = "no key";
     if (key.key) {
         const std::string alternative = key.alternative ? " or " + key.alternative->shortName() : "";
-        keyText = format("%-4@ %-4@ (%3.0f%%)%@  tuning %+5.1f cents", key.key->shortName(),
+        keyText = format("%-4s %-4s (%3.0f%%)%s  tuning %+5.1f cents", key.key->shortName(),
                          key.key->camelot(), key.confidence * 100, alternative, key.tuningCents);
     }
     return tempoText + "  " + keyText;
@@ -74,7 +74,7 @@ int analyze(const std::vector<std::string>& arguments, std::FILE* out, std::FILE
     return guarded(err, [&] {
         const std::string& path = arguments.at(0);
         TempoRange range = TempoRange::Auto;
-        if (arguments.size() > 1) range = tempoRangeFromRaw(arguments[1]).value_or(TempoRange::Auto);
+        if (arguments.size() > 1) range = tempoRangeFromTextName(arguments[1]).value_or(TempoRange::Auto);
         FileAnalysis::FileAnalysisOptions options;
         if (precise) options.analysis = FileAnalysis::Analysis::precise;
         const auto result = FileAnalysis::analyzeFile(path, range, options);
@@ -92,7 +92,7 @@ int timeline(const std::vector<std::string>& arguments, std::FILE* out, std::FIL
             const std::string keyText = shortKeyText(tick.key);
             const std::string shown = tick.key.key && tick.key.confidence >= 0.35 ? keyText : "-";
             const std::string bpm = tick.tempo.bpm > 0 ? format("%.1f", tick.tempo.bpm) : "-";
-            text += format("%4.0f  %-5@ %3.0f%%  shown:%@  bpm:%@ %3.0f%%", tick.seconds, keyText,
+            text += format("%4.0f  %-5s %3.0f%%  shown:%s  bpm:%s %3.0f%%", tick.seconds, keyText,
                            tick.key.confidence * 100, shown, bpm, tick.tempo.confidence * 100);
             text += '\n';
         }

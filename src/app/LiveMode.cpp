@@ -28,7 +28,8 @@ namespace velquin::LiveMode {
 
 namespace {
 
-// The Part's limit: the duration is printed as a 64-bit integer.
+// Durations from 9.2e18 seconds up are refused: the duration is printed as a 64-bit integer, which
+// holds at most about 9.22e18.
 constexpr double kLongestDuration = 9.2e18;
 
 // The recording's container and sample format, from its extension. FLAC holds integers only.
@@ -180,7 +181,7 @@ double secondsNow() {
 std::string readingLine(const TempoEstimate& tempo, const KeyEstimate& key) {
     const std::string tempoText = tempo.bpm > 0 ? format("%6.2f", tempo.bpm) : "  ----";
     const std::string keyText = key.key ? key.key->shortName() + " " + key.key->camelot() : "--";
-    return format("%@ BPM (%3.0f%%)   key %-8@ (%3.0f%%)   level %.4f", tempoText, tempo.confidence * 100,
+    return format("%s BPM (%3.0f%%)   key %-8s (%3.0f%%)   level %.4f", tempoText, tempo.confidence * 100,
                   keyText, key.confidence * 100, tempo.level);
 }
 

@@ -29,7 +29,7 @@ int main(int argc, char** argv) {
             return FileModes::chroma(dispatch.arguments, stdout, stderr);
         case Dispatch::Mode::live:
             return LiveMode::run(argc, argv, dispatch.arguments);
-        case Dispatch::Mode::menuBar:
+        case Dispatch::Mode::panel:
             break;
     }
     return runDesktopApp(argc, argv, [](std::string_view line) { Log::write(line); },

@@ -4,13 +4,13 @@
 
 namespace velquin {
 
-std::string_view rawValue(AudioSourceKind kind) {
+std::string_view textName(AudioSourceKind kind) {
     return kind == AudioSourceKind::microphone ? "microphone" : "systemAudio";
 }
 
-std::optional<AudioSourceKind> audioSourceKindFromRaw(std::string_view raw) {
-    if (raw == "systemAudio") return AudioSourceKind::systemAudio;
-    if (raw == "microphone") return AudioSourceKind::microphone;
+std::optional<AudioSourceKind> audioSourceKindFromTextName(std::string_view name) {
+    if (name == "systemAudio") return AudioSourceKind::systemAudio;
+    if (name == "microphone") return AudioSourceKind::microphone;
     return std::nullopt;
 }
 

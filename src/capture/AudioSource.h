@@ -12,9 +12,9 @@ namespace velquin {
 
 enum class AudioSourceKind { systemAudio, microphone };
 
-std::string_view rawValue(AudioSourceKind kind);                              // "systemAudio", "microphone"
-std::optional<AudioSourceKind> audioSourceKindFromRaw(std::string_view raw);  // case-sensitive
-std::string_view displayName(AudioSourceKind kind);                           // "System Audio", "Microphone"
+std::string_view textName(AudioSourceKind kind);  // "systemAudio", "microphone"
+std::optional<AudioSourceKind> audioSourceKindFromTextName(std::string_view name);  // case-sensitive
+std::string_view displayName(AudioSourceKind kind);  // "System Audio", "Microphone"
 
 // A capture failure; `what()` is the exact text the user sees.
 class AudioSourceError : public std::runtime_error {

@@ -244,11 +244,11 @@ Streamed streamFile(AudioFileReader& reader, const Stream& stream, const FileAna
 
 }  // namespace
 
-std::string_view rawValue(Analysis analysis) {
+std::string_view textName(Analysis analysis) {
     return analysis == Analysis::precise ? "precise" : "specified";
 }
 
-std::optional<Analysis> analysisFromRaw(std::string_view text) {
+std::optional<Analysis> analysisFromTextName(std::string_view text) {
     if (text == "precise") return Analysis::precise;
     if (text == "specified") return Analysis::specified;
     return std::nullopt;

@@ -39,8 +39,8 @@ struct FileResult {
 // default everywhere); or `precise`, the slower whole-file analyzers of PreciseTempo and PreciseKey. The
 // two give different results, so whatever stores a result keeps the analysis beside it.
 enum class Analysis { specified, precise };
-std::string_view rawValue(Analysis analysis);
-std::optional<Analysis> analysisFromRaw(std::string_view text);
+std::string_view textName(Analysis analysis);
+std::optional<Analysis> analysisFromTextName(std::string_view text);
 
 // How the analyzers share the work: each on its own thread behind a decoder (with one core, all on the
 // calling thread), or always all on the calling thread. Both give the same results, bit for bit.

@@ -27,7 +27,7 @@ class AnalysisCache {
         int64_t size = 0;     // bytes
         int64_t mtimeNs = 0;  // modification time, nanoseconds since the epoch
         int version = 0;      // the analysis version the result was computed with
-        std::string range;    // the tempo range's raw value ("auto", …)
+        std::string range;    // the tempo range's text name ("auto", …)
         int64_t inode = 0;
         int64_t ctimeNs = 0;  // change time, nanoseconds since the epoch
     };
@@ -39,7 +39,7 @@ class AnalysisCache {
 
     // The key of the file at `path` as it is now; empty when it cannot be examined.
     static std::optional<Key> keyForFile(const std::string& path, int version, std::string range);
-    // The key's `range` for a tempo range's raw value: the precise analysis adds "/precise", so results of
+    // The key's `range` for a tempo range's text name: the precise analysis adds "/precise", so results of
     // the two analyses never answer for each other.
     static std::string rangeField(std::string_view range, bool precise) {
         return std::string(range) + (precise ? "/precise" : "");

@@ -10,7 +10,7 @@ namespace velquin {
 namespace {
 
 std::string rangeField(const TrackCacheKey& key) {
-    return AnalysisCache::rangeField(rawValue(key.range), key.analysis == FileAnalysis::Analysis::precise);
+    return AnalysisCache::rangeField(textName(key.range), key.analysis == FileAnalysis::Analysis::precise);
 }
 
 }  // namespace

@@ -51,7 +51,7 @@ void Progress::update(size_t done, size_t total, const std::string& current, boo
     std::string bar = "[" + std::string(static_cast<size_t>(filled), '#') +
                       std::string(static_cast<size_t>(kBarWidth - filled), '-') + "]";
     std::string line =
-        format("%@ %zu/%zu  %@ elapsed, %@ left  ", bar, done, total, clockText(elapsed), left);
+        format("%s %zu/%zu  %s elapsed, %s left  ", bar, done, total, clockText(elapsed), left);
     const size_t width = terminalWidth(stream_) - 1;  // the last column would wrap on some terminals
     if (characterCount(line) < width) line += tail(shownText(current), width - characterCount(line));
     std::fprintf(stream_, "\r\033[K%s", line.c_str());

@@ -9,7 +9,7 @@ int analysisVersion() {
 }
 
 std::string cacheRange(TempoRange range, FileAnalysis::Analysis analysis) {
-    return AnalysisCache::rangeField(rawValue(range), analysis == FileAnalysis::Analysis::precise);
+    return AnalysisCache::rangeField(textName(range), analysis == FileAnalysis::Analysis::precise);
 }
 
 AnalysisCache::Entry analyzeFile(const std::string& path, TempoRange range, FileAnalysis::Analysis analysis,

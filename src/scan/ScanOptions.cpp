@@ -95,12 +95,12 @@ ParsedOptions parseOptions(const std::vector<std::string>& arguments, int defaul
             options.jobs = *jobs;
         } else if (argument == "--range") {
             const auto text = value();
-            const auto range = text ? tempoRangeFromRaw(*text) : std::nullopt;
+            const auto range = text ? tempoRangeFromTextName(*text) : std::nullopt;
             if (!range) return fail("--range needs one of auto, verySlow, slow, standard, fast");
             options.range = *range;
         } else if (argument == "--analysis") {
             const auto text = value();
-            const auto analysis = text ? FileAnalysis::analysisFromRaw(*text) : std::nullopt;
+            const auto analysis = text ? FileAnalysis::analysisFromTextName(*text) : std::nullopt;
             if (!analysis) return fail("--analysis needs one of specified, precise");
             options.analysis = *analysis;
         } else if (argument == "--format") {

@@ -42,7 +42,7 @@ std::vector<Field> fieldsOf(const ScanRow& row) {
         number(ifKey("%.1f", r ? r->key.tuningCents : 0)),
         number(r ? std::optional(format("%.3f", r->durationSeconds)) : std::nullopt),
         text(row.error.empty() ? std::nullopt : std::optional(row.error)),
-        text(std::string(FileAnalysis::rawValue(row.analysis))),
+        text(std::string(FileAnalysis::textName(row.analysis))),
     };
 }
 

@@ -105,7 +105,7 @@ void DesktopApp::installQuitShortcuts() {
         return action;
     };
     barQuitAction_ = quitAction(*bar_);
-    shelfQuitAction_ = quitAction(drops_.shelf().panel());
+    shelfQuitAction_ = quitAction(drops_.shelf().window());
 }
 
 void DesktopApp::launch() {

@@ -61,8 +61,8 @@ bool DropCoordinator::watchDrags() {
         dragMonitor_.reset();
         return false;
     }
-    monitor->onLeftMouseUp = [this] { leftMouseUp(); };
-    monitor->onLeftMouseDragged = [this](const QPoint& m) { leftMouseDragged(m); };
+    monitor->onPointerReleased = [this] { pointerReleased(); };
+    monitor->onPointerDragged = [this](const QPoint& m) { pointerDragged(m); };
     dragMonitor_ = std::move(monitor);
     return true;
 }
@@ -117,12 +117,12 @@ void DropCoordinator::showShelf(std::optional<QRect> under) {
     shelf_.show(*under);
 }
 
-void DropCoordinator::leftMouseUp() {
+void DropCoordinator::pointerReleased() {
     // The release that ended a drop is often seen only after the drop started the analysis.
     if (shelf_.isVisible() && !isBusy()) shelf_.scheduleHide(afterRelease);
 }
 
-void DropCoordinator::leftMouseDragged(const QPoint& m) {
+void DropCoordinator::pointerDragged(const QPoint& m) {
     QScreen* screen = QGuiApplication::screenAt(m);
     if (!screen) screen = QGuiApplication::primaryScreen();
     if (!screen) return;

@@ -50,8 +50,8 @@ class DropCoordinator : public QObject {
     std::optional<QRect> knownItemFrame() const;
     // Where the bar was really found on screen (global, logical pixels).
     void locate(const QRect& r);
-    void leftMouseUp();
-    void leftMouseDragged(const QPoint& m);
+    void pointerReleased();
+    void pointerDragged(const QPoint& m);
 
     // A dropped file is being analysed.
     bool isBusy() const { return busy_ > 0; }

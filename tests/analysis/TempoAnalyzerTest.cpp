@@ -158,8 +158,8 @@ TEST(TempoAnalyzer, SilenceKeepsTheLockAndUnlockForgetsIt) {
 }
 
 TEST(TempoRange, RawValuesAndBounds) {
-    EXPECT_EQ(velquin::tempoRangeFromRaw("verySlow"), TempoRange::verySlow);
-    EXPECT_EQ(velquin::tempoRangeFromRaw("Slow"), std::nullopt);
-    EXPECT_EQ(velquin::rawValue(TempoRange::Auto), "auto");
+    EXPECT_EQ(velquin::tempoRangeFromTextName("verySlow"), TempoRange::verySlow);
+    EXPECT_EQ(velquin::tempoRangeFromTextName("Slow"), std::nullopt);
+    EXPECT_EQ(velquin::textName(TempoRange::Auto), "auto");
     EXPECT_EQ(velquin::bounds(TempoRange::standard), (BPMBounds{85, 170}));
 }

@@ -62,9 +62,9 @@ TEST(FileAnalysis, PreciseAnalysisIsItsOwnAndLeavesTheOtherAlone) {
     EXPECT_EQ(before.tempo.bpm, after.tempo.bpm);
     EXPECT_EQ(before.key.confidence, after.key.confidence);
 
-    EXPECT_EQ(FileAnalysis::rawValue(FileAnalysis::Analysis::precise), "precise");
-    EXPECT_EQ(FileAnalysis::analysisFromRaw("specified"), FileAnalysis::Analysis::specified);
-    EXPECT_FALSE(FileAnalysis::analysisFromRaw("Precise"));
+    EXPECT_EQ(FileAnalysis::textName(FileAnalysis::Analysis::precise), "precise");
+    EXPECT_EQ(FileAnalysis::analysisFromTextName("specified"), FileAnalysis::Analysis::specified);
+    EXPECT_FALSE(FileAnalysis::analysisFromTextName("Precise"));
 }
 
 TEST(FileAnalysis, ThreadedAndSequentialAgreeBitForBit) {
@@ -100,7 +100,7 @@ TEST(FileAnalysis, ThreadedAndSequentialAgreeBitForBit) {
             debug.clear();
             for (const TempoRange range : {TempoRange::Auto, TempoRange::slow}) {
                 const auto r = FileAnalysis::analyzeFile(path, range, options);
-                out += velquin::format("%a %a %a %a %@|", r.tempo.bpm, r.tempo.confidence, r.key.confidence,
+                out += velquin::format("%a %a %a %a %s|", r.tempo.bpm, r.tempo.confidence, r.key.confidence,
                                        r.key.tuningCents, r.key.key ? r.key.key->shortName() : "-");
             }
             const auto timeline = FileAnalysis::keyTimeline(path, 1.0, options);

@@ -375,25 +375,25 @@ TEST_F(DesktopAppTest, TheDragWatcherShowsKeepsAndHidesTheShelf) {
     DropCoordinator& drops = app->drops();
     DropShelf& shelf = drops.shelf();
     const QRect screen = QGuiApplication::primaryScreen()->geometry();
-    drops.showShelf(std::nullopt);                              // unknown bar: nothing to show under
-    drops.leftMouseDragged(screen.topLeft() + QPoint(10, 10));  // left of the top band
+    drops.showShelf(std::nullopt);                            // unknown bar: nothing to show under
+    drops.pointerDragged(screen.topLeft() + QPoint(10, 10));  // left of the top band
     EXPECT_FALSE(shelf.isVisible());
 
     // In the top band: under a rectangle guessed around the pointer. Then each move's effect on the hide.
     const QPoint m(screen.x() + screen.width() / 2, screen.top() + 10);
-    drops.leftMouseDragged(m);
+    drops.pointerDragged(m);
     ASSERT_TRUE(shelf.isVisible());
-    EXPECT_EQ(shelf.panel().pos(), QPoint(m.x() - 150, screen.top() + 24 + 6));
+    EXPECT_EQ(shelf.window().pos(), QPoint(m.x() - 150, screen.top() + 24 + 6));
     const std::vector<std::pair<QPoint, std::optional<double>>> moves = {
         {{m.x(), screen.top() + 24 + 150}, std::nullopt},  // on the shelf
         {{m.x(), screen.top() + 24 + 230}, 0.6},           // below it
         {{m.x() + 100, screen.top() + 24 + 100}, std::nullopt},
     };
     for (const auto& [point, hide] : moves) {
-        drops.leftMouseDragged(point);
+        drops.pointerDragged(point);
         EXPECT_EQ(shelf.pendingHideSeconds(), hide);
     }
-    drops.leftMouseUp();
+    drops.pointerReleased();
     EXPECT_EQ(shelf.pendingHideSeconds(), 0.5);
 }
 
@@ -520,7 +520,7 @@ TEST_F(DesktopAppTest, ADropKeepsItsShelfAndWorkingStateUntilTheResult) {
     };
     app->drops().locate(app->bar().frameGeometry());
     app->drops().analyzeDropped(QUrl::fromLocalFile("/music/long set.mp3"));
-    app->drops().leftMouseUp();  // the drag's release, seen after the drop
+    app->drops().pointerReleased();  // the drag's release, seen after the drop
     app->render({90, 0.9, 0}, keyOf(0, false, 0.9));
     ASSERT_TRUE(test::waitUntil([&] { return shelfLines().value(1) == "0:05 of 0:10"; }, 5000));
     QTest::qWait(700);
