@@ -197,7 +197,7 @@ void KeyAnalyzer::addFrame() {
     frames_.push_back(chroma);
     bassFrames_.push_back(bassPc);
     midFrames_.push_back(mid);
-    if (dumpFrames) dumped_.push_back({samplesFed_ / sampleRate_, chroma, mid, bassPc});
+    if (dumpFrames_) dumped_.push_back({samplesFed_ / sampleRate_, chroma, mid, bassPc});
     if (!offline_) {
         const size_t limit = maxFrames();
         frames_.keepLast(limit);

@@ -173,7 +173,7 @@ int64_t streamPrecise(AudioFileReader& reader, BPMBounds bounds, const FileAnaly
     const AnalyzerParameters& parameters = EngineSettings::parameters();
     PreciseTempoAnalyzer tempo(rate);
     KeyAnalyzer key(rate, true, parameters.key);
-    key.dumpFrames = true;  // the precise key takes every frame as it comes
+    key.setDumpFrames(true);  // the precise key takes every frame as it comes
     PreciseKey::Accumulator frames;
     std::vector<Consumer> consumers;
     consumers.push_back({[&](std::span<const float> block) { tempo.append(block); },
@@ -290,7 +290,7 @@ void dumpChroma(const std::string& inputPath, const std::string& outputPath,
                 const FileAnalysisOptions& options) {
     AudioFileReader reader(inputPath);
     KeyAnalyzer analyzer(reader.sampleRate(), true, EngineSettings::parameters().key);
-    analyzer.dumpFrames = true;
+    analyzer.setDumpFrames(true);
     Stream stream;
     stream.withTempo = false;  // the dump is the key analyzer's alone
     stream.keyAnalyzer = &analyzer;

@@ -344,4 +344,8 @@ void Capture::readCallback(pa_stream* stream, size_t, void* userdata) {
     if (self->mixer_.read(stream, self->channels_, self->owner_.onSamples)) self->lastAudible_ = Clock::now();
 }
 
+void CaptureSource::start() {
+    if (const int error = capture_.start()) throw AudioSourceError::serverUnreachable(error, kind_);
+}
+
 }  // namespace velquin::pulse

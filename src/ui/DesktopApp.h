@@ -136,7 +136,6 @@ class DesktopApp : public QObject {
     ProgressWindow* progressWindow() { return menuAnalysis_.window(); }
     PanelPresence& panel() { return panel_; }
     LayerShellBar* layerBar() { return layerBar_.get(); }
-    MenuPresenter& menuPresenter() { return presenter_; }
 
     // The help page shipped beside the program, or installed with it.
     static QString helpPagePath();
