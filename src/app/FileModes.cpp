@@ -12,7 +12,7 @@
 #include "OutputFile.h"
 #include "TempoRange.h"
 
-namespace velquin::FileModes {
+namespace velquin::fileModes {
 
 namespace {
 
@@ -115,4 +115,4 @@ int chroma(const std::vector<std::string>& arguments, std::FILE* /*out*/, std::F
     });
 }
 
-}  // namespace velquin::FileModes
+}  // namespace velquin::fileModes

@@ -9,7 +9,7 @@
 #include "MusicalKey.h"
 #include "TempoEstimate.h"
 
-namespace velquin::FileModes {
+namespace velquin::fileModes {
 
 // `precise`: the precise whole-file analysis instead of the live engine's.
 int analyze(const std::vector<std::string>& arguments, std::FILE* out, std::FILE* err, bool precise = false);
@@ -19,4 +19,4 @@ int chroma(const std::vector<std::string>& arguments, std::FILE* out, std::FILE*
 // The one-line result of an analysis, without the file name.
 std::string resultLine(const TempoEstimate& tempo, const KeyEstimate& key);
 
-}  // namespace velquin::FileModes
+}  // namespace velquin::fileModes

@@ -24,13 +24,13 @@
 #include "OutputFile.h"
 #include "TempoService.h"
 
-namespace velquin::LiveMode {
+namespace velquin::liveMode {
 
 namespace {
 
 // Durations from 9.2e18 seconds up are refused: the duration is printed as a 64-bit integer, which
 // holds at most about 9.22e18.
-constexpr double kLongestDuration = 9.2e18;
+constexpr double longestDuration = 9.2e18;
 
 // The recording's container and sample format, from its extension. FLAC holds integers only.
 std::optional<int> recordingFormat(std::string_view path) {
@@ -166,9 +166,9 @@ int writeOut(const std::string& text) {
 std::optional<double> durationFrom(const std::vector<std::string>& arguments) {
     double duration = 15.0;
     if (arguments.size() > 1) {
-        if (auto parsed = Environment::parseNumber(arguments[1].c_str())) duration = *parsed;
+        if (auto parsed = environment::parseNumber(arguments[1].c_str())) duration = *parsed;
     }
-    if (!(duration > 0) || !(duration < kLongestDuration)) return std::nullopt;  // also NaN
+    if (!(duration > 0) || !(duration < longestDuration)) return std::nullopt;  // also NaN
     return duration;
 }
 
@@ -259,4 +259,4 @@ int run(int argc, char** argv, const std::vector<std::string>& arguments) {
     return stopSignals.received() != 0 ? 128 + stopSignals.received() : 0;
 }
 
-}  // namespace velquin::LiveMode
+}  // namespace velquin::liveMode

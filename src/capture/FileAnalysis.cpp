@@ -170,7 +170,7 @@ struct Streamed {
 int64_t streamPrecise(AudioFileReader& reader, BPMBounds bounds, const FileAnalysisOptions& options,
                       int64_t maximumFrames, Streamed& result) {
     const double rate = reader.sampleRate();
-    const AnalyzerParameters& parameters = EngineSettings::parameters();
+    const AnalyzerParameters& parameters = engineSettings::parameters();
     PreciseTempoAnalyzer tempo(rate);
     KeyAnalyzer key(rate, true, parameters.key);
     key.setDumpFrames(true);  // the precise key takes every frame as it comes
@@ -196,7 +196,7 @@ int64_t streamPrecise(AudioFileReader& reader, BPMBounds bounds, const FileAnaly
 Streamed streamFile(AudioFileReader& reader, const Stream& stream, const FileAnalysisOptions& options) {
     const double rate = reader.sampleRate();
     const auto bounds = velquin::bounds(stream.range);
-    const AnalyzerParameters& parameters = EngineSettings::parameters();
+    const AnalyzerParameters& parameters = engineSettings::parameters();
     Streamed result;
     std::vector<Consumer> consumers;
 
@@ -289,7 +289,7 @@ Timeline keyTimeline(const std::string& path, double everySeconds, const FileAna
 void dumpChroma(const std::string& inputPath, const std::string& outputPath,
                 const FileAnalysisOptions& options) {
     AudioFileReader reader(inputPath);
-    KeyAnalyzer analyzer(reader.sampleRate(), true, EngineSettings::parameters().key);
+    KeyAnalyzer analyzer(reader.sampleRate(), true, engineSettings::parameters().key);
     analyzer.setDumpFrames(true);
     Stream stream;
     stream.withTempo = false;  // the dump is the key analyzer's alone

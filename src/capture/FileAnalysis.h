@@ -59,7 +59,7 @@ struct AnalysisCancelled : std::exception {
 };
 
 // Bump when results may change; cache keys include it.
-inline constexpr int kAnalysisVersion = 1;
+inline constexpr int analysisVersion = 1;
 
 struct TimelineTick {
     double seconds = 0;

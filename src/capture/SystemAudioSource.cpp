@@ -22,7 +22,7 @@ void SystemAudioSource::start() {
     CaptureSource::start();
 
     // The analysis diagnostics switch covers the capture rates too: one place decides where they go.
-    const auto& debug = EngineSettings::parameters().tempo.onDebug;
+    const auto& debug = engineSettings::parameters().tempo.onDebug;
     const pulse::Capture::Recording r = recording();
     if (!debug || !r.capturing) return;
     debug("tap format rate=" + pulse::rateText(r.stream.rate) + " ch=" + std::to_string(r.stream.channels) +

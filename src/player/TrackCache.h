@@ -21,7 +21,7 @@ struct TrackCacheKey {
     int64_t size = 0;
     int64_t modifiedNanos = 0;
     TempoRange range = TempoRange::Auto;  // a range narrows the tempo search, so it is part of the result
-    int version = FileAnalysis::kAnalysisVersion;
+    int version = FileAnalysis::analysisVersion;
     FileAnalysis::Analysis analysis =
         FileAnalysis::Analysis::specified;  // the two never stand in for each other
 

@@ -5,7 +5,7 @@
 namespace velquin::scan {
 
 int analysisVersion() {
-    return FileAnalysis::kAnalysisVersion;
+    return FileAnalysis::analysisVersion;
 }
 
 std::string cacheRange(TempoRange range, FileAnalysis::Analysis analysis) {

@@ -4,7 +4,7 @@
 
 namespace velquin::scan {
 
-const char* const kHelpText =
+const char* const helpText =
     "Usage: velquin-scan [OPTIONS] PATH...\n"
     "Analyses the tempo and key of every audio file in the given files and folders (folders are\n"
     "searched recursively; hidden entries are skipped) and prints one result per file, sorted by path.\n"

@@ -34,6 +34,6 @@ struct ParsedOptions {
 // `arguments` without the program name. `defaultJobs` and `stdoutIsTerminal` supply the defaults.
 ParsedOptions parseOptions(const std::vector<std::string>& arguments, int defaultJobs, bool stdoutIsTerminal);
 
-extern const char* const kHelpText;
+extern const char* const helpText;
 
 }  // namespace velquin::scan

@@ -46,9 +46,9 @@ std::vector<Field> fieldsOf(const ScanRow& row) {
     };
 }
 
-constexpr const char* kNames[] = {"path",           "bpm",         "bpm_confidence", "key",        "camelot",
-                                  "key_confidence", "alternative", "tuning_cents",   "duration_s", "error",
-                                  "analysis"};
+constexpr const char* fieldNames[] = {
+    "path",        "bpm",          "bpm_confidence", "key",   "camelot", "key_confidence",
+    "alternative", "tuning_cents", "duration_s",     "error", "analysis"};
 
 std::string csvField(const Field& field) {
     if (!field.value) return "";
@@ -138,14 +138,14 @@ std::string shownText(std::string_view text) {
 std::string headerLine(OutputFormat format) {
     if (format != OutputFormat::csv) return "";
     std::string line;
-    for (const char* name : kNames) line += (line.empty() ? "" : ",") + std::string(name);
+    for (const char* name : fieldNames) line += (line.empty() ? "" : ",") + std::string(name);
     return line;
 }
 
 std::string rowLine(OutputFormat outputFormat, const ScanRow& row) {
     if (outputFormat == OutputFormat::table) {
         if (!row.result) return shownText("Error: " + row.error + "  " + row.path);
-        return FileModes::resultLine(row.result->tempo, row.result->key) + "  " + shownText(row.path);
+        return fileModes::resultLine(row.result->tempo, row.result->key) + "  " + shownText(row.path);
     }
     const auto fields = fieldsOf(row);
     std::string line = outputFormat == OutputFormat::json ? "{" : "";
@@ -155,7 +155,7 @@ std::string rowLine(OutputFormat outputFormat, const ScanRow& row) {
             line += csvField(fields[i]);
             continue;
         }
-        line += "\"" + std::string(kNames[i]) + "\":";
+        line += "\"" + std::string(fieldNames[i]) + "\":";
         if (!fields[i].value)
             line += "null";
         else

@@ -15,7 +15,7 @@
 namespace velquin::scan {
 
 // A key weaker than this is not written: the bar shows none below it either.
-constexpr double kMinimumTagKeyConfidence = 0.35;
+constexpr double minimumTagKeyConfidence = 0.35;
 
 struct TagRequest {
     bool camelot = false;  // the key tag holds the Camelot code, the second field the key name

@@ -7,7 +7,7 @@
 #include <algorithm>
 #include <cmath>
 
-namespace velquin::ConfidenceRing {
+namespace velquin::confidenceRing {
 namespace {
 
 // Fixed rather than from the palette: the ring has to read the same on light and dark panels, and
@@ -46,4 +46,4 @@ QImage image(double confidence, double diameter, double devicePixelRatio) {
     return ring;
 }
 
-}  // namespace velquin::ConfidenceRing
+}  // namespace velquin::confidenceRing

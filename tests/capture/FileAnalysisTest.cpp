@@ -87,7 +87,7 @@ TEST(FileAnalysis, ThreadedAndSequentialAgreeBitForBit) {
         std::lock_guard lock(debugMutex);
         debug += text;
     };
-    velquin::EngineSettings::install(parameters);
+    velquin::engineSettings::install(parameters);
 
     using FileAnalysis::Execution;
     for (const char* name : {"change.wav", "long.wav"}) {
@@ -113,7 +113,7 @@ TEST(FileAnalysis, ThreadedAndSequentialAgreeBitForBit) {
         }
         EXPECT_TRUE(text[0] == text[1]) << name;
     }
-    velquin::EngineSettings::install({});
+    velquin::engineSettings::install({});
 }
 
 TEST(FileAnalysis, ReportsProgressAndDurationAndStopsWhenAsked) {
