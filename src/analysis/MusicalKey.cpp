@@ -31,9 +31,9 @@ const std::array<std::string_view, 12> asciiNoteNames = {"C",  "C#", "D",  "D#",
 const std::array<MusicalKey, 24>& MusicalKey::all() {
     static const std::array<MusicalKey, 24> keys = [] {
         std::array<MusicalKey, 24> result{};
-        for (int64_t tonic = 0; tonic < 12; ++tonic) {
-            result[static_cast<size_t>(2 * tonic)] = {tonic, false};
-            result[static_cast<size_t>(2 * tonic + 1)] = {tonic, true};
+        for (int64_t pitchClass = 0; pitchClass < 12; ++pitchClass) {
+            result[static_cast<size_t>(2 * pitchClass)] = {pitchClass, false};
+            result[static_cast<size_t>(2 * pitchClass + 1)] = {pitchClass, true};
         }
         return result;
     }();
