@@ -21,7 +21,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     try {
         AudioFileReader reader = AudioFileReader::fromMemory(std::span<const std::uint8_t>(data, size));
         if (!(reader.sampleRate() > 0) || reader.channelCount() <= 0) return 0;
-        (void)FileAnalysis::analyzeReader(reader, TempoRange::Auto, {}, maximumSeconds);
+        (void)fileAnalysis::analyzeReader(reader, TempoRange::Auto, {}, maximumSeconds);
     } catch (const AudioFileError&) {
         // Refusing the input is the right answer for most of them.
     }

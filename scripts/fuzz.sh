@@ -15,7 +15,7 @@ artifacts=$build/artifacts
 
 if [ ! -f "$build/build.ninja" ]; then
     CC=clang CXX=clang++ cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-        -DVELQUIN_FUZZ=ON -DVELQUIN_TESTS=OFF >/dev/null
+        -DVELQUIN_FUZZ=ON -DVELQUIN_TESTS=OFF -DVELQUIN_WERROR=ON >/dev/null
 fi
 cmake --build "$build" --target velquin_file_fuzz velquin_tag_fuzz
 

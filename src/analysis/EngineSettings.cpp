@@ -2,7 +2,7 @@
 
 #include <utility>
 
-namespace velquin::EngineSettings {
+namespace velquin::engineSettings {
 
 namespace {
 AnalyzerParameters& installed() {
@@ -19,4 +19,4 @@ void install(AnalyzerParameters parameters) {
     installed() = std::move(parameters);
 }
 
-}  // namespace velquin::EngineSettings
+}  // namespace velquin::engineSettings

@@ -4,9 +4,9 @@
 
 #include "analysis/LiveAnalysis.h"
 
-namespace velquin::EngineSettings {
+namespace velquin::engineSettings {
 
 const AnalyzerParameters& parameters();
 void install(AnalyzerParameters parameters);
 
-}  // namespace velquin::EngineSettings
+}  // namespace velquin::engineSettings

@@ -1,15 +1,15 @@
 #include "analysis/FileResult.h"
 
-namespace velquin::FileAnalysis {
+namespace velquin::fileAnalysis {
 
-std::string_view rawValue(Analysis analysis) {
+std::string_view textName(Analysis analysis) {
     return analysis == Analysis::precise ? "precise" : "specified";
 }
 
-std::optional<Analysis> analysisFromRaw(std::string_view text) {
+std::optional<Analysis> analysisFromTextName(std::string_view text) {
     if (text == "precise") return Analysis::precise;
     if (text == "specified") return Analysis::specified;
     return std::nullopt;
 }
 
-}  // namespace velquin::FileAnalysis
+}  // namespace velquin::fileAnalysis

@@ -16,17 +16,17 @@ struct FileResult {
     double durationSeconds = 0;  // of the audio decoded
 };
 
-namespace FileAnalysis {
+namespace fileAnalysis {
 
 // Which analysis a whole file gets: `specified`, the live engine's analyzers run over the file (the
 // default everywhere); or `precise`, the slower whole-file analyzers of PreciseTempo and PreciseKey. The
 // two give different results, so whatever stores a result keeps the analysis beside it.
 enum class Analysis { specified, precise };
-std::string_view rawValue(Analysis analysis);
-std::optional<Analysis> analysisFromRaw(std::string_view text);
+std::string_view textName(Analysis analysis);
+std::optional<Analysis> analysisFromTextName(std::string_view text);
 
 // Bump when results may change; cache keys include it.
-inline constexpr int kAnalysisVersion = 1;
+inline constexpr int analysisVersion = 1;
 
-}  // namespace FileAnalysis
+}  // namespace fileAnalysis
 }  // namespace velquin

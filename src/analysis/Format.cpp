@@ -106,7 +106,6 @@ std::string formatArgs(std::string_view fmt, std::initializer_list<FormatArg> ar
         }
         const FormatArg& a = *arg++;
         switch (conversion) {
-            case '@':
             case 's':
                 if (a.kind() == FormatArg::Kind::Text) {
                     appendText(out, a.text(), leftAlign, width, precision);

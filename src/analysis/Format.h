@@ -1,6 +1,7 @@
 #pragma once
-// printf-style formatting with one extension: "%@" takes a text argument, and its width and "-"
-// flag count characters (UTF-8 code points), not bytes, so "E♭m" pads like three letters.
+// printf-style formatting, except that "%s" takes any text (std::string, std::string_view, const char*)
+// and its width and "-" flag count characters (UTF-8 code points), not bytes, so "E♭m" pads like three
+// letters.
 // Numbers are always written in the "C" locale, whatever the process locale is.
 
 #include <cstdint>

@@ -197,7 +197,7 @@ void KeyAnalyzer::addFrame() {
     frames_.push_back(chroma);
     bassFrames_.push_back(bassPc);
     midFrames_.push_back(mid);
-    if (dumpFrames) dumped_.push_back({samplesFed_ / sampleRate_, chroma, mid, bassPc});
+    if (dumpFrames_) dumped_.push_back({samplesFed_ / sampleRate_, chroma, mid, bassPc});
     if (!offline_) {
         const size_t limit = maxFrames();
         frames_.keepLast(limit);
@@ -285,10 +285,10 @@ KeyEstimate KeyAnalyzer::decide(double usingLastSeconds) const {
     const Ranking ranked = rank(sum, bass, chords_.scores(midFrames_.last(n), frameRate, p_));
     if (p_.onDebug) {
         std::string text = "  chroma: ";
-        for (size_t i = 0; i < 12; ++i) text += format("%@=%.2f ", asciiNoteNames[i], sum[i] / top);
+        for (size_t i = 0; i < 12; ++i) text += format("%s=%.2f ", asciiNoteNames[i], sum[i] / top);
         text += "\n  keys:   ";
         for (size_t i = 0; i < 5; ++i)
-            text += format("%@=%.3f  ", ranked[i].key.shortName(), ranked[i].score);
+            text += format("%s=%.3f  ", ranked[i].key.shortName(), ranked[i].score);
         text += "\n";
         p_.onDebug(text);
     }

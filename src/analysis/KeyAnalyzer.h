@@ -85,7 +85,7 @@ class KeyAnalyzer {
     using Chroma = std::array<double, 12>;
     using Parameters = KeyParameters;
 
-    // One analysed frame, recorded when `dumpFrames` is set.
+    // One analysed frame, recorded after setDumpFrames(true).
     struct DumpRow {
         double seconds = 0;  // samples fed when the frame was cut, in seconds
         Chroma chroma{};
@@ -111,7 +111,7 @@ class KeyAnalyzer {
 
     double sampleRate() const { return sampleRate_; }
     int64_t restarts() const { return restarts_; }
-    bool dumpFrames = false;
+    void setDumpFrames(bool on) { dumpFrames_ = on; }
     const std::vector<DumpRow>& dumped() const { return dumped_; }
     // Forgets the recorded frames (keeping the room): a reader that takes them as they come keeps
     // memory bounded.
@@ -174,6 +174,7 @@ class KeyAnalyzer {
     int64_t candidateSince_ = 0;
     SlidingWindow<Winner> recentWinners_;
     bool offline_;
+    bool dumpFrames_ = false;
 
     std::vector<Peak> peaks_;  // scratch of spectralPeaks, reused per frame
     mutable ChordEvidence chords_;

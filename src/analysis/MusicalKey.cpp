@@ -31,9 +31,9 @@ const std::array<std::string_view, 12> asciiNoteNames = {"C",  "C#", "D",  "D#",
 const std::array<MusicalKey, 24>& MusicalKey::all() {
     static const std::array<MusicalKey, 24> keys = [] {
         std::array<MusicalKey, 24> result{};
-        for (int64_t tonic = 0; tonic < 12; ++tonic) {
-            result[static_cast<size_t>(2 * tonic)] = {tonic, false};
-            result[static_cast<size_t>(2 * tonic + 1)] = {tonic, true};
+        for (int64_t pitchClass = 0; pitchClass < 12; ++pitchClass) {
+            result[static_cast<size_t>(2 * pitchClass)] = {pitchClass, false};
+            result[static_cast<size_t>(2 * pitchClass + 1)] = {pitchClass, true};
         }
         return result;
     }();
@@ -85,11 +85,14 @@ std::optional<std::string> KeyEstimate::shortText(bool camelot, RelativePreferen
     if (!keys) return std::nullopt;
     const auto text = [camelot](const MusicalKey& k) { return camelot ? k.camelot() : k.shortName(); };
     std::string result = text(keys->first);
-    if (keys->second) result += "/" + text(*keys->second);
+    if (keys->second) {
+        result += '/';
+        result += text(*keys->second);
+    }
     return result;
 }
 
-std::string_view rawValue(KeyEstimate::RelativePreference preference) {
+std::string_view textName(KeyEstimate::RelativePreference preference) {
     switch (preference) {
         case KeyEstimate::RelativePreference::both:
             return "both";
@@ -101,9 +104,9 @@ std::string_view rawValue(KeyEstimate::RelativePreference preference) {
     return "both";
 }
 
-std::optional<KeyEstimate::RelativePreference> relativePreferenceFromRaw(std::string_view raw) {
+std::optional<KeyEstimate::RelativePreference> relativePreferenceFromTextName(std::string_view name) {
     for (auto preference : allRelativePreferences())
-        if (rawValue(preference) == raw) return preference;
+        if (textName(preference) == name) return preference;
     return std::nullopt;
 }
 

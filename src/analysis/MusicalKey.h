@@ -49,8 +49,8 @@ struct KeyEstimate {
         RelativePreference preference) const;
 };
 
-std::string_view rawValue(KeyEstimate::RelativePreference preference);
-std::optional<KeyEstimate::RelativePreference> relativePreferenceFromRaw(std::string_view raw);
+std::string_view textName(KeyEstimate::RelativePreference preference);
+std::optional<KeyEstimate::RelativePreference> relativePreferenceFromTextName(std::string_view name);
 const std::array<KeyEstimate::RelativePreference, 3>& allRelativePreferences();
 
 struct KeyProfile {

@@ -55,7 +55,9 @@ struct TempoAnalyzer::Periodicity {
     const TempoAnalyzer* owner;  // its scratch holds the autocorrelation that `support` reads
 
     // Harmonic autocorrelation score, without prior, of a tempo in BPM.
-    double support(double bpm) const { return owner->score(owner->framesPerSecond() * 60.0 / bpm, false); }
+    double support(double tempo) const {
+        return owner->score(owner->framesPerSecond() * 60.0 / tempo, false);
+    }
 };
 
 // Work buffers of the periodicity analysis, sized once for the longest history.

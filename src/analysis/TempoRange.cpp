@@ -18,7 +18,7 @@ BPMBounds bounds(TempoRange range) {
     return {60, 200};
 }
 
-std::string_view rawValue(TempoRange range) {
+std::string_view textName(TempoRange range) {
     switch (range) {
         case TempoRange::verySlow:
             return "verySlow";
@@ -34,9 +34,9 @@ std::string_view rawValue(TempoRange range) {
     return "auto";
 }
 
-std::optional<TempoRange> tempoRangeFromRaw(std::string_view raw) {
+std::optional<TempoRange> tempoRangeFromTextName(std::string_view name) {
     for (TempoRange r : allTempoRanges())
-        if (rawValue(r) == raw) return r;
+        if (textName(r) == name) return r;
     return std::nullopt;
 }
 

@@ -16,8 +16,8 @@ struct BPMBounds {
 };
 
 BPMBounds bounds(TempoRange range);
-std::string_view rawValue(TempoRange range);                        // "auto", "verySlow", …
-std::optional<TempoRange> tempoRangeFromRaw(std::string_view raw);  // case-sensitive
+std::string_view textName(TempoRange range);                              // "auto", "verySlow", …
+std::optional<TempoRange> tempoRangeFromTextName(std::string_view name);  // case-sensitive
 const std::array<TempoRange, 5>& allTempoRanges();
 
 }  // namespace velquin

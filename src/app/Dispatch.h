@@ -8,9 +8,10 @@
 namespace velquin {
 
 struct Dispatch {
-    enum class Mode { menuBar, help, analyze, timeline, chroma, live };
+    // `panel`: no terminal mode, the reading shows in the desktop's panel (and the bar).
+    enum class Mode { panel, help, analyze, timeline, chroma, live };
 
-    Mode mode = Mode::menuBar;
+    Mode mode = Mode::panel;
     // The mode's own arguments, after the switch (file paths, range word, source word, …).
     std::vector<std::string> arguments;
 

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-namespace velquin::Environment {
+namespace velquin::environment {
 
 namespace {
 
@@ -138,4 +138,4 @@ Switches read() {
     return switches;
 }
 
-}  // namespace velquin::Environment
+}  // namespace velquin::environment

@@ -12,7 +12,7 @@
 
 #include "analysis/LiveAnalysis.h"
 
-namespace velquin::Environment {
+namespace velquin::environment {
 
 struct Switches {
     bool debug = false;
@@ -28,4 +28,4 @@ Switches read();
 // else: no leading white space, nothing after it.
 std::optional<double> parseNumber(const char* text);
 
-}  // namespace velquin::Environment
+}  // namespace velquin::environment

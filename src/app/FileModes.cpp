@@ -14,7 +14,7 @@
 #include "fileanalysis/ResultLine.h"
 #include "system/OutputFile.h"
 
-namespace velquin::FileModes {
+namespace velquin::fileModes {
 
 namespace {
 
@@ -63,10 +63,10 @@ int analyze(const std::vector<std::string>& arguments, std::FILE* out, std::FILE
     return guarded(err, [&] {
         const std::string& path = arguments.at(0);
         TempoRange range = TempoRange::Auto;
-        if (arguments.size() > 1) range = tempoRangeFromRaw(arguments[1]).value_or(TempoRange::Auto);
-        FileAnalysis::FileAnalysisOptions options;
-        if (precise) options.analysis = FileAnalysis::Analysis::precise;
-        const auto result = FileAnalysis::analyzeFile(path, range, options);
+        if (arguments.size() > 1) range = tempoRangeFromTextName(arguments[1]).value_or(TempoRange::Auto);
+        fileAnalysis::FileAnalysisOptions options;
+        if (precise) options.analysis = fileAnalysis::Analysis::precise;
+        const auto result = fileAnalysis::analyzeFile(path, range, options);
         putResult(out, resultLine(result.tempo, result.key) + "  " + lastPathComponent(path) + "\n");
     });
 }
@@ -74,14 +74,14 @@ int analyze(const std::vector<std::string>& arguments, std::FILE* out, std::FILE
 int timeline(const std::vector<std::string>& arguments, std::FILE* out, std::FILE* err) {
     return guarded(err, [&] {
         const std::string& path = arguments.at(0);
-        const auto result = FileAnalysis::keyTimeline(path, 1.0);
+        const auto result = fileAnalysis::keyTimeline(path, 1.0);
         // Built whole before printing, so that a failure leaves standard output empty.
         std::string text;
         for (const auto& tick : result.ticks) {
             const std::string keyText = shortKeyText(tick.key);
-            const std::string shown = tick.key.key && tick.key.confidence >= kWeakConfidence ? keyText : "-";
+            const std::string shown = tick.key.key && tick.key.confidence >= weakConfidence ? keyText : "-";
             const std::string bpm = tick.tempo.bpm > 0 ? format("%.1f", tick.tempo.bpm) : "-";
-            text += format("%4.0f  %-5@ %3.0f%%  shown:%@  bpm:%@ %3.0f%%", tick.seconds, keyText,
+            text += format("%4.0f  %-5s %3.0f%%  shown:%s  bpm:%s %3.0f%%", tick.seconds, keyText,
                            tick.key.confidence * 100, shown, bpm, tick.tempo.confidence * 100);
             text += '\n';
         }
@@ -100,8 +100,8 @@ int chroma(const std::vector<std::string>& arguments, std::FILE* /*out*/, std::F
         const std::string& output = arguments.at(1);
         if (OutputFile::sameFile(input, output))
             throw OutputFileError(output, "it is the audio file being analysed");
-        FileAnalysis::dumpChroma(input, output);
+        fileAnalysis::dumpChroma(input, output);
     });
 }
 
-}  // namespace velquin::FileModes
+}  // namespace velquin::fileModes

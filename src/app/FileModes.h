@@ -9,11 +9,11 @@
 #include "analysis/MusicalKey.h"
 #include "analysis/TempoEstimate.h"
 
-namespace velquin::FileModes {
+namespace velquin::fileModes {
 
 // `precise`: the precise whole-file analysis instead of the live engine's.
 int analyze(const std::vector<std::string>& arguments, std::FILE* out, std::FILE* err, bool precise = false);
 int timeline(const std::vector<std::string>& arguments, std::FILE* out, std::FILE* err);
 int chroma(const std::vector<std::string>& arguments, std::FILE* out, std::FILE* err);
 
-}  // namespace velquin::FileModes
+}  // namespace velquin::fileModes

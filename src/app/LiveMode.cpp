@@ -24,12 +24,13 @@
 #include "capture/TempoService.h"
 #include "system/OutputFile.h"
 
-namespace velquin::LiveMode {
+namespace velquin::liveMode {
 
 namespace {
 
-// The Part's limit: the duration is printed as a 64-bit integer.
-constexpr double kLongestDuration = 9.2e18;
+// Durations from 9.2e18 seconds up are refused: the duration is printed as a 64-bit integer, which
+// holds at most about 9.22e18.
+constexpr double longestDuration = 9.2e18;
 
 // The recording's container and sample format, from its extension. FLAC holds integers only.
 std::optional<int> recordingFormat(std::string_view path) {
@@ -165,9 +166,9 @@ int writeOut(const std::string& text) {
 std::optional<double> durationFrom(const std::vector<std::string>& arguments) {
     double duration = 15.0;
     if (arguments.size() > 1) {
-        if (auto parsed = Environment::parseNumber(arguments[1].c_str())) duration = *parsed;
+        if (auto parsed = environment::parseNumber(arguments[1].c_str())) duration = *parsed;
     }
-    if (!(duration > 0) || !(duration < kLongestDuration)) return std::nullopt;  // also NaN
+    if (!(duration > 0) || !(duration < longestDuration)) return std::nullopt;  // also NaN
     return duration;
 }
 
@@ -180,7 +181,7 @@ double secondsNow() {
 std::string readingLine(const TempoEstimate& tempo, const KeyEstimate& key) {
     const std::string tempoText = tempo.bpm > 0 ? format("%6.2f", tempo.bpm) : "  ----";
     const std::string keyText = key.key ? key.key->shortName() + " " + key.key->camelot() : "--";
-    return format("%@ BPM (%3.0f%%)   key %-8@ (%3.0f%%)   level %.4f", tempoText, tempo.confidence * 100,
+    return format("%s BPM (%3.0f%%)   key %-8s (%3.0f%%)   level %.4f", tempoText, tempo.confidence * 100,
                   keyText, key.confidence * 100, tempo.level);
 }
 
@@ -258,4 +259,4 @@ int run(int argc, char** argv, const std::vector<std::string>& arguments) {
     return stopSignals.received() != 0 ? 128 + stopSignals.received() : 0;
 }
 
-}  // namespace velquin::LiveMode
+}  // namespace velquin::liveMode

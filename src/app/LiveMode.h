@@ -8,7 +8,7 @@
 #include "analysis/MusicalKey.h"
 #include "analysis/TempoEstimate.h"
 
-namespace velquin::LiveMode {
+namespace velquin::liveMode {
 
 // `arguments` are those after the switch. Needs no Qt application object; makes its own.
 int run(int argc, char** argv, const std::vector<std::string>& arguments);
@@ -16,4 +16,4 @@ int run(int argc, char** argv, const std::vector<std::string>& arguments);
 // One printed reading, without the line feed.
 std::string readingLine(const TempoEstimate& tempo, const KeyEstimate& key);
 
-}  // namespace velquin::LiveMode
+}  // namespace velquin::liveMode

@@ -54,7 +54,7 @@ void makeFolders(const std::filesystem::path& folder) {
 
 LogWriter& processLog() {
     static LogWriter writer([] {
-        const std::filesystem::path folder = Log::folder();
+        const std::filesystem::path folder = diagnosticLog::folder();
         if (folder.empty()) return std::filesystem::path();
         makeFolders(folder);
         return folder / "Velquin.log";
@@ -77,7 +77,7 @@ LogWriter::~LogWriter() {
 
 void LogWriter::write(std::string_view message) {
     if (file_.empty()) return;
-    std::string line = Log::timestamp(std::chrono::system_clock::now());
+    std::string line = diagnosticLog::timestamp(std::chrono::system_clock::now());
     line.reserve(line.size() + 2 + message.size());
     line += ' ';
     line += message;
@@ -111,7 +111,7 @@ void LogWriter::run() {
     }
 }
 
-namespace Log {
+namespace diagnosticLog {
 
 void write(std::string_view message) {
     processLog().write(message);
@@ -142,6 +142,6 @@ std::string timestamp(std::chrono::system_clock::time_point when) {
     return text;
 }
 
-}  // namespace Log
+}  // namespace diagnosticLog
 
 }  // namespace velquin

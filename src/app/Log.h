@@ -17,7 +17,7 @@
 
 namespace velquin {
 
-// One log file and its writer thread. Log below is the process-wide one; tests make their own.
+// One log file and its writer thread. diagnosticLog below is the process-wide one; tests make their own.
 class LogWriter {
   public:
     // An empty path disables writing. The file's folder must exist (it is not created here).
@@ -46,7 +46,7 @@ class LogWriter {
     std::thread thread_;  // last: starts after everything it uses
 };
 
-namespace Log {
+namespace diagnosticLog {
 
 // Stamps `message` with the current local time and appends it to the log. Any thread; returns at once.
 void write(std::string_view message);
@@ -61,6 +61,6 @@ std::filesystem::path folder();
 // "yyyy-MM-dd HH:mm:ss.SSS" in local time.
 std::string timestamp(std::chrono::system_clock::time_point when);
 
-}  // namespace Log
+}  // namespace diagnosticLog
 
 }  // namespace velquin

@@ -14,24 +14,24 @@
 int main(int argc, char** argv) {
     using namespace velquin;
     holdClosedStandardStreams();
-    const Environment::Switches switches = Environment::read();
-    EngineSettings::install(switches.parameters);
+    const environment::Switches switches = environment::read();
+    engineSettings::install(switches.parameters);
     const std::vector<std::string> arguments(argv, argv + argc);
     const Dispatch dispatch = Dispatch::from(arguments);
     switch (dispatch.mode) {
         case Dispatch::Mode::help:
             return std::fputs(Dispatch::usage, stdout) >= 0 && std::fflush(stdout) == 0 ? 0 : 1;
         case Dispatch::Mode::analyze:
-            return FileModes::analyze(dispatch.arguments, stdout, stderr, switches.preciseAnalysis);
+            return fileModes::analyze(dispatch.arguments, stdout, stderr, switches.preciseAnalysis);
         case Dispatch::Mode::timeline:
-            return FileModes::timeline(dispatch.arguments, stdout, stderr);
+            return fileModes::timeline(dispatch.arguments, stdout, stderr);
         case Dispatch::Mode::chroma:
-            return FileModes::chroma(dispatch.arguments, stdout, stderr);
+            return fileModes::chroma(dispatch.arguments, stdout, stderr);
         case Dispatch::Mode::live:
-            return LiveMode::run(argc, argv, dispatch.arguments);
-        case Dispatch::Mode::menuBar:
+            return liveMode::run(argc, argv, dispatch.arguments);
+        case Dispatch::Mode::panel:
             break;
     }
-    return runDesktopApp(argc, argv, [](std::string_view line) { Log::write(line); },
+    return runDesktopApp(argc, argv, [](std::string_view line) { diagnosticLog::write(line); },
                          {.insistOnWayland = switches.nativeWayland});
 }

@@ -18,9 +18,9 @@ namespace {
 
 // The inode and the change time came in with version 2: a file replaced by another of the same size
 // and modification time (a copy with `cp -p`, an editor's save) must not find the old file's result.
-constexpr int kSchemaVersion = 2;
+constexpr int schemaVersion = 2;
 
-constexpr const char* kSchema =
+constexpr const char* schemaSql =
     "CREATE TABLE IF NOT EXISTS analyses ("
     " path TEXT NOT NULL, range TEXT NOT NULL, size INTEGER NOT NULL, mtime_ns INTEGER NOT NULL,"
     " inode INTEGER NOT NULL, ctime_ns INTEGER NOT NULL,"
@@ -28,12 +28,12 @@ constexpr const char* kSchema =
     " key INTEGER, alternative INTEGER, key_confidence REAL NOT NULL, tuning_cents REAL NOT NULL,"
     " chroma BLOB, duration REAL NOT NULL, PRIMARY KEY (path, range))";
 
-constexpr const char* kLookup =
+constexpr const char* lookupSql =
     "SELECT bpm, bpm_confidence, level, key, alternative, key_confidence, tuning_cents, chroma, duration"
     " FROM analyses WHERE path = ?1 AND range = ?2 AND size = ?3 AND mtime_ns = ?4 AND inode = ?5"
     " AND ctime_ns = ?6 AND version = ?7";
 
-constexpr const char* kStore =
+constexpr const char* storeSql =
     "INSERT OR REPLACE INTO analyses VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11, ?12, ?13, ?14, "
     "?15,"
     " ?16)";
@@ -111,9 +111,9 @@ struct AnalysisCache::Database {
         // Reads every page's structure: a few milliseconds for thousands of entries, and damage found
         // here is repaired at once instead of showing as lookups that quietly miss.
         if (const std::string check = text("PRAGMA quick_check(1)"); check != "ok") throw Damaged(check);
-        if (integer("PRAGMA user_version") != kSchemaVersion) upgrade(name);
-        if (sqlite3_prepare_v2(handle, kLookup, -1, &lookup, nullptr) != SQLITE_OK ||
-            sqlite3_prepare_v2(handle, kStore, -1, &store, nullptr) != SQLITE_OK)
+        if (integer("PRAGMA user_version") != schemaVersion) upgrade(name);
+        if (sqlite3_prepare_v2(handle, lookupSql, -1, &lookup, nullptr) != SQLITE_OK ||
+            sqlite3_prepare_v2(handle, storeSql, -1, &store, nullptr) != SQLITE_OK)
             fail("could not read " + name);
     }
     bool readOnly() const { return sqlite3_db_readonly(handle, "main") == 1; }
@@ -121,10 +121,10 @@ struct AnalysisCache::Database {
     // Entries of an older layout are only results that can be computed again. The version is read
     // again under the write lock: another process may have upgraded it a moment ago, and begun to fill it.
     void upgrade(const std::string& name) {
-        const std::string steps = std::string("DROP TABLE IF EXISTS analyses; ") + kSchema +
-                                  "; PRAGMA user_version = " + std::to_string(kSchemaVersion) + ";";
+        const std::string steps = std::string("DROP TABLE IF EXISTS analyses; ") + schemaSql +
+                                  "; PRAGMA user_version = " + std::to_string(schemaVersion) + ";";
         const bool done = sqlite3_exec(handle, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) == SQLITE_OK &&
-                          (integer("PRAGMA user_version") == kSchemaVersion ||
+                          (integer("PRAGMA user_version") == schemaVersion ||
                            sqlite3_exec(handle, steps.c_str(), nullptr, nullptr, nullptr) == SQLITE_OK) &&
                           sqlite3_exec(handle, "COMMIT", nullptr, nullptr, nullptr) == SQLITE_OK;
         if (done) return;
@@ -149,14 +149,14 @@ std::filesystem::path asideName(const std::filesystem::path& file) {
 }  // namespace
 
 std::optional<AnalysisCache::Key> AnalysisCache::keyForFile(const std::string& path, TempoRange range,
-                                                            FileAnalysis::Analysis analysis) {
+                                                            fileAnalysis::Analysis analysis) {
     struct stat info {};
     if (::stat(path.c_str(), &info) != 0) return std::nullopt;
     return keyFromStat(path, info, range, analysis);
 }
 
 AnalysisCache::Key AnalysisCache::keyFromStat(const std::string& path, const struct stat& info,
-                                              TempoRange range, FileAnalysis::Analysis analysis) {
+                                              TempoRange range, fileAnalysis::Analysis analysis) {
     // A path that no longer resolves keeps its own spelling: its entry is then simply never found again.
     std::error_code error;
     const auto canonical = std::filesystem::canonical(path, error);
@@ -207,8 +207,8 @@ namespace {
 // The stored range column: the precise analysis adds "/precise", so results of the two analyses never
 // answer for each other, and entries stored before it existed still match.
 std::string rangeColumn(const AnalysisCache::Key& key) {
-    return std::string(rawValue(key.range)) +
-           (key.analysis == FileAnalysis::Analysis::precise ? "/precise" : "");
+    return std::string(textName(key.range)) +
+           (key.analysis == fileAnalysis::Analysis::precise ? "/precise" : "");
 }
 
 // Both statements take the key as their first seven parameters.

@@ -30,18 +30,18 @@ class AnalysisCache {
         int64_t inode = 0;
         int64_t ctimeNs = 0;                  // change time, nanoseconds since the epoch
         TempoRange range = TempoRange::Auto;  // a range narrows the tempo search, so it is part of the result
-        FileAnalysis::Analysis analysis = FileAnalysis::Analysis::specified;  // never stand in for each other
-        int version = FileAnalysis::kAnalysisVersion;  // of the analysis the result was computed with
+        fileAnalysis::Analysis analysis = fileAnalysis::Analysis::specified;  // never stand in for each other
+        int version = fileAnalysis::analysisVersion;  // of the analysis the result was computed with
 
         friend bool operator==(const Key&, const Key&) = default;
     };
 
     // The key of the file at `path` as it is now (one stat); empty when it cannot be examined.
     static std::optional<Key> keyForFile(const std::string& path, TempoRange range,
-                                         FileAnalysis::Analysis analysis);
+                                         fileAnalysis::Analysis analysis);
     // The key from what a stat of the file at `path` gave.
     static Key keyFromStat(const std::string& path, const struct stat& info, TempoRange range,
-                           FileAnalysis::Analysis analysis);
+                           fileAnalysis::Analysis analysis);
     // $XDG_CACHE_HOME/Velquin/scan.sqlite (empty when no home is known).
     static std::filesystem::path defaultPath();
 

@@ -4,22 +4,19 @@
 
 namespace velquin {
 
-std::string_view rawValue(AudioSourceKind kind) {
+std::string_view textName(AudioSourceKind kind) {
     return kind == AudioSourceKind::microphone ? "microphone" : "systemAudio";
 }
 
-std::optional<AudioSourceKind> audioSourceKindFromRaw(std::string_view raw) {
-    if (raw == "systemAudio") return AudioSourceKind::systemAudio;
-    if (raw == "microphone") return AudioSourceKind::microphone;
+std::optional<AudioSourceKind> audioSourceKindFromTextName(std::string_view name) {
+    if (name == "systemAudio") return AudioSourceKind::systemAudio;
+    if (name == "microphone") return AudioSourceKind::microphone;
     return std::nullopt;
 }
 
 std::string_view displayName(AudioSourceKind kind) {
     return kind == AudioSourceKind::microphone ? "Microphone" : "System Audio";
 }
-
-AudioSourceError::AudioSourceError(Case c, int32_t status, std::string text, const std::string& description)
-    : std::runtime_error(description), case_(c), status_(status), text_(std::move(text)) {}
 
 namespace {
 
@@ -39,37 +36,27 @@ AudioSourceError AudioSourceError::serverUnreachable(int32_t status, AudioSource
     const bool microphone = kind == AudioSourceKind::microphone;
     const std::string what =
         microphone ? "Could not reach the sound server for the microphone " : "Could not tap system audio ";
-    return {Case::serverUnreachable, status, {}, withAdvice(what + errorCode(status), !microphone)};
+    return AudioSourceError(withAdvice(what + errorCode(status), !microphone));
 }
 
 AudioSourceError AudioSourceError::streamCreationFailed(int32_t status) {
-    return {Case::streamCreationFailed,
-            status,
-            {},
-            withAdvice("Could not create the capture device " + errorCode(status))};
+    return AudioSourceError(withAdvice("Could not create the capture device " + errorCode(status)));
 }
 
 AudioSourceError AudioSourceError::monitorFormatUnavailable(int32_t status) {
-    return {Case::monitorFormatUnavailable,
-            status,
-            {},
-            "Could not read the tap's audio format " + errorCode(status)};
+    return AudioSourceError("Could not read the tap's audio format " + errorCode(status));
 }
 
 AudioSourceError AudioSourceError::recordingFailed(int32_t status) {
-    return {Case::recordingFailed,
-            status,
-            {},
-            withAdvice("Could not start the capture callback " + errorCode(status))};
+    return AudioSourceError(withAdvice("Could not start the capture callback " + errorCode(status)));
 }
 
-AudioSourceError AudioSourceError::engineFailed(std::string text) {
-    const std::string description = "Microphone capture failed: " + text;
-    return {Case::engineFailed, 0, std::move(text), description};
+AudioSourceError AudioSourceError::engineFailed(const std::string& text) {
+    return AudioSourceError("Microphone capture failed: " + text);
 }
 
 AudioSourceError AudioSourceError::noOutputDevice() {
-    return {Case::noOutputDevice, 0, {}, "No default output device was found."};
+    return AudioSourceError("No default output device was found.");
 }
 
 }  // namespace velquin

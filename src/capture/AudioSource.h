@@ -12,23 +12,14 @@ namespace velquin {
 
 enum class AudioSourceKind { systemAudio, microphone };
 
-std::string_view rawValue(AudioSourceKind kind);                              // "systemAudio", "microphone"
-std::optional<AudioSourceKind> audioSourceKindFromRaw(std::string_view raw);  // case-sensitive
-std::string_view displayName(AudioSourceKind kind);                           // "System Audio", "Microphone"
+std::string_view textName(AudioSourceKind kind);  // "systemAudio", "microphone"
+std::optional<AudioSourceKind> audioSourceKindFromTextName(std::string_view name);  // case-sensitive
+std::string_view displayName(AudioSourceKind kind);  // "System Audio", "Microphone"
 
 // A capture failure; `what()` is the exact text the user sees.
 class AudioSourceError : public std::runtime_error {
   public:
-    // The status cases carry a PulseAudio error code (pa_strerror).
-    enum class Case {
-        serverUnreachable,
-        streamCreationFailed,
-        monitorFormatUnavailable,
-        recordingFailed,
-        engineFailed,
-        noOutputDevice
-    };
-
+    // `status`: a PulseAudio error code (pa_strerror).
     // No sound server answered. Both sources say so the same way; `kind` names what could not be heard.
     static AudioSourceError serverUnreachable(int32_t status,
                                               AudioSourceKind kind = AudioSourceKind::systemAudio);
@@ -38,19 +29,11 @@ class AudioSourceError : public std::runtime_error {
     static AudioSourceError monitorFormatUnavailable(int32_t status);
     // The record stream could not be connected and started.
     static AudioSourceError recordingFailed(int32_t status);
-    static AudioSourceError engineFailed(std::string text);
+    static AudioSourceError engineFailed(const std::string& text);
     static AudioSourceError noOutputDevice();
 
-    Case errorCase() const { return case_; }
-    int32_t status() const { return status_; }         // the four status cases only
-    const std::string& text() const { return text_; }  // engineFailed only
-    std::string description() const { return what(); }
-
   private:
-    AudioSourceError(Case c, int32_t status, std::string text, const std::string& description);
-    Case case_;
-    int32_t status_;
-    std::string text_;
+    explicit AudioSourceError(const std::string& description) : std::runtime_error(description) {}
 };
 
 // A capture back end. The owner sets the callbacks, then calls start(); callbacks run on the

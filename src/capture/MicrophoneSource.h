@@ -7,25 +7,13 @@
 // (pulse::Capture): one plugged in or out, the server restarted; a new input at another rate calls
 // onSampleRateChange. Only a server that does not answer at start is an error.
 
-#include "capture/AudioSource.h"
 #include "capture/PulseCapture.h"
 
 namespace velquin {
 
-class MicrophoneSource final : public AudioSource {
+class MicrophoneSource final : public pulse::CaptureSource {
   public:
     MicrophoneSource();
-    // Stops as well: a PulseAudio thread must not outlive the object it calls into.
-    ~MicrophoneSource() override;
-    MicrophoneSource(const MicrophoneSource&) = delete;
-    MicrophoneSource& operator=(const MicrophoneSource&) = delete;
-
-    double sampleRate() const override { return capture_.sampleRate(); }
-    void start() override;
-    void stop() override;
-
-  private:
-    pulse::Capture capture_;
 };
 
 }  // namespace velquin

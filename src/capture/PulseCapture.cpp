@@ -12,21 +12,21 @@ using namespace std::chrono_literals;
 
 // A server that went away is usually back within a second (a restart, a crash and its restart): look
 // often, so that capture resumes well within half a second of its return. A refused connection is cheap.
-constexpr auto kReconnectInterval = 200ms;
+constexpr auto reconnectInterval = 200ms;
 // A route that failed while the server runs (the device vanished between two questions) is tried
 // again after these, doubling up to the last, so that a missed event costs less than half a second;
 // events usually come first.
-constexpr auto kFirstRetry = 100ms;
-constexpr auto kLastRetry = 400ms;
-constexpr uint32_t kFragmentMilliseconds = 20;
+constexpr auto firstRetry = 100ms;
+constexpr auto lastRetry = 400ms;
+constexpr uint32_t fragmentMilliseconds = 20;
 // After its device changed (a suspend and resume, a new profile), a stream that carried sound and then
 // stays inaudible this long is replaced: some servers never feed it again, though a new stream hears the
 // device at once. Replacements back off (1, 2, 4 … s) for as long as the watch lasts.
-constexpr auto kQuietBeforeRenewal = 1000ms;
-constexpr auto kWatchAfterChange = 30000ms;
-constexpr auto kRecentSound = 2000ms;
+constexpr auto quietBeforeRenewal = 1000ms;
+constexpr auto watchAfterChange = 30000ms;
+constexpr auto recentSound = 2000ms;
 
-constexpr auto kSubscriptions = static_cast<pa_subscription_mask_t>(
+constexpr auto subscriptions = static_cast<pa_subscription_mask_t>(
     PA_SUBSCRIPTION_MASK_SERVER | PA_SUBSCRIPTION_MASK_SINK | PA_SUBSCRIPTION_MASK_SOURCE);
 
 bool fired(pa_operation* op) {
@@ -74,7 +74,7 @@ int Capture::start() {
             reroute();
             // The owner sizes its analysis by the rate: wait for the stream, or for the news that
             // there is no device yet.
-            waitUntil(loop, kRequestTimeout, [this] { return settled_; });
+            waitUntil(loop, requestTimeout, [this] { return settled_; });
         }
     }
     if (error != 0) stop();
@@ -111,7 +111,7 @@ void Capture::watch(pa_context* context) {
     pa_context_set_state_callback(context, contextStateCallback, this);
     pa_context_set_subscribe_callback(context, subscribeCallback, this);
     // A refused subscription only means that changes are not followed.
-    fired(pa_context_subscribe(context, kSubscriptions, nullptr, nullptr));
+    fired(pa_context_subscribe(context, subscriptions, nullptr, nullptr));
 }
 
 bool Capture::usable(const char* name) const {
@@ -141,8 +141,8 @@ void Capture::endRoute() {
 
 void Capture::routeFailed() {
     waitForDevice();
-    rerouteDelay_ = std::clamp(rerouteDelay_ * 2, std::chrono::milliseconds(kFirstRetry),
-                               std::chrono::milliseconds(kLastRetry));
+    rerouteDelay_ = std::clamp(rerouteDelay_ * 2, std::chrono::milliseconds(firstRetry),
+                               std::chrono::milliseconds(lastRetry));
     rerouteTimer_->arm(rerouteDelay_);
     endRoute();
 }
@@ -224,7 +224,7 @@ void Capture::record(const DeviceInfo& device) {
     pa_stream_set_state_callback(stream_.get(), streamStateCallback, this);
     const uint32_t fragment = settings_.fragmentFrames != 0
                                   ? settings_.fragmentFrames
-                                  : std::max<uint32_t>(1, spec.rate * kFragmentMilliseconds / 1000);
+                                  : std::max<uint32_t>(1, spec.rate * fragmentMilliseconds / 1000);
     if (startRecording(stream_.get(), device.name.c_str(), fragment) != 0) return routeFailed();
 
     const double rate = device.spec.rate;
@@ -282,25 +282,25 @@ void Capture::subscribeCallback(pa_context*, pa_subscription_event_type_t event,
 
 void Capture::deviceChanged() {
     const auto now = Clock::now();
-    if (!stream_ || now - lastAudible_ > kRecentSound) return;  // nothing to lose
+    if (!stream_ || now - lastAudible_ > recentSound) return;  // nothing to lose
     if (now > watchUntil_) {
-        renewalGap_ = kQuietBeforeRenewal;
-        nextRenewal_ = now + kQuietBeforeRenewal;
+        renewalGap_ = quietBeforeRenewal;
+        nextRenewal_ = now + quietBeforeRenewal;
     }
-    watchUntil_ = now + kWatchAfterChange;
-    changeTimer_->arm(kQuietBeforeRenewal);
+    watchUntil_ = now + watchAfterChange;
+    changeTimer_->arm(quietBeforeRenewal);
 }
 
 void Capture::checkAfterChange() {
     const auto now = Clock::now();
     if (now > watchUntil_) return;
-    if (now - lastAudible_ >= kQuietBeforeRenewal && now >= nextRenewal_) {
+    if (now - lastAudible_ >= quietBeforeRenewal && now >= nextRenewal_) {
         nextRenewal_ = now + renewalGap_;
         renewalGap_ *= 2;
         renew_ = true;
         reroute();
     }
-    changeTimer_->arm(kQuietBeforeRenewal);
+    changeTimer_->arm(quietBeforeRenewal);
 }
 
 void Capture::contextStateCallback(pa_context* context, void* userdata) {
@@ -323,7 +323,7 @@ void Capture::connectionLost() {
     rerouteTimer_->disarm();
     recorded_ = {};
     report(Route::waitingForServer);
-    reconnectTimer_->arm(kReconnectInterval);
+    reconnectTimer_->arm(reconnectInterval);
 }
 
 void Capture::reconnect() {
@@ -336,12 +336,16 @@ void Capture::reconnect() {
         if (pa_context_connect(context_.get(), nullptr, PA_CONTEXT_NOAUTOSPAWN, nullptr) >= 0) return;
         context_.reset();
     }
-    reconnectTimer_->arm(kReconnectInterval);
+    reconnectTimer_->arm(reconnectInterval);
 }
 
 void Capture::readCallback(pa_stream* stream, size_t, void* userdata) {
     auto* self = static_cast<Capture*>(userdata);
     if (self->mixer_.read(stream, self->channels_, self->owner_.onSamples)) self->lastAudible_ = Clock::now();
+}
+
+void CaptureSource::start() {
+    if (const int error = capture_.start()) throw AudioSourceError::serverUnreachable(error, kind_);
 }
 
 }  // namespace velquin::pulse

@@ -110,4 +110,29 @@ class Capture {
     MonoMixer mixer_;
 };
 
+// An AudioSource that records through one Capture: the start and stop both PulseAudio sources share.
+// Threads: as Capture's.
+class CaptureSource : public AudioSource {
+  public:
+    // `kind` names what could not be heard when the server does not answer.
+    CaptureSource(AudioSourceKind kind, Capture::Settings settings)
+        : kind_(kind), capture_(*this, settings) {}
+    // Stops as well: a PulseAudio thread must not outlive the object it calls into.
+    ~CaptureSource() override { capture_.stop(); }
+    CaptureSource(const CaptureSource&) = delete;
+    CaptureSource& operator=(const CaptureSource&) = delete;
+
+    double sampleRate() const override { return capture_.sampleRate(); }
+    // Only a server that does not answer is an error; without a device it waits for one.
+    void start() override;
+    void stop() override { capture_.stop(); }
+
+  protected:
+    Capture::Recording recording() { return capture_.recording(); }
+
+  private:
+    const AudioSourceKind kind_;
+    Capture capture_;
+};
+
 }  // namespace velquin::pulse

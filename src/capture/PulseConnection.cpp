@@ -174,7 +174,7 @@ void MonoMixer::silence(size_t frames, const Deliver& deliver) {
 
 namespace {
 // Below about -80 dBFS: what a server feeds a stream it has lost track of is not music.
-constexpr float kAudible = 1e-4f;
+constexpr float audibleLevel = 1e-4f;
 }  // namespace
 
 bool MonoMixer::read(pa_stream* stream, unsigned channels, const Deliver& deliver) {
@@ -185,7 +185,8 @@ bool MonoMixer::read(pa_stream* stream, unsigned channels, const Deliver& delive
         // A hole is time the server has no audio for: keep the sample count honest with silence.
         if (data) {
             const float* end = data + bytes / sizeof(float);
-            sound = sound || std::find_if(data, end, [](float x) { return std::abs(x) > kAudible; }) != end;
+            sound =
+                sound || std::find_if(data, end, [](float x) { return std::abs(x) > audibleLevel; }) != end;
             mix(data, bytes / frameBytes, channels, deliver);
         } else {
             silence(bytes / frameBytes, deliver);

@@ -19,7 +19,7 @@
 namespace velquin::pulse {
 
 // How long any single round trip to the server may take before we give up on it.
-inline constexpr std::chrono::milliseconds kRequestTimeout{3000};
+inline constexpr std::chrono::milliseconds requestTimeout{3000};
 
 struct MainloopDeleter {
     void operator()(pa_threaded_mainloop* loop) const;  // stops the thread (lock NOT held), then frees
@@ -78,7 +78,7 @@ bool waitUntil(pa_threaded_mainloop* loop, std::chrono::milliseconds timeout,
 // (PA_ERR_TIMEOUT when the server did not answer in time). Replaces the context's state callback;
 // the caller installs its own afterwards.
 int connect(pa_threaded_mainloop* loop, pa_context* context,
-            std::chrono::milliseconds timeout = kRequestTimeout);
+            std::chrono::milliseconds timeout = requestTimeout);
 
 struct DeviceInfo {
     std::string name;

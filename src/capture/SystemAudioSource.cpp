@@ -7,26 +7,23 @@
 namespace velquin {
 
 SystemAudioSource::SystemAudioSource()
-    : capture_(*this, {.records = pulse::Capture::Records::defaultSink,
-                       .threadName = "velquin.monitor",
-                       .streamName = "System Audio",
-                       // 20 ms fragments: a steady delivery cadence without keeping the whole sound
-                       // system busy.
-                       .fragmentFrames = 0,
-                       // The largest block the server hands out in one piece (one 64 KiB memory block
-                       // of floats), so that the mix buffer never has to grow while running.
-                       .reserveFrames = 16384}) {}
-
-SystemAudioSource::~SystemAudioSource() {
-    stop();
-}
+    : CaptureSource(AudioSourceKind::systemAudio,
+                    {.records = pulse::Capture::Records::defaultSink,
+                     .threadName = "velquin.monitor",
+                     .streamName = "System Audio",
+                     // 20 ms fragments: a steady delivery cadence without keeping the whole sound
+                     // system busy.
+                     .fragmentFrames = 0,
+                     // The largest block the server hands out in one piece (one 64 KiB memory block
+                     // of floats), so that the mix buffer never has to grow while running.
+                     .reserveFrames = 16384}) {}
 
 void SystemAudioSource::start() {
-    if (const int error = capture_.start()) throw AudioSourceError::serverUnreachable(error);
+    CaptureSource::start();
 
     // The analysis diagnostics switch covers the capture rates too: one place decides where they go.
-    const auto& debug = EngineSettings::parameters().tempo.onDebug;
-    const pulse::Capture::Recording r = capture_.recording();
+    const auto& debug = engineSettings::parameters().tempo.onDebug;
+    const pulse::Capture::Recording r = recording();
     if (!debug || !r.capturing) return;
     debug("tap format rate=" + pulse::rateText(r.stream.rate) + " ch=" + std::to_string(r.stream.channels) +
           " flags=" + std::to_string(static_cast<int>(r.stream.format)) +
@@ -34,10 +31,6 @@ void SystemAudioSource::start() {
           "\naggregate nominal rate=" + pulse::rateText(r.device.rate) +
           "\noutput device nominal rate=" + pulse::rateText(r.sinkRate > 0 ? double(r.sinkRate) : -1.0) +
           "\nusing rate=" + pulse::rateText(sampleRate()) + "\n");
-}
-
-void SystemAudioSource::stop() {
-    capture_.stop();
 }
 
 }  // namespace velquin

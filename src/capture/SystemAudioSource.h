@@ -7,24 +7,14 @@
 // The default sink is followed wherever it goes (pulse::Capture): a new default, a sink replaced or
 // gone and back, the server restarted. Only a server that does not answer at start is an error.
 
-#include "capture/AudioSource.h"
 #include "capture/PulseCapture.h"
 
 namespace velquin {
 
-class SystemAudioSource final : public AudioSource {
+class SystemAudioSource final : public pulse::CaptureSource {
   public:
     SystemAudioSource();
-    ~SystemAudioSource() override;  // stops
-    SystemAudioSource(const SystemAudioSource&) = delete;
-    SystemAudioSource& operator=(const SystemAudioSource&) = delete;
-
-    double sampleRate() const override { return capture_.sampleRate(); }
     void start() override;
-    void stop() override;
-
-  private:
-    pulse::Capture capture_;
 };
 
 }  // namespace velquin

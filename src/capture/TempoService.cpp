@@ -39,7 +39,7 @@ struct TempoService::Live {
         bool stalled = false;
     };
 
-    explicit Live(TempoService* owner) : owner(owner) {
+    explicit Live(TempoService* service) : owner(service) {
         thread.setObjectName(QStringLiteral("com.orvane.velquin.analysis"));
         worker.moveToThread(&thread);
         thread.start();

@@ -34,7 +34,7 @@ class TempoService : public QObject {
     using SourceFactory = std::function<std::unique_ptr<AudioSource>(AudioSourceKind)>;
 
     explicit TempoService(SourceFactory sourceFactory = {},
-                          AnalyzerParameters parameters = EngineSettings::parameters());
+                          AnalyzerParameters parameters = engineSettings::parameters());
     ~TempoService() override;  // stops a running service
 
     void start(AudioSourceKind kind);

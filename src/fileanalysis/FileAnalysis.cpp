@@ -31,7 +31,7 @@
 #include "fileanalysis/ChunkQueue.h"
 #include "system/OutputFile.h"
 
-namespace velquin::FileAnalysis {
+namespace velquin::fileAnalysis {
 
 namespace {
 
@@ -170,10 +170,10 @@ struct Streamed {
 int64_t streamPrecise(AudioFileReader& reader, BPMBounds bounds, const FileAnalysisOptions& options,
                       int64_t maximumFrames, Streamed& result) {
     const double rate = reader.sampleRate();
-    const AnalyzerParameters& parameters = EngineSettings::parameters();
+    const AnalyzerParameters& parameters = engineSettings::parameters();
     PreciseTempoAnalyzer tempo(rate);
     KeyAnalyzer key(rate, true, parameters.key);
-    key.dumpFrames = true;  // the precise key takes every frame as it comes
+    key.setDumpFrames(true);  // the precise key takes every frame as it comes
     PreciseKey::Accumulator frames;
     std::vector<Consumer> consumers;
     consumers.push_back({[&](std::span<const float> block) { tempo.append(block); },
@@ -196,7 +196,7 @@ int64_t streamPrecise(AudioFileReader& reader, BPMBounds bounds, const FileAnaly
 Streamed streamFile(AudioFileReader& reader, const Stream& stream, const FileAnalysisOptions& options) {
     const double rate = reader.sampleRate();
     const auto bounds = velquin::bounds(stream.range);
-    const AnalyzerParameters& parameters = EngineSettings::parameters();
+    const AnalyzerParameters& parameters = engineSettings::parameters();
     Streamed result;
     std::vector<Consumer> consumers;
 
@@ -279,8 +279,8 @@ Timeline keyTimeline(const std::string& path, double everySeconds, const FileAna
 void dumpChroma(const std::string& inputPath, const std::string& outputPath,
                 const FileAnalysisOptions& options) {
     AudioFileReader reader(inputPath);
-    KeyAnalyzer analyzer(reader.sampleRate(), true, EngineSettings::parameters().key);
-    analyzer.dumpFrames = true;
+    KeyAnalyzer analyzer(reader.sampleRate(), true, engineSettings::parameters().key);
+    analyzer.setDumpFrames(true);
     Stream stream;
     stream.withTempo = false;  // the dump is the key analyzer's alone
     stream.keyAnalyzer = &analyzer;
@@ -302,4 +302,4 @@ void dumpChroma(const std::string& inputPath, const std::string& outputPath,
     output.commit();
 }
 
-}  // namespace velquin::FileAnalysis
+}  // namespace velquin::fileAnalysis

@@ -28,7 +28,7 @@ namespace velquin {
 
 class AudioFileReader;
 
-namespace FileAnalysis {
+namespace fileAnalysis {
 
 // How the analyzers share the work: each on its own thread behind a decoder (with one core, all on the
 // calling thread), or always all on the calling thread. Both give the same results, bit for bit.
@@ -71,5 +71,5 @@ Timeline keyTimeline(const std::string& path, double everySeconds, const FileAna
 void dumpChroma(const std::string& inputPath, const std::string& outputPath,
                 const FileAnalysisOptions& options = {});
 
-}  // namespace FileAnalysis
+}  // namespace fileAnalysis
 }  // namespace velquin

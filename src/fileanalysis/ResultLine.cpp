@@ -11,7 +11,7 @@ std::string resultLine(const TempoEstimate& tempo, const KeyEstimate& key) {
     std::string keyText = "no key";
     if (key.key) {
         const std::string alternative = key.alternative ? " or " + key.alternative->shortName() : "";
-        keyText = format("%-4@ %-4@ (%3.0f%%)%@  tuning %+5.1f cents", key.key->shortName(),
+        keyText = format("%-4s %-4s (%3.0f%%)%s  tuning %+5.1f cents", key.key->shortName(),
                          key.key->camelot(), key.confidence * 100, alternative, key.tuningCents);
     }
     return tempoText + "  " + keyText;

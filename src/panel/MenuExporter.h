@@ -50,8 +50,6 @@ class MenuExporter : public QObject, protected QDBusContext {
     // Called before the panel opens the top of the menu, to bring items read from elsewhere up to date.
     std::function<void()> onAboutToShow;
 
-    // The item's id, or -1 when the action is not (yet) in the exported menu.
-    int idOf(const QAction* action) const { return ids_.value(action, -1); }
     // The label text in the protocol's form: "_" marks the mnemonic, "__" is a plain underscore.
     static QString label(const QString& actionText);
     // What the panel shows for the action: its text, or a widget line's plain label text.

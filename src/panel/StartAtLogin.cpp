@@ -7,7 +7,7 @@
 
 #include "system/XdgPaths.h"
 
-namespace velquin::panel::StartAtLogin {
+namespace velquin::panel::startAtLogin {
 namespace {
 
 QString qpath(const std::filesystem::path& p) {
@@ -77,4 +77,4 @@ std::optional<QString> setEnabled(bool enabled, const QString& program) {
     return std::nullopt;
 }
 
-}  // namespace velquin::panel::StartAtLogin
+}  // namespace velquin::panel::startAtLogin

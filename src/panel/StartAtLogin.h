@@ -7,7 +7,7 @@
 #include <filesystem>
 #include <optional>
 
-namespace velquin::panel::StartAtLogin {
+namespace velquin::panel::startAtLogin {
 
 // Empty when no home folder is known.
 std::filesystem::path entryPath();
@@ -16,4 +16,4 @@ bool isEnabled();
 // Writes an entry that starts `program` (an absolute path), or removes it. The error text on failure.
 std::optional<QString> setEnabled(bool enabled, const QString& program);
 
-}  // namespace velquin::panel::StartAtLogin
+}  // namespace velquin::panel::startAtLogin

@@ -84,8 +84,6 @@ class StatusNotifierItem : public QObject {
     void registerWithWatcher();
     void setAvailable(bool available);
     void askHost();
-    void sendIcon();
-    void sendToolTip();
 
     QMenu* menu_;
     IconPainter painter_;

@@ -10,22 +10,22 @@ namespace velquin {
 
 namespace {
 
-const QString kPrefix = QStringLiteral("org.mpris.MediaPlayer2.");
-const QString kPath = QStringLiteral("/org/mpris/MediaPlayer2");
-const QString kPlayerInterface = QStringLiteral("org.mpris.MediaPlayer2.Player");
-const QString kProperties = QStringLiteral("org.freedesktop.DBus.Properties");
-const QString kBus = QStringLiteral("org.freedesktop.DBus");
-constexpr int kCallTimeoutMs = 5000;
+const QString mprisPrefix = QStringLiteral("org.mpris.MediaPlayer2.");
+const QString mprisPath = QStringLiteral("/org/mpris/MediaPlayer2");
+const QString playerInterface = QStringLiteral("org.mpris.MediaPlayer2.Player");
+const QString propertiesInterface = QStringLiteral("org.freedesktop.DBus.Properties");
+const QString busService = QStringLiteral("org.freedesktop.DBus");
+constexpr int callTimeoutMs = 5000;
 
 }  // namespace
 
 MprisWatcher::MprisWatcher(QDBusConnection bus, QObject* parent) : QObject(parent), bus_(std::move(bus)) {}
 
 void MprisWatcher::start() {
-    bus_.connect(kBus, QStringLiteral("/org/freedesktop/DBus"), kBus, QStringLiteral("NameOwnerChanged"),
-                 this, SLOT(nameOwnerChanged(QString, QString, QString)));
+    bus_.connect(busService, QStringLiteral("/org/freedesktop/DBus"), busService,
+                 QStringLiteral("NameOwnerChanged"), this, SLOT(nameOwnerChanged(QString, QString, QString)));
     // One subscription for every sender: the sender's unique name tells the players apart.
-    bus_.connect(QString(), kPath, kProperties, QStringLiteral("PropertiesChanged"), this,
+    bus_.connect(QString(), mprisPath, propertiesInterface, QStringLiteral("PropertiesChanged"), this,
                  SLOT(propertiesChanged(QDBusMessage)));
     listNames();
 }
@@ -50,15 +50,15 @@ QString MprisWatcher::followedName() const {
 }
 
 void MprisWatcher::listNames() {
-    const auto call = QDBusMessage::createMethodCall(kBus, QStringLiteral("/org/freedesktop/DBus"), kBus,
-                                                     QStringLiteral("ListNames"));
-    auto* watcher = new QDBusPendingCallWatcher(bus_.asyncCall(call, kCallTimeoutMs), this);
+    const auto call = QDBusMessage::createMethodCall(busService, QStringLiteral("/org/freedesktop/DBus"),
+                                                     busService, QStringLiteral("ListNames"));
+    auto* watcher = new QDBusPendingCallWatcher(bus_.asyncCall(call, callTimeoutMs), this);
     connect(watcher, &QDBusPendingCallWatcher::finished, this, [this](QDBusPendingCallWatcher* w) {
         w->deleteLater();
         const QDBusPendingReply<QStringList> reply = *w;
         if (reply.isError()) return;
         for (const QString& name : reply.value()) {
-            if (name.startsWith(kPrefix) && !players_.count(name)) {
+            if (name.startsWith(mprisPrefix) && !players_.count(name)) {
                 players_[name];
                 fetch(name);
             }
@@ -67,9 +67,10 @@ void MprisWatcher::listNames() {
 }
 
 void MprisWatcher::fetch(const QString& name) {
-    auto call = QDBusMessage::createMethodCall(name, kPath, kProperties, QStringLiteral("GetAll"));
-    call << kPlayerInterface;
-    auto* watcher = new QDBusPendingCallWatcher(bus_.asyncCall(call, kCallTimeoutMs), this);
+    auto call =
+        QDBusMessage::createMethodCall(name, mprisPath, propertiesInterface, QStringLiteral("GetAll"));
+    call << playerInterface;
+    auto* watcher = new QDBusPendingCallWatcher(bus_.asyncCall(call, callTimeoutMs), this);
     connect(watcher, &QDBusPendingCallWatcher::finished, this, [this, name](QDBusPendingCallWatcher* w) {
         w->deleteLater();
         const QDBusMessage reply = w->reply();
@@ -87,7 +88,7 @@ void MprisWatcher::fetch(const QString& name) {
 
 void MprisWatcher::nameOwnerChanged(const QString& name, const QString& oldOwner, const QString& newOwner) {
     Q_UNUSED(oldOwner);
-    if (!name.startsWith(kPrefix)) return;
+    if (!name.startsWith(mprisPrefix)) return;
     if (newOwner.isEmpty()) {
         if (players_.erase(name)) changed();
         return;
@@ -103,7 +104,7 @@ void MprisWatcher::nameOwnerChanged(const QString& name, const QString& oldOwner
 
 void MprisWatcher::propertiesChanged(const QDBusMessage& message) {
     const auto args = message.arguments();
-    if (args.size() < 2 || args[0].toString() != kPlayerInterface) return;
+    if (args.size() < 2 || args[0].toString() != playerInterface) return;
     const QString sender = message.service();
     const QVariantMap properties = asMap(args[1]);
     const QStringList invalidated = args.size() > 2 ? args[2].toStringList() : QStringList();

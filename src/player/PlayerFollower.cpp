@@ -19,7 +19,7 @@ bool sameReading(const std::optional<PlayerReading>& a, const std::optional<Play
 }  // namespace
 
 PlayerFollower::PlayerFollower(QDBusConnection bus, std::shared_ptr<TrackCache> cache,
-                               FileAnalysis::Analyzer analyze, QObject* parent)
+                               fileAnalysis::Analyzer analyze, QObject* parent)
     : QObject(parent), watcher_(std::move(bus)) {
     watcher_.onChange = [this] { update(); };
     worker_ = std::make_unique<TrackAnalysisWorker>(std::move(cache), std::move(analyze));
@@ -51,7 +51,7 @@ void PlayerFollower::setRange(TempoRange range) {
     update();
 }
 
-void PlayerFollower::setAnalysis(FileAnalysis::Analysis analysis) {
+void PlayerFollower::setAnalysis(fileAnalysis::Analysis analysis) {
     if (analysis == analysis_) return;
     analysis_ = analysis;
     update();

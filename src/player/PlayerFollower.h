@@ -35,7 +35,7 @@ class PlayerFollower : public QObject {
   public:
     // `cache` may be null. `analyze` is the whole-file analysis (tests count calls through it).
     PlayerFollower(QDBusConnection bus, std::shared_ptr<TrackCache> cache,
-                   FileAnalysis::Analyzer analyze = FileAnalysis::analyzeFile, QObject* parent = nullptr);
+                   fileAnalysis::Analyzer analyze = fileAnalysis::analyzeFile, QObject* parent = nullptr);
     ~PlayerFollower() override;  // stops the worker thread
 
     void start();  // starts watching the bus
@@ -44,7 +44,7 @@ class PlayerFollower : public QObject {
     // The range the next file is read with; a playing file is read again with the new range.
     void setRange(TempoRange range);
     // The analysis the next file gets; a playing file is read again with the new one.
-    void setAnalysis(FileAnalysis::Analysis analysis);
+    void setAnalysis(fileAnalysis::Analysis analysis);
 
     // None: nothing to follow, so the live reading shows.
     const std::optional<PlayerReading>& reading() const { return reading_; }
@@ -59,7 +59,7 @@ class PlayerFollower : public QObject {
     struct Wanted {
         std::string path;
         TempoRange range;
-        FileAnalysis::Analysis analysis;
+        fileAnalysis::Analysis analysis;
     };
     struct Known {
         Wanted file;
@@ -74,7 +74,7 @@ class PlayerFollower : public QObject {
     MprisWatcher watcher_;
     bool enabled_ = true;
     TempoRange range_ = TempoRange::Auto;
-    FileAnalysis::Analysis analysis_ = FileAnalysis::Analysis::specified;
+    fileAnalysis::Analysis analysis_ = fileAnalysis::Analysis::specified;
     std::optional<Wanted> wanted_;  // the file the followed player plays
     std::optional<Known> known_;    // the last file read, kept for a resume or a rate change
     uint64_t jobId_ = 0;

@@ -24,7 +24,7 @@ int makeEventFd() {
 
 }  // namespace
 
-TrackAnalysisWorker::TrackAnalysisWorker(std::shared_ptr<TrackCache> cache, FileAnalysis::Analyzer analyze)
+TrackAnalysisWorker::TrackAnalysisWorker(std::shared_ptr<TrackCache> cache, fileAnalysis::Analyzer analyze)
     : cache_(std::move(cache)),
       analyze_(std::move(analyze)),
       readyFd_(makeEventFd()),
@@ -111,7 +111,7 @@ TrackAnalysisWorker::Outcome TrackAnalysisWorker::process(const Job& job, std::s
     try {
         outcome.result =
             analyze_(job.path, job.range, {.onProgress = {}, .stop = stop, .analysis = job.analysis});
-    } catch (const FileAnalysis::AnalysisCancelled&) {
+    } catch (const fileAnalysis::AnalysisCancelled&) {
         return Outcome{};
     } catch (const std::exception& e) {
         outcome.error = e.what();

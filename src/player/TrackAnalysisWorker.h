@@ -24,7 +24,7 @@ class TrackAnalysisWorker {
         uint64_t id = 0;
         std::string path;
         TempoRange range = TempoRange::Auto;
-        FileAnalysis::Analysis analysis = FileAnalysis::Analysis::specified;
+        fileAnalysis::Analysis analysis = fileAnalysis::Analysis::specified;
     };
     struct Outcome {
         uint64_t id = 0;
@@ -35,7 +35,7 @@ class TrackAnalysisWorker {
     // `cache` may be null (every request is analysed). `analyze` throws the decoder's errors
     // (std::exception; what() is the text for the log).
     explicit TrackAnalysisWorker(std::shared_ptr<TrackCache> cache,
-                                 FileAnalysis::Analyzer analyze = FileAnalysis::analyzeFile);
+                                 fileAnalysis::Analyzer analyze = fileAnalysis::analyzeFile);
     ~TrackAnalysisWorker();  // cancels what runs and waits for the thread
     TrackAnalysisWorker(const TrackAnalysisWorker&) = delete;
     TrackAnalysisWorker& operator=(const TrackAnalysisWorker&) = delete;
@@ -59,7 +59,7 @@ class TrackAnalysisWorker {
     Outcome process(const Job& job, std::stop_token stop, AnalysisCache::Key& key);
 
     std::shared_ptr<TrackCache> cache_;
-    FileAnalysis::Analyzer analyze_;
+    fileAnalysis::Analyzer analyze_;
     int readyFd_ = -1;  // an eventfd
     std::mutex mutex_;
     std::condition_variable wake_;

@@ -12,7 +12,7 @@ namespace velquin::scan {
 
 namespace {
 
-constexpr size_t kHeadSize = 64 * 1024;  // how far a leading run of junk before MPEG frames is searched
+constexpr size_t headSize = 64 * 1024;  // how far a leading run of junk before MPEG frames is searched
 
 size_t readAt(int fd, int64_t offset, unsigned char* buffer, size_t size) {
     return static_cast<size_t>(std::max<int64_t>(readBytesAt(fd, offset, buffer, size), 0));
@@ -53,8 +53,8 @@ bool adtsHeader(const unsigned char* data) {
 // MPEG frames from `offset` on, within the head: two in a row where nothing else says what the file is
 // (one after an ID3v2 tag, which already says it). Junk before the first frame is passed over.
 Container framesAt(int fd, int64_t offset, bool tagged) {
-    std::array<unsigned char, kHeadSize + 4> head{};
-    const size_t size = readAt(fd, offset, head.data(), kHeadSize);
+    std::array<unsigned char, headSize + 4> head{};
+    const size_t size = readAt(fd, offset, head.data(), headSize);
     for (size_t at = 0; at + 4 <= size; ++at) {
         if (head[at] != 0xFF) continue;
         if (adtsHeader(&head[at])) return Container::adts;

@@ -24,9 +24,9 @@ namespace velquin::scan {
 
 namespace {
 
-constexpr std::array<std::string_view, 19> kExtensions = {"mp3", "m4a", "aac",  "flac", "ogg", "oga", "opus",
-                                                          "wav", "aif", "aiff", "wma",  "ape", "wv",  "mka",
-                                                          "mp4", "m4v", "mov",  "mkv",  "webm"};
+constexpr std::array<std::string_view, 19> audioExtensions = {
+    "mp3", "m4a", "aac", "flac", "ogg", "oga", "opus", "wav", "aif", "aiff",
+    "wma", "ape", "wv",  "mka",  "mp4", "m4v", "mov",  "mkv", "webm"};
 
 std::string lowercase(std::string_view text) {
     std::string result(text);
@@ -41,7 +41,7 @@ struct SystemFileSystem {
     std::uint32_t magic;  // statfs's f_type
     const char* name;
 };
-constexpr SystemFileSystem kSystemFileSystems[] = {
+constexpr SystemFileSystem systemFileSystems[] = {
     {0x9fa0, "proc"},           {0x62656572, "sysfs"},    {0x27e0eb, "cgroup"},
     {0x63677270, "cgroup2"},    {0x64626720, "debugfs"},  {0x74726163, "tracefs"},
     {0x73636673, "securityfs"}, {0x6165676C, "pstore"},   {0xcafe4a11, "bpf"},
@@ -50,7 +50,7 @@ constexpr SystemFileSystem kSystemFileSystems[] = {
     {0x43415d53, "smackfs"},    {0xde5e81e4, "efivarfs"}, {0x42494e4d, "binfmt_misc"},
     {0x6e736673, "nsfs"},       {0x50495045, "pipefs"},
 };
-constexpr std::uint32_t kTmpfsMagic = 0x01021994;
+constexpr std::uint32_t tmpfsMagic = 0x01021994;
 
 // devtmpfs (/dev) has tmpfs's magic number, and tmpfs is an ordinary place for files: only the mount
 // table tells them apart.
@@ -145,9 +145,9 @@ class Walker {
         if (::statfs(folder.c_str(), &fs) != 0) return nullptr;  // opendir will say what is wrong
         // f_type is a signed word of the platform's size; the magic numbers are 32 bits.
         const auto type = static_cast<std::uint32_t>(fs.f_type);
-        for (const auto& system : kSystemFileSystems)
+        for (const auto& system : systemFileSystems)
             if (type == system.magic) return system.name;
-        if (type == kTmpfsMagic) {
+        if (type == tmpfsMagic) {
             if (!devtmpfs_) devtmpfs_ = devtmpfsDevices();
             if (devtmpfs_->contains(info.st_dev)) return "devtmpfs";
         }
@@ -166,7 +166,7 @@ bool isAudioFileName(const std::string& name) {
     const size_t dot = name.rfind('.');
     if (dot == std::string::npos || dot + 1 == name.size()) return false;
     const std::string extension = lowercase(std::string_view(name).substr(dot + 1));
-    return std::find(kExtensions.begin(), kExtensions.end(), extension) != kExtensions.end();
+    return std::find(audioExtensions.begin(), audioExtensions.end(), extension) != audioExtensions.end();
 }
 
 FoundFiles findAudioFiles(const std::vector<std::string>& roots,

@@ -46,12 +46,12 @@ void Progress::update(size_t done, size_t total, const std::string& current, boo
 
     const double elapsed = std::chrono::duration<double>(now - start_).count();
     const std::string left = done > 0 ? clockText(elapsed * static_cast<double>(total - done) / done) : "?";
-    constexpr int kBarWidth = 20;
-    const int filled = total > 0 ? static_cast<int>(kBarWidth * done / total) : 0;
+    constexpr int barWidth = 20;
+    const int filled = total > 0 ? static_cast<int>(barWidth * done / total) : 0;
     std::string bar = "[" + std::string(static_cast<size_t>(filled), '#') +
-                      std::string(static_cast<size_t>(kBarWidth - filled), '-') + "]";
+                      std::string(static_cast<size_t>(barWidth - filled), '-') + "]";
     std::string line =
-        format("%@ %zu/%zu  %@ elapsed, %@ left  ", bar, done, total, clockText(elapsed), left);
+        format("%s %zu/%zu  %s elapsed, %s left  ", bar, done, total, clockText(elapsed), left);
     const size_t width = terminalWidth(stream_) - 1;  // the last column would wrap on some terminals
     if (characterCount(line) < width) line += tail(shownText(current), width - characterCount(line));
     std::fprintf(stream_, "\r\033[K%s", line.c_str());

@@ -4,7 +4,7 @@
 
 namespace velquin::scan {
 
-const char* const kHelpText =
+const char* const helpText =
     "Usage: velquin-scan [OPTIONS] PATH...\n"
     "Analyses the tempo and key of every audio file in the given files and folders (folders are\n"
     "searched recursively; hidden entries are skipped) and prints one result per file, sorted by path.\n"
@@ -95,12 +95,12 @@ ParsedOptions parseOptions(const std::vector<std::string>& arguments, int defaul
             options.jobs = *jobs;
         } else if (argument == "--range") {
             const auto text = value();
-            const auto range = text ? tempoRangeFromRaw(*text) : std::nullopt;
+            const auto range = text ? tempoRangeFromTextName(*text) : std::nullopt;
             if (!range) return fail("--range needs one of auto, verySlow, slow, standard, fast");
             options.range = *range;
         } else if (argument == "--analysis") {
             const auto text = value();
-            const auto analysis = text ? FileAnalysis::analysisFromRaw(*text) : std::nullopt;
+            const auto analysis = text ? fileAnalysis::analysisFromTextName(*text) : std::nullopt;
             if (!analysis) return fail("--analysis needs one of specified, precise");
             options.analysis = *analysis;
         } else if (argument == "--format") {

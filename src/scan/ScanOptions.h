@@ -16,7 +16,7 @@ struct ScanOptions {
     std::vector<std::string> paths;
     int jobs = 1;
     TempoRange range = TempoRange::Auto;
-    FileAnalysis::Analysis analysis = FileAnalysis::Analysis::specified;
+    fileAnalysis::Analysis analysis = fileAnalysis::Analysis::specified;
     OutputFormat format = OutputFormat::table;
     bool writeTags = false;
     bool camelotTags = false;  // --key-notation camelot: the key tag holds "8A"
@@ -34,6 +34,6 @@ struct ParsedOptions {
 // `arguments` without the program name. `defaultJobs` and `stdoutIsTerminal` supply the defaults.
 ParsedOptions parseOptions(const std::vector<std::string>& arguments, int defaultJobs, bool stdoutIsTerminal);
 
-extern const char* const kHelpText;
+extern const char* const helpText;
 
 }  // namespace velquin::scan

@@ -42,13 +42,13 @@ std::vector<Field> fieldsOf(const ScanRow& row) {
         number(ifKey("%.1f", r ? r->key.tuningCents : 0)),
         number(r ? std::optional(format("%.3f", r->durationSeconds)) : std::nullopt),
         text(row.error.empty() ? std::nullopt : std::optional(row.error)),
-        text(std::string(FileAnalysis::rawValue(row.analysis))),
+        text(std::string(fileAnalysis::textName(row.analysis))),
     };
 }
 
-constexpr const char* kNames[] = {"path",           "bpm",         "bpm_confidence", "key",        "camelot",
-                                  "key_confidence", "alternative", "tuning_cents",   "duration_s", "error",
-                                  "analysis"};
+constexpr const char* fieldNames[] = {
+    "path",        "bpm",          "bpm_confidence", "key",   "camelot", "key_confidence",
+    "alternative", "tuning_cents", "duration_s",     "error", "analysis"};
 
 std::string csvField(const Field& field) {
     if (!field.value) return "";
@@ -138,7 +138,7 @@ std::string shownText(std::string_view text) {
 std::string headerLine(OutputFormat format) {
     if (format != OutputFormat::csv) return "";
     std::string line;
-    for (const char* name : kNames) line += (line.empty() ? "" : ",") + std::string(name);
+    for (const char* name : fieldNames) line += (line.empty() ? "" : ",") + std::string(name);
     return line;
 }
 
@@ -155,7 +155,7 @@ std::string rowLine(OutputFormat outputFormat, const ScanRow& row) {
             line += csvField(fields[i]);
             continue;
         }
-        line += "\"" + std::string(kNames[i]) + "\":";
+        line += "\"" + std::string(fieldNames[i]) + "\":";
         if (!fields[i].value)
             line += "null";
         else

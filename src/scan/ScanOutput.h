@@ -14,7 +14,7 @@ struct ScanRow {
     std::string path;                  // as found from the command line
     std::optional<FileResult> result;  // absent when the analysis failed
     std::string error;                 // the analysis error, or why the file was not tagged
-    FileAnalysis::Analysis analysis = FileAnalysis::Analysis::specified;
+    fileAnalysis::Analysis analysis = fileAnalysis::Analysis::specified;
 };
 
 // `text` fit for a terminal: control characters, bytes that are not UTF-8 and the backslash become

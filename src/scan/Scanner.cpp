@@ -185,12 +185,12 @@ class Scan {
             ++fromCache_;
         } else {
             try {
-                row.result = FileAnalysis::analyzeFile(row.path, options_.range,
+                row.result = fileAnalysis::analyzeFile(row.path, options_.range,
                                                        {.onProgress = {},
                                                         .stop = stop,
                                                         // Each job is one thread: the scan's own workers
                                                         // already keep every core busy.
-                                                        .execution = FileAnalysis::Execution::sequential,
+                                                        .execution = fileAnalysis::Execution::sequential,
                                                         .analysis = options_.analysis});
             } catch (const std::exception& error) {
                 if (stop.stop_requested()) return false;
@@ -321,12 +321,12 @@ int runScan(const ScanOptions& options, std::FILE* out, std::FILE* err, const st
     }
 
     const double seconds = std::chrono::duration<double>(Clock::now() - started).count();
-    putLine(err, format("velquin-scan: %zu %@ in %.1f s (%zu from the cache)", scan.total(),
+    putLine(err, format("velquin-scan: %zu %s in %.1f s (%zu from the cache)", scan.total(),
                         scan.total() == 1 ? "file" : "files", seconds, scan.fromCache()));
     const size_t failed = scan.failures();
-    if (failed > 0) putLine(err, format("%zu %@ failed", failed, failed == 1 ? "file" : "files"));
+    if (failed > 0) putLine(err, format("%zu %s failed", failed, failed == 1 ? "file" : "files"));
     if (found.skipped > 0)
-        putLine(err, format("%zu %@ could not be searched", found.skipped,
+        putLine(err, format("%zu %s could not be searched", found.skipped,
                             found.skipped == 1 ? "folder or file" : "folders or files"));
     return failed > 0 || found.skipped > 0 ? 1 : 0;
 }

@@ -22,9 +22,9 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr std::string_view kMakingPrefix = ".velquin-tag-";
-constexpr std::string_view kReadyPrefix = ".velquin-ready-";
-constexpr std::string_view kOldMarker = ".velquin-";  // earlier versions: ".NAME.velquin-PID-XXXXXX.ext"
+constexpr std::string_view makingPrefix = ".velquin-tag-";
+constexpr std::string_view readyPrefix = ".velquin-ready-";
+constexpr std::string_view oldMarker = ".velquin-";  // earlier versions: ".NAME.velquin-PID-XXXXXX.ext"
 
 std::mutex copiesMutex;
 std::set<std::string> copiesBeingMade;  // guarded by copiesMutex
@@ -85,8 +85,8 @@ std::optional<std::string> finishFile(int fd, const struct timespec* times, std:
 }
 
 std::optional<ino_t> readyInode(std::string_view name) {
-    if (!name.starts_with(kReadyPrefix)) return std::nullopt;
-    const std::string digits(name.substr(kReadyPrefix.size()));
+    if (!name.starts_with(readyPrefix)) return std::nullopt;
+    const std::string digits(name.substr(readyPrefix.size()));
     char* end = nullptr;
     const unsigned long long inode = std::strtoull(digits.c_str(), &end, 10);
     if (digits.empty() || *end != '\0') return std::nullopt;
@@ -141,7 +141,7 @@ void finishReadyCopy(const fs::path& copy, ino_t inode, std::optional<fs::path> 
 }  // namespace
 
 TagCopy::TagCopy(const fs::path& folder) : folder_(folder) {
-    std::string name = (folder / (std::string(kMakingPrefix) + "XXXXXX")).string();
+    std::string name = (folder / (std::string(makingPrefix) + "XXXXXX")).string();
     std::lock_guard lock(copiesMutex);
     if (copiesAbandoned) {
         errno = ECANCELED;
@@ -162,7 +162,7 @@ TagCopy::~TagCopy() {
 }
 
 bool TagCopy::markReady(ino_t inode) {
-    const std::string ready = (folder_ / (std::string(kReadyPrefix) + std::to_string(inode))).string();
+    const std::string ready = (folder_ / (std::string(readyPrefix) + std::to_string(inode))).string();
     {
         std::lock_guard lock(copiesMutex);
         if (copiesBeingMade.count(name_) == 0) {
@@ -234,7 +234,7 @@ void removeIfStaleTagCopy(const std::string& path) {
         finishReadyCopy(copy, *inode, std::nullopt);
         return;
     }
-    if (name.starts_with(kMakingPrefix)) {
+    if (name.starts_with(makingPrefix)) {
         const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
         if (fd < 0) return;
         struct stat info {};
@@ -243,9 +243,9 @@ void removeIfStaleTagCopy(const std::string& path) {
         ::close(fd);
         return;
     }
-    const size_t marker = name.rfind(kOldMarker);
+    const size_t marker = name.rfind(oldMarker);
     if (marker == std::string::npos || marker == 0) return;
-    const char* digits = name.c_str() + marker + kOldMarker.size();
+    const char* digits = name.c_str() + marker + oldMarker.size();
     char* end = nullptr;
     const long pid = std::strtol(digits, &end, 10);
     if (end == digits || *end != '-' || pid <= 0) return;
@@ -253,7 +253,7 @@ void removeIfStaleTagCopy(const std::string& path) {
 }
 
 void finishLeftCopy(const fs::path& target, ino_t inode) {
-    const fs::path copy = target.parent_path() / (std::string(kReadyPrefix) + std::to_string(inode));
+    const fs::path copy = target.parent_path() / (std::string(readyPrefix) + std::to_string(inode));
     struct stat info {};
     if (::lstat(copy.c_str(), &info) == 0) finishReadyCopy(copy, inode, target);
 }

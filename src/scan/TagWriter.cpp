@@ -87,7 +87,7 @@ TagValues valuesFor(const TempoEstimate& tempo, const KeyEstimate& key, const Ta
         values.bpm = static_cast<int>(std::lround(tempo.bpm));
     else
         notes.emplace_back("BPM not written: no tempo");
-    if (key.key && key.confidence >= kWeakConfidence) {
+    if (key.key && key.confidence >= weakConfidence) {
         const std::string name = tagKeyName(*key.key), camelot = key.key->camelot();
         values.key = request.camelot ? camelot : name;
         values.otherKey = request.camelot ? name : camelot;

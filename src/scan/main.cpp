@@ -34,7 +34,7 @@ int main(int argc, char** argv) {
                      shownText(parsed.error).c_str());
         return 2;
     }
-    if (parsed.options->help) return printText(kHelpText, stdout, stderr);
+    if (parsed.options->help) return printText(helpText, stdout, stderr);
     if (parsed.options->version) return printText("velquin-scan " VELQUIN_VERSION "\n", stdout, stderr);
     struct sigaction action {};
     action.sa_handler = onStopSignal;

@@ -145,7 +145,7 @@ void AppMenu::createItems() {
     QActionGroup* ranges = group();
     for (TempoRange range : allTempoRanges()) {
         QAction* a = ranges->addAction(checkable(QString::fromStdString(menuTitle(range))));
-        a->setData(rawText(rawValue(range)));
+        a->setData(qTextName(textName(range)));
         items_.rangeItems[range] = a;
     }
     const std::map<RelativePreference, QString> relativeTitles = {
@@ -156,7 +156,7 @@ void AppMenu::createItems() {
     QActionGroup* ties = group();
     for (RelativePreference preference : allRelativePreferences()) {
         QAction* a = ties->addAction(checkable(relativeTitles.at(preference)));
-        a->setData(rawText(rawValue(preference)));
+        a->setData(qTextName(textName(preference)));
         items_.relativeItems[preference] = a;
     }
 }

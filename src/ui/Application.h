@@ -1,7 +1,8 @@
 #pragma once
 // The desktop application's start, for the entry point's rows that name no terminal mode:
 //
-//     return velquin::runDesktopApp(argc, argv, [](std::string_view line) { velquin::Log::write(line); });
+//     return velquin::runDesktopApp(argc, argv,
+//                                   [](std::string_view line) { velquin::diagnosticLog::write(line); });
 //
 // Prefers X11 (XWayland) on a Wayland session, creates the QApplication ("Velquin" as organization
 // and application, so the settings live in ~/.config/Velquin/Velquin.conf), creates the DesktopApp,

@@ -9,13 +9,13 @@
 
 #include "analysis/Confidence.h"
 
-namespace velquin::ConfidenceRing {
+namespace velquin::confidenceRing {
 namespace {
 
 // Fixed rather than from the palette: the ring has to read the same on light and dark panels, and
 // themes rarely define a usable orange, yellow and green.
 QColor color(double for_) {
-    if (for_ < kWeakConfidence) return QColor(0xF2, 0x8C, 0x28);
+    if (for_ < weakConfidence) return QColor(0xF2, 0x8C, 0x28);
     if (for_ < 0.7) return QColor(0xE6, 0xBE, 0x1E);
     return QColor(0x30, 0xB8, 0x4E);
 }
@@ -48,4 +48,4 @@ QImage image(double confidence, double diameter, double devicePixelRatio) {
     return ring;
 }
 
-}  // namespace velquin::ConfidenceRing
+}  // namespace velquin::confidenceRing

@@ -4,10 +4,10 @@
 
 #include <QImage>
 
-namespace velquin::ConfidenceRing {
+namespace velquin::confidenceRing {
 
 // A `diameter` × `diameter` image (logical pixels) rendered at `devicePixelRatio`. Confidence outside
 // 0…1 is clamped; at 0.01 and below only the track is drawn.
 QImage image(double confidence, double diameter, double devicePixelRatio = 1.0);
 
-}  // namespace velquin::ConfidenceRing
+}  // namespace velquin::confidenceRing

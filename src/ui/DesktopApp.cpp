@@ -105,7 +105,7 @@ void DesktopApp::installQuitShortcuts() {
         return action;
     };
     barQuitAction_ = quitAction(*bar_);
-    shelfQuitAction_ = quitAction(drops_.shelf().panel());
+    shelfQuitAction_ = quitAction(drops_.shelf().window());
 }
 
 void DesktopApp::launch() {
@@ -414,7 +414,7 @@ void DesktopApp::analyzeFile() {
     const std::optional<QString> path = dialogs.chooseAudioFile ? dialogs.chooseAudioFile() : std::nullopt;
     if (!path) return;
     const QString name = QFileInfo(*path).fileName();
-    const FileAnalysis::Analyzer analyzer = withAnalysis(drops_.analyzer, fileAnalysis());
+    const fileAnalysis::Analyzer analyzer = withAnalysis(drops_.analyzer, fileAnalysis());
     menuAnalysis_.start(*path, service_.range(), analyzer, [this, name](FileJobOutcome outcome) {
         if (!outcome.result) {
             if (dialogs.showFileError) dialogs.showFileError(name, outcome.error);

@@ -89,7 +89,7 @@ class DesktopApp : public QObject {
     void toggleNotes();
     void toggleDecimals();
     void togglePrecise();
-    FileAnalysis::Analysis fileAnalysis() const;
+    fileAnalysis::Analysis fileAnalysis() const;
     void toggleCompact();
     void toggleFloatBar();
     void copyBoth();
@@ -137,7 +137,6 @@ class DesktopApp : public QObject {
     ProgressWindow* progressWindow() { return menuAnalysis_.window(); }
     PanelPresence& panel() { return panel_; }
     LayerShellBar* layerBar() { return layerBar_.get(); }
-    MenuPresenter& menuPresenter() { return presenter_; }
 
     // The help page shipped beside the program, or installed with it.
     static QString helpPagePath();

@@ -33,12 +33,12 @@ void DesktopApp::togglePause() {
 
 void DesktopApp::chooseRange(QAction* item) {
     if (!item) return;
-    if (const auto range = tempoRangeFromRaw(item->data().toString().toStdString())) applyRange(*range);
+    if (const auto range = tempoRangeFromTextName(item->data().toString().toStdString())) applyRange(*range);
 }
 
 void DesktopApp::chooseRelative(QAction* item) {
     if (!item) return;
-    const auto preference = relativePreferenceFromRaw(item->data().toString().toStdString());
+    const auto preference = relativePreferenceFromTextName(item->data().toString().toStdString());
     if (!preference) return;
     settings_.relativePreference = *preference;
     store(*store_, *preference);
@@ -68,8 +68,8 @@ void DesktopApp::togglePrecise() {
     toggle(settings_.preciseAnalysis, menu_.items().preciseItem, settingsKey::preciseAnalysis, false);
     follower_.setAnalysis(fileAnalysis());
 }
-FileAnalysis::Analysis DesktopApp::fileAnalysis() const {
-    return settings_.preciseAnalysis ? FileAnalysis::Analysis::precise : FileAnalysis::Analysis::specified;
+fileAnalysis::Analysis DesktopApp::fileAnalysis() const {
+    return settings_.preciseAnalysis ? fileAnalysis::Analysis::precise : fileAnalysis::Analysis::specified;
 }
 void DesktopApp::toggleCompact() {
     toggle(settings_.compact, menu_.items().compactItem, settingsKey::compactBar, true);

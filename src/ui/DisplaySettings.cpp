@@ -14,8 +14,8 @@ std::optional<bool> boolValue(const QVariant& value) {
     return std::nullopt;
 }
 
-QString rawText(std::string_view raw) {
-    return QString::fromLatin1(raw.data(), static_cast<qsizetype>(raw.size()));
+QString qTextName(std::string_view name) {
+    return QString::fromLatin1(name.data(), static_cast<qsizetype>(name.size()));
 }
 
 DisplaySettings DisplaySettings::read(const QSettings& s) {
@@ -26,7 +26,7 @@ DisplaySettings DisplaySettings::read(const QSettings& s) {
     d.useCamelot = flag(settingsKey::useCamelot, false);
     d.showNotes = flag(settingsKey::showNotes, true);
     d.relativePreference =
-        relativePreferenceFromRaw(
+        relativePreferenceFromTextName(
             s.value(QLatin1String(settingsKey::relativePreference)).toString().toStdString())
             .value_or(KeyEstimate::RelativePreference::both);
     d.showDecimals = flag(settingsKey::showDecimals, false);
@@ -44,7 +44,7 @@ AudioSourceKind storedSource(const QSettings& s) {
 }
 
 TempoRange storedRange(const QSettings& s) {
-    return tempoRangeFromRaw(s.value(QLatin1String(settingsKey::tempoRange)).toString().toStdString())
+    return tempoRangeFromTextName(s.value(QLatin1String(settingsKey::tempoRange)).toString().toStdString())
         .value_or(TempoRange::Auto);
 }
 
@@ -53,15 +53,15 @@ void store(QSettings& s, const char* key, bool value) {
 }
 
 void store(QSettings& s, AudioSourceKind kind) {
-    s.setValue(QLatin1String(settingsKey::audioSource), rawText(rawValue(kind)));
+    s.setValue(QLatin1String(settingsKey::audioSource), qTextName(textName(kind)));
 }
 
 void store(QSettings& s, TempoRange range) {
-    s.setValue(QLatin1String(settingsKey::tempoRange), rawText(rawValue(range)));
+    s.setValue(QLatin1String(settingsKey::tempoRange), qTextName(textName(range)));
 }
 
 void store(QSettings& s, KeyEstimate::RelativePreference preference) {
-    s.setValue(QLatin1String(settingsKey::relativePreference), rawText(rawValue(preference)));
+    s.setValue(QLatin1String(settingsKey::relativePreference), qTextName(textName(preference)));
 }
 
 namespace {

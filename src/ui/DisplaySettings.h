@@ -60,7 +60,7 @@ void storeBarMargin(QSettings& settings, const QString& output, int margin);
 // A bool stored by this program or edited by hand: real bools, numbers and the usual words.
 std::optional<bool> boolValue(const QVariant& value);
 
-// A raw value ("verySlow", "microphone", …) as a QString.
-QString rawText(std::string_view raw);
+// A text name ("verySlow", "microphone", …) as a QString.
+QString qTextName(std::string_view name);
 
 }  // namespace velquin

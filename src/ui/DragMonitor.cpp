@@ -114,15 +114,15 @@ void DragMonitor::poll() {
     const bool held = pointer && (pointer->mask & XCB_BUTTON_MASK_1);
     if (held) {
         const QPoint position = x_->usedByQt ? QCursor::pos() : QPoint(pointer->root_x, pointer->root_y);
-        // Dragged events come from movement only; a pointer at rest must not look like a new event.
+        // A drag is reported on movement only; a pointer at rest must not look like a new drag.
         if (position != lastPosition_) {
             lastPosition_ = position;
-            if (onLeftMouseDragged) onLeftMouseDragged(position);
+            if (onPointerDragged) onPointerDragged(position);
         }
     } else {
         following_ = false;
         pollTimer_.stop();
-        if (onLeftMouseUp) onLeftMouseUp();
+        if (onPointerReleased) onPointerReleased();
     }
     readEvents();
 }

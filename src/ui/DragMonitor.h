@@ -29,9 +29,9 @@ class DragMonitor : public QObject {
 
     // While the left button is held during another application's drag, whenever the pointer moves;
     // global position in logical pixels.
-    std::function<void(const QPoint& globalPosition)> onLeftMouseDragged;
+    std::function<void(const QPoint& globalPosition)> onPointerDragged;
     // When the left button is released after a drag was noticed.
-    std::function<void()> onLeftMouseUp;
+    std::function<void()> onPointerReleased;
 
     // Watches the display Qt itself uses; false unless Qt runs on X11 (xcb) and XFixes is there.
     bool install();

@@ -61,8 +61,8 @@ bool DropCoordinator::watchDrags() {
         dragMonitor_.reset();
         return false;
     }
-    monitor->onLeftMouseUp = [this] { leftMouseUp(); };
-    monitor->onLeftMouseDragged = [this](const QPoint& m) { leftMouseDragged(m); };
+    monitor->onPointerReleased = [this] { pointerReleased(); };
+    monitor->onPointerDragged = [this](const QPoint& m) { pointerDragged(m); };
     dragMonitor_ = std::move(monitor);
     return true;
 }
@@ -89,7 +89,7 @@ void DropCoordinator::analyzeDropped(const QUrl& url) {
         shelf_.scheduleHide(afterResult);
         if (onAnalyzed) onAnalyzed(name, outcome.result);
     };
-    const auto chosen = analysis ? analysis() : FileAnalysis::Analysis::specified;
+    const auto chosen = analysis ? analysis() : fileAnalysis::Analysis::specified;
     startFileJob(this, path, range ? range() : TempoRange::Auto, withAnalysis(analyzer, chosen),
                  std::move(callbacks));
 }
@@ -117,12 +117,12 @@ void DropCoordinator::showShelf(std::optional<QRect> under) {
     shelf_.show(*under);
 }
 
-void DropCoordinator::leftMouseUp() {
+void DropCoordinator::pointerReleased() {
     // The release that ended a drop is often seen only after the drop started the analysis.
     if (shelf_.isVisible() && !isBusy()) shelf_.scheduleHide(afterRelease);
 }
 
-void DropCoordinator::leftMouseDragged(const QPoint& m) {
+void DropCoordinator::pointerDragged(const QPoint& m) {
     QScreen* screen = QGuiApplication::screenAt(m);
     if (!screen) screen = QGuiApplication::primaryScreen();
     if (!screen) return;

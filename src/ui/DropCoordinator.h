@@ -30,9 +30,9 @@ class DropCoordinator : public QObject {
     // The bar window's frame as the window system reports it (global, logical pixels).
     std::function<QRect()> barFrame;
     std::function<TempoRange()> range;
-    FileAnalysis::Analyzer analyzer = FileAnalysis::analyzeFile;
+    fileAnalysis::Analyzer analyzer = fileAnalysis::analyzeFile;
     // Which analysis a dropped file gets (the live engine's when unset).
-    std::function<FileAnalysis::Analysis()> analysis;
+    std::function<fileAnalysis::Analysis()> analysis;
     // A dropped file's analysis started; the shelf then stays up until its result has shown.
     std::function<void(const QString& name)> onWorking;
     // The shelf's result lines for a file's result.
@@ -50,8 +50,8 @@ class DropCoordinator : public QObject {
     std::optional<QRect> knownItemFrame() const;
     // Where the bar was really found on screen (global, logical pixels).
     void locate(const QRect& r);
-    void leftMouseUp();
-    void leftMouseDragged(const QPoint& m);
+    void pointerReleased();
+    void pointerDragged(const QPoint& m);
 
     // A dropped file is being analysed.
     bool isBusy() const { return busy_ > 0; }

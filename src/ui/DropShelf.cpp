@@ -56,15 +56,15 @@ QPainterPath roundedShape(const QRectF& rect) {
 
 // Paints the dark rounded background itself: there is no system material to borrow, and a translucent
 // window lets the corners show what is behind when a compositor runs.
-class DropShelf::Panel : public QWidget {
+class DropShelf::Window : public QWidget {
   public:
-    Panel()
+    Window()
         : QWidget(nullptr, Qt::Tool | Qt::FramelessWindowHint | Qt::WindowStaysOnTopHint |
                                Qt::WindowDoesNotAcceptFocus) {
         setAttribute(Qt::WA_ShowWithoutActivating);
         setAttribute(Qt::WA_TranslucentBackground);
         setWindowTitle(QStringLiteral("Velquin drop shelf"));
-        setFixedSize(panelWidth, panelHeight);
+        setFixedSize(windowWidth, windowHeight);
     }
 
   protected:
@@ -89,10 +89,10 @@ class DropShelf::Panel : public QWidget {
 
 DropShelf::DropShelf(LogSink log)
     : log_(std::move(log)),
-      panel_(std::make_unique<Panel>()),
-      zone_(std::make_unique<DropZoneView>(panel_.get())) {
-    zone_->setGeometry(panel_->rect());
-    // The panel is always dark, whatever the desktop theme, so its texts are always light.
+      window_(std::make_unique<Window>()),
+      zone_(std::make_unique<DropZoneView>(window_.get())) {
+    zone_->setGeometry(window_->rect());
+    // The window is always dark, whatever the desktop theme, so its texts are always light.
     QPalette hud = zone_->palette();
     hud.setColor(QPalette::WindowText, QColor(255, 255, 255, 235));
     zone_->setPalette(hud);
@@ -114,20 +114,20 @@ DropShelf::DropShelf(LogSink log)
 
 DropShelf::~DropShelf() = default;
 
-QWidget& DropShelf::panel() {
-    return *panel_;
+QWidget& DropShelf::window() {
+    return *window_;
 }
 
 QPoint DropShelf::placement(const QRect& rect, const std::optional<QRect>& available) {
     const QRectF r(rect);
-    double x = r.center().x() - panelWidth / 2.0;
+    double x = r.center().x() - windowWidth / 2.0;
     double y = r.bottom() + hangGap;  // QRectF's bottom is y + height
     if (available) {
         const QRectF area(*available);
-        x = std::min(std::max(x, area.left() + screenMargin), area.right() - panelWidth - screenMargin);
+        x = std::min(std::max(x, area.left() + screenMargin), area.right() - windowWidth - screenMargin);
         // A bar at the bottom of the screen gets the shelf above it instead.
-        if (y + panelHeight > area.bottom() - screenMargin) y = r.top() - hangGap - panelHeight;
-        y = std::min(std::max(y, area.top() + screenMargin), area.bottom() - panelHeight - screenMargin);
+        if (y + windowHeight > area.bottom() - screenMargin) y = r.top() - hangGap - windowHeight;
+        y = std::min(std::max(y, area.top() + screenMargin), area.bottom() - windowHeight - screenMargin);
     }
     return QPoint(static_cast<int>(std::lround(x)), static_cast<int>(std::lround(y)));
 }
@@ -141,12 +141,12 @@ void DropShelf::show(const QRect& under) {
     zone_->detail = QString::fromLatin1(DropZoneView::idleDetail);
     zone_->update();
 
-    panel_->move(placement(under, availableAreaFor(under)));
-    panel_->show();
+    window_->move(placement(under, availableAreaFor(under)));
+    window_->show();
     isVisible_ = true;
     if (log_) {
-        log_("shelf: ordered front at " + rectText(panel_->frameGeometry()) +
-             ", panel visible=" + (panel_->isVisible() ? "true" : "false"));
+        log_("shelf: ordered front at " + rectText(window_->frameGeometry()) +
+             ", panel visible=" + (window_->isVisible() ? "true" : "false"));
     }
 }
 
@@ -178,7 +178,7 @@ void DropShelf::showResult(const QStringList& lines) {
     zone_->showingResult = true;
     zone_->update();
     if (!isVisible_) {
-        panel_->show();
+        window_->show();
         isVisible_ = true;
     }
 }
@@ -187,7 +187,7 @@ void DropShelf::hide() {
     hideTimer_.stop();
     if (!isVisible_) return;
     if (log_) log_("shelf: hide");
-    panel_->hide();
+    window_->hide();
     isVisible_ = false;
 }
 

@@ -1,5 +1,5 @@
 #pragma once
-// The drop shelf: a small floating panel (300 × 150, rounded, dark and translucent) that hangs under the
+// The drop shelf: a small floating window (300 × 150, rounded, dark and translucent) that hangs under the
 // bar while a file is dragged toward it, takes drops of audio and movie files, and then shows what
 // became of the file. It never takes the focus. The owner decides when to show it and when to hide it;
 // the shelf itself only keeps itself up while a drag hovers it and hides 0.8 s after the drag leaves.
@@ -22,8 +22,8 @@ namespace velquin {
 
 class DropShelf {
   public:
-    static constexpr int panelWidth = 300;
-    static constexpr int panelHeight = 150;
+    static constexpr int windowWidth = 300;
+    static constexpr int windowHeight = 150;
 
     explicit DropShelf(LogSink log = {});
     ~DropShelf();
@@ -48,20 +48,20 @@ class DropShelf {
     bool isVisible() const { return isVisible_; }
     // The delay of the pending hide, in seconds; absent when none is pending.
     std::optional<double> pendingHideSeconds() const;
-    QWidget& panel();
+    QWidget& window();
     DropZoneView& zone() { return *zone_; }
 
-    // Top-left corner of the panel for `rect`, given the available area of its screen when known.
+    // Top-left corner of the window for `rect`, given the available area of its screen when known.
     static QPoint placement(const QRect& rect, const std::optional<QRect>& available);
 
   private:
-    class Panel;
+    class Window;
 
     void hide();
 
     LogSink log_;
-    std::unique_ptr<Panel> panel_;
-    std::unique_ptr<DropZoneView> zone_;  // a child of panel_, so it must go first
+    std::unique_ptr<Window> window_;
+    std::unique_ptr<DropZoneView> zone_;  // a child of window_, so it must go first
     QTimer hideTimer_;
     bool isVisible_ = false;
 };

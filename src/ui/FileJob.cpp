@@ -23,24 +23,24 @@ void onMainThread(const QPointer<QObject>& owner, F f) {
 
 }  // namespace
 
-FileAnalysis::Analyzer withAnalysis(FileAnalysis::Analyzer analyzer, FileAnalysis::Analysis analysis) {
+fileAnalysis::Analyzer withAnalysis(fileAnalysis::Analyzer analyzer, fileAnalysis::Analysis analysis) {
     return [analyzer = std::move(analyzer), analysis](const std::string& path, TempoRange range,
-                                                      const FileAnalysis::FileAnalysisOptions& control) {
-        FileAnalysis::FileAnalysisOptions chosen = control;
+                                                      const fileAnalysis::FileAnalysisOptions& control) {
+        fileAnalysis::FileAnalysisOptions chosen = control;
         chosen.analysis = analysis;
         return analyzer(path, range, chosen);
     };
 }
 
 std::shared_ptr<std::stop_source> startFileJob(QObject* context, const QString& path, TempoRange range,
-                                               FileAnalysis::Analyzer analyzer, FileJobCallbacks callbacks) {
+                                               fileAnalysis::Analyzer analyzer, FileJobCallbacks callbacks) {
     auto stop = std::make_shared<std::stop_source>();
     const QPointer<QObject> owner(context);
     auto shared = std::make_shared<FileJobCallbacks>(std::move(callbacks));
     QThreadPool::globalInstance()->start(
         [owner, stop, shared, analyzer = std::move(analyzer), path = path.toStdString(), range] {
             auto lastReport = std::chrono::steady_clock::time_point{};
-            FileAnalysis::FileAnalysisOptions control;
+            fileAnalysis::FileAnalysisOptions control;
             control.stop = stop->get_token();
             control.onProgress = [&](double done, double total) {
                 const auto now = std::chrono::steady_clock::now();

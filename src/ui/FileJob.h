@@ -18,7 +18,7 @@
 namespace velquin {
 
 // `analyzer` run with the given analysis, whatever its caller asked for.
-FileAnalysis::Analyzer withAnalysis(FileAnalysis::Analyzer analyzer, FileAnalysis::Analysis analysis);
+fileAnalysis::Analyzer withAnalysis(fileAnalysis::Analyzer analyzer, fileAnalysis::Analysis analysis);
 
 struct FileJobOutcome {
     std::optional<FileResult> result;
@@ -32,6 +32,6 @@ struct FileJobCallbacks {
 
 // Returns the job's stop source: request_stop() cancels it.
 std::shared_ptr<std::stop_source> startFileJob(QObject* context, const QString& path, TempoRange range,
-                                               FileAnalysis::Analyzer analyzer, FileJobCallbacks callbacks);
+                                               fileAnalysis::Analyzer analyzer, FileJobCallbacks callbacks);
 
 }  // namespace velquin

@@ -375,10 +375,6 @@ void LayerShellBar::hide() {
     state_->destroySurface();
 }
 
-bool LayerShellBar::isShown() const {
-    return state_->surface != nullptr;
-}
-
 void LayerShellBar::setMargin(int right) {
     state_->margin = std::clamp(right, 0, state_->widest());
     state_->applyMargin();

@@ -31,7 +31,6 @@ class LayerShellBar : public QObject {
     // The scale of the bar's output (1 until the compositor says): images drawn at it stay sharp.
     int scale() const;
     void hide();
-    bool isShown() const;
     // Distance from the right edge of the output; the top margin is fixed.
     void setMargin(int right);
     int margin() const;

@@ -24,7 +24,7 @@ PanelPresence::~PanelPresence() = default;
 
 void PanelPresence::start() {
     item_ = std::make_unique<panel::StatusNotifierItem>(
-        &menu_, [](double confidence, int side) { return ConfidenceRing::image(confidence, side); });
+        &menu_, [](double confidence, int side) { return confidenceRing::image(confidence, side); });
     item_->menuExporter().onAboutToShow = [this] { refreshLoginItem(); };
     // Where a panel shows the item, Qt's tray icon would only be a second copy of it.
     item_->onAvailableChanged = [this](bool available) {
@@ -57,11 +57,11 @@ void PanelPresence::update(const Reading& reading, const DisplaySettings& settin
 }
 
 void PanelPresence::refreshLoginItem() {
-    loginItem_.setChecked(panel::StartAtLogin::isEnabled());
+    loginItem_.setChecked(panel::startAtLogin::isEnabled());
 }
 
 void PanelPresence::toggleStartAtLogin(bool on) {
-    const auto error = panel::StartAtLogin::setEnabled(on, QCoreApplication::applicationFilePath());
+    const auto error = panel::startAtLogin::setEnabled(on, QCoreApplication::applicationFilePath());
     if (error && log_) log_("start at login: " + error->toStdString());
     refreshLoginItem();
 }

@@ -55,7 +55,7 @@ void ProgressWindow::closeEvent(QCloseEvent* event) {
     if (auto cancel = std::exchange(onCancel, nullptr)) cancel();
 }
 
-void MenuAnalysis::start(const QString& path, TempoRange range, FileAnalysis::Analyzer analyzer,
+void MenuAnalysis::start(const QString& path, TempoRange range, fileAnalysis::Analyzer analyzer,
                          std::function<void(FileJobOutcome)> done) {
     if (job_) job_->request_stop();
     window_ = std::make_unique<ProgressWindow>(QFileInfo(path).fileName());

@@ -41,7 +41,7 @@ class MenuAnalysis : public QObject {
 
   public:
     // `done` runs on the main thread unless the analysis was cancelled.
-    void start(const QString& path, TempoRange range, FileAnalysis::Analyzer analyzer,
+    void start(const QString& path, TempoRange range, fileAnalysis::Analyzer analyzer,
                std::function<void(FileJobOutcome)> done);
     ProgressWindow* window() { return window_.get(); }
 

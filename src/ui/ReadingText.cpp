@@ -31,7 +31,7 @@ QString bpm(double value, const DisplaySettings& settings) {
 }
 
 QString barKey(const KeyEstimate& key, const DisplaySettings& settings) {
-    if (key.confidence < kWeakConfidence) return QStringLiteral("-");
+    if (key.confidence < weakConfidence) return QStringLiteral("-");
     const auto text = key.shortText(settings.useCamelot, settings.relativePreference);
     if (!text) return QStringLiteral("-");
     return q(*text)

@@ -64,7 +64,7 @@ void StatusBarView::paintEvent(QPaintEvent*) {
     }
 
     const QRectF ringRect(leftPad, (height() - ringDiameter) * 0.5, ringDiameter, ringDiameter);
-    painter.drawImage(ringRect, ConfidenceRing::image(confidence, ringDiameter, devicePixelRatioF()));
+    painter.drawImage(ringRect, confidenceRing::image(confidence, ringDiameter, devicePixelRatioF()));
 
     const QColor color = pal.color(showingFile ? QPalette::Highlight : QPalette::WindowText);
     const double x = leftPad + ringDiameter + gap;

@@ -41,7 +41,7 @@ void TrayIcon::update(const Reading& reading) {
     const int step = static_cast<int>(std::lround(std::clamp(reading.confidence, 0.0, 1.0) * 100));
     if (step == shownConfidence_) return;
     shownConfidence_ = step;
-    tray_->setIcon(QIcon(QPixmap::fromImage(ConfidenceRing::image(reading.confidence, 22, 2))));
+    tray_->setIcon(QIcon(QPixmap::fromImage(confidenceRing::image(reading.confidence, 22, 2))));
 }
 
 }  // namespace velquin

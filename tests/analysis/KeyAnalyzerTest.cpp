@@ -46,7 +46,7 @@ std::vector<std::vector<int>> cadence(int tonic, bool minor) {
 
 TEST(KeyAnalyzer, SinesFoldToTheirPitchClassWithSubharmonicReadings) {
     KeyAnalyzer a440(44100, true);
-    a440.dumpFrames = true;
+    a440.setDumpFrames(true);
     feed(a440, velquin::test::sine(440, 44100, 2.0));
     ASSERT_FALSE(a440.dumped().empty());
     const auto& row = a440.dumped().back();
@@ -57,7 +57,7 @@ TEST(KeyAnalyzer, SinesFoldToTheirPitchClassWithSubharmonicReadings) {
     EXPECT_NEAR(a440.tuningOffsetSemitones(), 0, 0.02);
 
     KeyAnalyzer a110(44100, true);
-    a110.dumpFrames = true;
+    a110.setDumpFrames(true);
     feed(a110, velquin::test::sine(110, 44100, 2.0));
     ASSERT_FALSE(a110.dumped().empty());
     EXPECT_EQ(a110.dumped().back().bass, 9);
@@ -65,7 +65,7 @@ TEST(KeyAnalyzer, SinesFoldToTheirPitchClassWithSubharmonicReadings) {
 
     // About 47 cents sharp: the phasor follows, and the tone still folds to A.
     KeyAnalyzer sharp(44100, true);
-    sharp.dumpFrames = true;
+    sharp.setDumpFrames(true);
     feed(sharp, velquin::test::sine(452, 44100, 3.0));
     EXPECT_NEAR(sharp.tuningOffsetSemitones(), 0.466, 0.02);
     const auto& last = sharp.dumped().back();

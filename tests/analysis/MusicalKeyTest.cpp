@@ -61,7 +61,7 @@ TEST(KeyEstimate, ShortTextNamesTheRelativeByPreference) {
     EXPECT_FALSE(KeyEstimate::unknown.shortText(false, Preference::both));
     EXPECT_FALSE(KeyEstimate::unknown.displayKeys(Preference::both));
 
-    EXPECT_FALSE(velquin::relativePreferenceFromRaw("Both"));
+    EXPECT_FALSE(velquin::relativePreferenceFromTextName("Both"));
     for (auto preference : velquin::allRelativePreferences())
-        EXPECT_EQ(velquin::relativePreferenceFromRaw(velquin::rawValue(preference)), preference);
+        EXPECT_EQ(velquin::relativePreferenceFromTextName(velquin::textName(preference)), preference);
 }

@@ -221,7 +221,7 @@ TEST(OnsetNovelty, KeepsABoundedCurveOfOneValuePerHopInEachRegister) {
 
 KeyEstimate preciseKey(const std::vector<float>& samples, double sampleRate = 44100) {
     KeyAnalyzer analyzer(sampleRate, true);
-    analyzer.dumpFrames = true;
+    analyzer.setDumpFrames(true);
     analyzer.append(samples);
     const KeyEstimate base = analyzer.decide(std::numeric_limits<double>::infinity());
     return velquin::PreciseKey::decide(analyzer.dumped(), base);
@@ -300,7 +300,7 @@ TEST(PreciseKey, TheTonicsThirdDecidesTheMode) {
 
 TEST(PreciseKey, NothingWithoutABaseKeyAndScoresRankTheKeys) {
     KeyAnalyzer silent(44100, true);
-    silent.dumpFrames = true;
+    silent.setDumpFrames(true);
     silent.append(std::vector<float>(44100 * 5, 0.0f));
     const KeyEstimate none = velquin::PreciseKey::decide(silent.dumped(), KeyEstimate::unknown);
     EXPECT_FALSE(none.key);

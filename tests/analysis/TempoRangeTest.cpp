@@ -8,12 +8,12 @@ namespace velquin {
 // else may pass for one.
 TEST(TempoRange, EachRangeComesBackFromItsRawValueAndSpansAnOctave) {
     for (const TempoRange range : allTempoRanges()) {
-        EXPECT_EQ(tempoRangeFromRaw(rawValue(range)), range);
+        EXPECT_EQ(tempoRangeFromTextName(textName(range)), range);
         // An octave at least, or a tempo and its double could both fall outside.
         EXPECT_GE(bounds(range).upper, 2 * bounds(range).lower);
     }
-    EXPECT_EQ(tempoRangeFromRaw("Slow"), std::nullopt);  // case-sensitive
-    EXPECT_EQ(tempoRangeFromRaw(""), std::nullopt);
+    EXPECT_EQ(tempoRangeFromTextName("Slow"), std::nullopt);  // case-sensitive
+    EXPECT_EQ(tempoRangeFromTextName(""), std::nullopt);
 }
 
 }  // namespace velquin

@@ -20,7 +20,7 @@
 namespace velquin {
 namespace {
 
-const std::string kStamp = R"(\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}\.\d{3})";
+const std::string timeStamp = R"(\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}\.\d{3})";
 
 std::vector<std::string> lines(const std::filesystem::path& file) {
     return test::lines(test::readText(file));
@@ -28,11 +28,11 @@ std::vector<std::string> lines(const std::filesystem::path& file) {
 
 TEST(Log, FolderIsInTheUsersStateFolderEvenWithoutHome) {
     std::optional<test::ScopedEnv> state(std::in_place, "XDG_STATE_HOME", "/x/state");
-    EXPECT_EQ(Log::folder(), std::filesystem::path("/x/state/Velquin"));
+    EXPECT_EQ(diagnosticLog::folder(), std::filesystem::path("/x/state/Velquin"));
     // No HOME: the passwd entry's home, never a folder under "/".
     state.emplace("XDG_STATE_HOME", std::nullopt);
     const test::ScopedEnv home("HOME", std::nullopt);
-    const std::filesystem::path folder = Log::folder();
+    const std::filesystem::path folder = diagnosticLog::folder();
     EXPECT_EQ(folder, xdg::userHome() / ".local/state/Velquin");
     EXPECT_NE(folder.string().rfind("/.local", 0), 0u) << folder;
 }
@@ -44,7 +44,7 @@ TEST(Log, LinesAppendInCallOrderAndSurviveADeletedFile) {
 
     log.write("shelf: show");
     log.flush();
-    EXPECT_TRUE(std::regex_match(test::readText(file), std::regex(kStamp + " shelf: show\n")));
+    EXPECT_TRUE(std::regex_match(test::readText(file), std::regex(timeStamp + " shelf: show\n")));
 
     log.write("two\nlines");
     // Two writers at once: every line whole, each writer's lines in its own order.
@@ -58,12 +58,12 @@ TEST(Log, LinesAppendInCallOrderAndSurviveADeletedFile) {
     log.flush();
     const auto got = lines(file);
     ASSERT_EQ(got.size(), 3u + 2 * perThread);
-    EXPECT_TRUE(std::regex_match(got[1], std::regex(kStamp + " two")));
+    EXPECT_TRUE(std::regex_match(got[1], std::regex(timeStamp + " two")));
     EXPECT_EQ(got[2], "lines") << "a line feed in a message is not escaped";
     int next[2] = {0, 0};
     for (size_t i = 3; i < got.size(); ++i) {
         std::smatch m;
-        ASSERT_TRUE(std::regex_match(got[i], m, std::regex(kStamp + " ([ab])(\\d+)"))) << got[i];
+        ASSERT_TRUE(std::regex_match(got[i], m, std::regex(timeStamp + " ([ab])(\\d+)"))) << got[i];
         const int who = m[1] == "a" ? 0 : 1;
         EXPECT_EQ(std::stoi(m[2]), next[who]++);
     }
@@ -71,7 +71,7 @@ TEST(Log, LinesAppendInCallOrderAndSurviveADeletedFile) {
     std::filesystem::remove(file);
     log.write("shelf: hide");
     log.flush();
-    EXPECT_TRUE(std::regex_match(test::readText(file), std::regex(kStamp + " shelf: hide\n")));
+    EXPECT_TRUE(std::regex_match(test::readText(file), std::regex(timeStamp + " shelf: hide\n")));
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()), {}), 1) << "no temporary left";
 }
 
@@ -93,13 +93,14 @@ TEST(LogDeathTest, ProcessLogCreatesItsPrivateFolderUnderXdgStateHome) {
     EXPECT_EXIT(
         {
             setenv("XDG_STATE_HOME", state.c_str(), 1);
-            Log::write("launch");
-            Log::flush();
+            diagnosticLog::write("launch");
+            diagnosticLog::flush();
             const auto file = state / "Velquin" / "Velquin.log";
             struct stat info {};
-            const bool ok = Log::file() == file && ::stat((state / "Velquin").c_str(), &info) == 0 &&
+            const bool ok = diagnosticLog::file() == file &&
+                            ::stat((state / "Velquin").c_str(), &info) == 0 &&
                             (info.st_mode & 0777) == 0700 &&
-                            std::regex_match(test::readText(file), std::regex(kStamp + " launch\n"));
+                            std::regex_match(test::readText(file), std::regex(timeStamp + " launch\n"));
             std::exit(ok ? 0 : 1);
         },
         ::testing::ExitedWithCode(0), "");

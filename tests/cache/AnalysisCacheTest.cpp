@@ -54,7 +54,7 @@ TEST(AnalysisCache, FindsAnEntryOnlyWhenEveryPartOfTheKeyMatches) {
     changed[4].range = TempoRange::fast;
     changed[5].inode = 78;  // another file put in its place
     changed[6].ctimeNs = 123457000;
-    changed[7].analysis = FileAnalysis::Analysis::precise;
+    changed[7].analysis = fileAnalysis::Analysis::precise;
     for (size_t i = 0; i < changed.size(); ++i) EXPECT_FALSE(cache.lookup(changed[i])) << "change " << i;
 }
 
@@ -63,7 +63,7 @@ TEST(AnalysisCache, ThePreciseAnalysisKeepsItsOwnEntries) {
     AnalysisCache cache(dir / "scan.sqlite");
     const AnalysisCache::Key specified = someKey();
     AnalysisCache::Key precise = specified;
-    precise.analysis = FileAnalysis::Analysis::precise;
+    precise.analysis = fileAnalysis::Analysis::precise;
     FileResult a, b;
     a.tempo.bpm = 120;
     b.tempo.bpm = 180;
@@ -81,26 +81,26 @@ TEST(AnalysisCache, AFilesKeyNamesItWhereverItIsReachedFromAndMissesOnceItIsRepl
     std::ofstream(file) << "first";
     fs::create_symlink(file, dir / "link.flac");
     const auto direct =
-        AnalysisCache::keyForFile(file.string(), TempoRange::slow, FileAnalysis::Analysis::precise);
+        AnalysisCache::keyForFile(file.string(), TempoRange::slow, fileAnalysis::Analysis::precise);
     const auto linked = AnalysisCache::keyForFile((dir / "link.flac").string(), TempoRange::slow,
-                                                  FileAnalysis::Analysis::precise);
+                                                  fileAnalysis::Analysis::precise);
     ASSERT_TRUE(direct && linked);
     EXPECT_EQ(*direct, *linked);
     EXPECT_EQ(direct->path, fs::canonical(file).string());
     EXPECT_EQ(direct->size, 5);
     EXPECT_EQ(direct->range, TempoRange::slow);
-    EXPECT_EQ(direct->analysis, FileAnalysis::Analysis::precise);
+    EXPECT_EQ(direct->analysis, fileAnalysis::Analysis::precise);
 
     // Written beside and renamed over it, as editors and taggers do: same name, size and maybe time.
     std::ofstream(dir / "new") << "other";
     fs::rename(dir / "new", file);
     const auto replaced =
-        AnalysisCache::keyForFile(file.string(), TempoRange::slow, FileAnalysis::Analysis::precise);
+        AnalysisCache::keyForFile(file.string(), TempoRange::slow, fileAnalysis::Analysis::precise);
     ASSERT_TRUE(replaced);
     EXPECT_NE(*replaced, *direct);
 
     EXPECT_FALSE(AnalysisCache::keyForFile((dir / "absent.flac").string(), TempoRange::Auto,
-                                           FileAnalysis::Analysis::specified));
+                                           fileAnalysis::Analysis::specified));
 }
 
 }  // namespace

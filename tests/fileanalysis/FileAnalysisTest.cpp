@@ -15,7 +15,7 @@
 #include "support/TestSupport.h"
 
 using velquin::TempoRange;
-namespace FileAnalysis = velquin::FileAnalysis;
+namespace fileAnalysis = velquin::fileAnalysis;
 namespace test = velquin::test;
 
 TEST(FileAnalysis, StereoIsMixedToExactlyTheMonoAndAMissingFileIsAnError) {
@@ -24,15 +24,15 @@ TEST(FileAnalysis, StereoIsMixedToExactlyTheMonoAndAMissingFileIsAnError) {
     test::mixInto(music, test::progression({{62, 65, 69}, {58, 62, 65}, {60, 64, 67}}, 48000, 12), 0.5f);
     test::writeWav(dir / "mono.wav", {music}, 48000, true);
     test::writeWav(dir / "stereo.wav", {music, music}, 48000, true);
-    const auto mono = FileAnalysis::analyzeFile((dir / "mono.wav").string(), TempoRange::Auto);
-    const auto stereo = FileAnalysis::analyzeFile((dir / "stereo.wav").string(), TempoRange::Auto);
+    const auto mono = fileAnalysis::analyzeFile((dir / "mono.wav").string(), TempoRange::Auto);
+    const auto stereo = fileAnalysis::analyzeFile((dir / "stereo.wav").string(), TempoRange::Auto);
     // (x + x) × ½ is exactly x in binary floating point: the stereo file is the mono one.
     EXPECT_EQ(mono.tempo.bpm, stereo.tempo.bpm);
     EXPECT_EQ(mono.key.key, stereo.key.key);
     EXPECT_EQ(mono.key.confidence, stereo.key.confidence);
     EXPECT_NEAR(mono.tempo.bpm, 96, 0.5);
 
-    EXPECT_THROW(FileAnalysis::analyzeFile((dir / "absent.wav").string(), TempoRange::Auto),
+    EXPECT_THROW(fileAnalysis::analyzeFile((dir / "absent.wav").string(), TempoRange::Auto),
                  velquin::AudioFileError);
 }
 
@@ -43,13 +43,13 @@ TEST(FileAnalysis, PreciseAnalysisIsItsOwnAndLeavesTheOtherAlone) {
         music, test::progression({{62, 66, 69}, {67, 71, 74}, {69, 73, 76}, {62, 66, 69}}, 44100, 20), 0.5f);
     test::writeWav(dir / "d.wav", {music, music}, 44100, true);
     const std::string path = (dir / "d.wav").string();
-    const auto before = FileAnalysis::analyzeFile(path, TempoRange::Auto);
-    FileAnalysis::FileAnalysisOptions precise;
-    precise.analysis = FileAnalysis::Analysis::precise;
-    const auto threaded = FileAnalysis::analyzeFile(path, TempoRange::Auto, precise);
-    precise.execution = FileAnalysis::Execution::sequential;
-    const auto sequential = FileAnalysis::analyzeFile(path, TempoRange::Auto, precise);
-    const auto after = FileAnalysis::analyzeFile(path, TempoRange::Auto);
+    const auto before = fileAnalysis::analyzeFile(path, TempoRange::Auto);
+    fileAnalysis::FileAnalysisOptions precise;
+    precise.analysis = fileAnalysis::Analysis::precise;
+    const auto threaded = fileAnalysis::analyzeFile(path, TempoRange::Auto, precise);
+    precise.execution = fileAnalysis::Execution::sequential;
+    const auto sequential = fileAnalysis::analyzeFile(path, TempoRange::Auto, precise);
+    const auto after = fileAnalysis::analyzeFile(path, TempoRange::Auto);
 
     EXPECT_NEAR(threaded.tempo.bpm, 96, 2);
     ASSERT_TRUE(threaded.key.key);
@@ -62,9 +62,9 @@ TEST(FileAnalysis, PreciseAnalysisIsItsOwnAndLeavesTheOtherAlone) {
     EXPECT_EQ(before.tempo.bpm, after.tempo.bpm);
     EXPECT_EQ(before.key.confidence, after.key.confidence);
 
-    EXPECT_EQ(FileAnalysis::rawValue(FileAnalysis::Analysis::precise), "precise");
-    EXPECT_EQ(FileAnalysis::analysisFromRaw("specified"), FileAnalysis::Analysis::specified);
-    EXPECT_FALSE(FileAnalysis::analysisFromRaw("Precise"));
+    EXPECT_EQ(fileAnalysis::textName(fileAnalysis::Analysis::precise), "precise");
+    EXPECT_EQ(fileAnalysis::analysisFromTextName("specified"), fileAnalysis::Analysis::specified);
+    EXPECT_FALSE(fileAnalysis::analysisFromTextName("Precise"));
 }
 
 TEST(FileAnalysis, ThreadedAndSequentialAgreeBitForBit) {
@@ -87,33 +87,33 @@ TEST(FileAnalysis, ThreadedAndSequentialAgreeBitForBit) {
         std::lock_guard lock(debugMutex);
         debug += text;
     };
-    velquin::EngineSettings::install(parameters);
+    velquin::engineSettings::install(parameters);
 
-    using FileAnalysis::Execution;
+    using fileAnalysis::Execution;
     for (const char* name : {"change.wav", "long.wav"}) {
         const std::string path = (dir / name).string();
         std::array<std::string, 2> text;
         for (const Execution execution : {Execution::sequential, Execution::automatic}) {
-            FileAnalysis::FileAnalysisOptions options;
+            fileAnalysis::FileAnalysisOptions options;
             options.execution = execution;
             std::string& out = text[execution == Execution::automatic];
             debug.clear();
             for (const TempoRange range : {TempoRange::Auto, TempoRange::slow}) {
-                const auto r = FileAnalysis::analyzeFile(path, range, options);
-                out += velquin::format("%a %a %a %a %@|", r.tempo.bpm, r.tempo.confidence, r.key.confidence,
+                const auto r = fileAnalysis::analyzeFile(path, range, options);
+                out += velquin::format("%a %a %a %a %s|", r.tempo.bpm, r.tempo.confidence, r.key.confidence,
                                        r.key.tuningCents, r.key.key ? r.key.key->shortName() : "-");
             }
-            const auto timeline = FileAnalysis::keyTimeline(path, 1.0, options);
+            const auto timeline = fileAnalysis::keyTimeline(path, 1.0, options);
             for (const auto& tick : timeline.ticks)
                 out += velquin::format("%a %a %a|", tick.seconds, tick.key.confidence, tick.tempo.bpm);
             out += std::to_string(timeline.restarts);
-            FileAnalysis::dumpChroma(path, (dir / "chroma.csv").string(), options);
+            fileAnalysis::dumpChroma(path, (dir / "chroma.csv").string(), options);
             out += test::readText(dir / "chroma.csv");
             out += debug;
         }
         EXPECT_TRUE(text[0] == text[1]) << name;
     }
-    velquin::EngineSettings::install({});
+    velquin::engineSettings::install({});
 }
 
 TEST(FileAnalysis, ReportsProgressAndDurationAndStopsWhenAsked) {
@@ -121,23 +121,23 @@ TEST(FileAnalysis, ReportsProgressAndDurationAndStopsWhenAsked) {
     test::writeWav(dir / "three.wav", {test::clickTrain(120, 44100, 3)}, 44100);
     const std::string path = (dir / "three.wav").string();
     std::vector<double> done;
-    FileAnalysis::FileAnalysisOptions options;
+    fileAnalysis::FileAnalysisOptions options;
     options.onProgress = [&](double seconds, double total) {
         done.push_back(seconds);
         EXPECT_NEAR(total, 3.0, 0.01);
     };
-    const auto result = FileAnalysis::analyzeFile(path, TempoRange::Auto, options);
+    const auto result = fileAnalysis::analyzeFile(path, TempoRange::Auto, options);
     EXPECT_EQ(result.durationSeconds, 3.0);
     ASSERT_EQ(done.size(), 9u);  // 16384-frame chunks
     EXPECT_EQ(done.back(), 3.0);
 
-    for (const auto execution : {FileAnalysis::Execution::sequential, FileAnalysis::Execution::automatic}) {
+    for (const auto execution : {fileAnalysis::Execution::sequential, fileAnalysis::Execution::automatic}) {
         std::stop_source stop;
         options.stop = stop.get_token();
         options.execution = execution;
         options.onProgress = [&](double, double) { stop.request_stop(); };
-        EXPECT_THROW(FileAnalysis::analyzeFile(path, TempoRange::Auto, options),
-                     FileAnalysis::AnalysisCancelled);
+        EXPECT_THROW(fileAnalysis::analyzeFile(path, TempoRange::Auto, options),
+                     fileAnalysis::AnalysisCancelled);
     }
 
     // A stop from another thread ends a ten-minute analysis, every thread joined, within moments (the
@@ -150,9 +150,9 @@ TEST(FileAnalysis, ReportsProgressAndDurationAndStopsWhenAsked) {
         asked = std::chrono::steady_clock::now();
         stop.request_stop();
     });
-    FileAnalysis::FileAnalysisOptions cancelled;
+    fileAnalysis::FileAnalysisOptions cancelled;
     cancelled.stop = stop.get_token();
-    EXPECT_THROW(FileAnalysis::analyzeFile((dir / "long.wav").string(), TempoRange::Auto, cancelled),
-                 FileAnalysis::AnalysisCancelled);
+    EXPECT_THROW(fileAnalysis::analyzeFile((dir / "long.wav").string(), TempoRange::Auto, cancelled),
+                 fileAnalysis::AnalysisCancelled);
     EXPECT_LT(std::chrono::steady_clock::now() - asked, std::chrono::seconds(2));
 }

@@ -74,7 +74,7 @@ struct Rig {
             QDBusConnection::connectToBus(test::privateBusAddress(), QString("follower-%1").arg(++serial));
         follower = std::make_unique<PlayerFollower>(
             bus, cache,
-            [this](auto& path, TempoRange range, const FileAnalysis::FileAnalysisOptions& options) {
+            [this](auto& path, TempoRange range, const fileAnalysis::FileAnalysisOptions& options) {
                 ++analyses;
                 if (std::this_thread::get_id() == interfaceThread) ++onInterfaceThread;
                 const int now = ++running;
@@ -85,7 +85,7 @@ struct Rig {
                     std::atomic<int>& running;
                     ~Done() { --running; }
                 } done{running};
-                return FileAnalysis::analyzeFile(path, range, options);
+                return fileAnalysis::analyzeFile(path, range, options);
             });
         follower->onLog = [this](const QString& line) { log << line; };
         follower->start();
@@ -215,7 +215,7 @@ TEST(PlayerFollow, AReadFinishingAfterItsTrackChangedIsNeverShown) {
     std::atomic<bool> started{false}, release{false};
     PlayerFollower follower(
         QDBusConnection::connectToBus(test::privateBusAddress(), "follower-late"), nullptr,
-        [&](const std::string& path, TempoRange, const FileAnalysis::FileAnalysisOptions&) {
+        [&](const std::string& path, TempoRange, const fileAnalysis::FileAnalysisOptions&) {
             FileResult result;
             result.tempo = {96, 0.9, 0.1};
             if (path.ends_with("a minor.wav")) {

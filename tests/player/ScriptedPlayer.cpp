@@ -16,8 +16,8 @@
 namespace velquin::test {
 
 namespace {
-const QString kPath = QStringLiteral("/org/mpris/MediaPlayer2");
-const QString kPlayer = QStringLiteral("org.mpris.MediaPlayer2.Player");
+const QString mprisPath = QStringLiteral("/org/mpris/MediaPlayer2");
+const QString playerInterface = QStringLiteral("org.mpris.MediaPlayer2.Player");
 }  // namespace
 
 QString privateBusAddress() {
@@ -54,7 +54,7 @@ ScriptedPlayer::ScriptedPlayer(const QString& busAddress, const QString& name)
     : connectionName_(QStringLiteral("scripted-") + name),
       bus_(QDBusConnection::connectToBus(busAddress, connectionName_)) {
     properties_ = {{"PlaybackStatus", "Stopped"}, {"Rate", 1.0}, {"Metadata", QVariantMap()}};
-    bus_.registerVirtualObject(kPath, this);
+    bus_.registerVirtualObject(mprisPath, this);
     bus_.registerService(QStringLiteral("org.mpris.MediaPlayer2.") + name);
 }
 
@@ -63,7 +63,7 @@ ScriptedPlayer::~ScriptedPlayer() {
 }
 
 void ScriptedPlayer::crash() {
-    bus_.unregisterObject(kPath);
+    bus_.unregisterObject(mprisPath);
     bus_ = QDBusConnection(QString());  // the last reference goes, so the socket closes
     QDBusConnection::disconnectFromBus(connectionName_);
 }
@@ -73,9 +73,9 @@ void ScriptedPlayer::set(const QVariantMap& changed) {
         std::lock_guard lock(mutex_);
         for (auto it = changed.begin(); it != changed.end(); ++it) properties_[it.key()] = it.value();
     }
-    auto signal = QDBusMessage::createSignal(kPath, QStringLiteral("org.freedesktop.DBus.Properties"),
+    auto signal = QDBusMessage::createSignal(mprisPath, QStringLiteral("org.freedesktop.DBus.Properties"),
                                              QStringLiteral("PropertiesChanged"));
-    signal << kPlayer << changed << QStringList();
+    signal << playerInterface << changed << QStringList();
     bus_.send(signal);
 }
 

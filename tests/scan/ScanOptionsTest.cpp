@@ -14,8 +14,8 @@ TEST(ScanOptions, ParsesOrNamesTheUsageError) {
     EXPECT_EQ(ok.options->range, TempoRange::fast);
     EXPECT_EQ(ok.options->format, OutputFormat::json);
     EXPECT_TRUE(ok.options->writeTags && ok.options->camelotTags);
-    EXPECT_EQ(ok.options->analysis, FileAnalysis::Analysis::precise);
-    EXPECT_EQ(parseOptions({"x"}, 2, false).options->analysis, FileAnalysis::Analysis::specified);
+    EXPECT_EQ(ok.options->analysis, fileAnalysis::Analysis::precise);
+    EXPECT_EQ(parseOptions({"x"}, 2, false).options->analysis, fileAnalysis::Analysis::specified);
     EXPECT_EQ(ok.options->paths, std::vector<std::string>{"--odd-name.mp3"});
     EXPECT_EQ(parseOptions({"x"}, 2, false).options->format, OutputFormat::csv);
     EXPECT_TRUE(parseOptions({"--version"}, 2, false).options->version) << "needs no path";

@@ -13,7 +13,7 @@ TEST(ScanOutput, CsvAndJsonRowsEscapeOddPaths) {
     ok.result->key.confidence = 0.25;
     ok.result->durationSeconds = 5;
     ScanRow failed{"a,\"b\"\x01\xff.wav", std::nullopt, "Invalid data found when processing input"};
-    failed.analysis = FileAnalysis::Analysis::precise;
+    failed.analysis = fileAnalysis::Analysis::precise;
 
     EXPECT_EQ(rowLine(OutputFormat::csv, ok), "dir/x.mp3,128.00,0.500,E♭m,2A,0.250,,0.0,5.000,,specified");
     const ScanRow lines{"two\nlines\r.mp3", std::nullopt, "x"};

@@ -16,6 +16,13 @@
 
 static int renamed;
 
+// Stores the next definition of `name` in the function pointer at `slot`. ISO C has no conversion
+// from dlsym's object pointer to a function pointer; POSIX makes copying the bytes well defined.
+static void findNext(void* slot, const char* name) {
+    void* found = dlsym(RTLD_NEXT, name);
+    memcpy(slot, &found, sizeof found);
+}
+
 static int isCopy(int fd) {
     char link[64], path[4096];
     snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
@@ -39,21 +46,21 @@ static void editBefore(const char* from) {
 
 int rename(const char* from, const char* to) {
     static int (*real)(const char*, const char*);
-    if (real == NULL) real = (int (*)(const char*, const char*))dlsym(RTLD_NEXT, "rename");
+    if (real == NULL) findNext(&real, "rename");
     editBefore(from);
     return real(from, to);
 }
 
 int renameat2(int fromDir, const char* from, int toDir, const char* to, unsigned flags) {
     static int (*real)(int, const char*, int, const char*, unsigned);
-    if (real == NULL) real = (int (*)(int, const char*, int, const char*, unsigned))dlsym(RTLD_NEXT, "renameat2");
+    if (real == NULL) findNext(&real, "renameat2");
     editBefore(from);
     return real(fromDir, from, toDir, to, flags);
 }
 
 int fsync(int fd) {
     static int (*real)(int);
-    if (real == NULL) real = (int (*)(int))dlsym(RTLD_NEXT, "fsync");
+    if (real == NULL) findNext(&real, "fsync");
     if (getenv("SHIM_FSYNC_EIO") != NULL && isCopy(fd)) {
         errno = EIO;
         return -1;
@@ -63,7 +70,7 @@ int fsync(int fd) {
 
 static ssize_t killingWrite(int fd, const void* data, size_t size, off_t offset) {
     static ssize_t (*real)(int, const void*, size_t, off_t);
-    if (real == NULL) real = (ssize_t (*)(int, const void*, size_t, off_t))dlsym(RTLD_NEXT, "pwrite");
+    if (real == NULL) findNext(&real, "pwrite");
     if (renamed && size > 1 && getenv("SHIM_KILL_MIDWRITE") != NULL && !isCopy(fd)) {
         real(fd, data, size / 2, offset);
         raise(SIGKILL);

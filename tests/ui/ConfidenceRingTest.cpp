@@ -43,7 +43,7 @@ TEST(ConfidenceRing, ArcGrowsClockwiseFromTheTopInTheColourOfItsConfidence) {
     };
     for (const auto& [confidence, arc, inside, outside] : cases) {
         SCOPED_TRACE("confidence " + std::to_string(confidence));
-        const QImage ring = ConfidenceRing::image(confidence, d);
+        const QImage ring = confidenceRing::image(confidence, d);
         ASSERT_EQ(ring.size(), QSize(48, 48));
         EXPECT_EQ(shadeAt(ring, d, inside), arc);
         // Anticlockwise of the top is never reached except by the full circle.

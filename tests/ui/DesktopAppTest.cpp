@@ -105,7 +105,7 @@ class DesktopAppTest : public ::testing::Test {
     // A file analysis that answers `result`, or throws `error` when there is no result.
     void analyzerAnswers(std::optional<FileResult> result, const std::string& error = "bad file") {
         app->drops().analyzer = [result, error](const std::string&, TempoRange,
-                                                const FileAnalysis::FileAnalysisOptions&) {
+                                                const fileAnalysis::FileAnalysisOptions&) {
             if (!result) throw std::runtime_error(error);
             return *result;
         };
@@ -376,25 +376,25 @@ TEST_F(DesktopAppTest, TheDragWatcherShowsKeepsAndHidesTheShelf) {
     DropCoordinator& drops = app->drops();
     DropShelf& shelf = drops.shelf();
     const QRect screen = QGuiApplication::primaryScreen()->geometry();
-    drops.showShelf(std::nullopt);                              // unknown bar: nothing to show under
-    drops.leftMouseDragged(screen.topLeft() + QPoint(10, 10));  // left of the top band
+    drops.showShelf(std::nullopt);                            // unknown bar: nothing to show under
+    drops.pointerDragged(screen.topLeft() + QPoint(10, 10));  // left of the top band
     EXPECT_FALSE(shelf.isVisible());
 
     // In the top band: under a rectangle guessed around the pointer. Then each move's effect on the hide.
     const QPoint m(screen.x() + screen.width() / 2, screen.top() + 10);
-    drops.leftMouseDragged(m);
+    drops.pointerDragged(m);
     ASSERT_TRUE(shelf.isVisible());
-    EXPECT_EQ(shelf.panel().pos(), QPoint(m.x() - 150, screen.top() + 24 + 6));
+    EXPECT_EQ(shelf.window().pos(), QPoint(m.x() - 150, screen.top() + 24 + 6));
     const std::vector<std::pair<QPoint, std::optional<double>>> moves = {
         {{m.x(), screen.top() + 24 + 150}, std::nullopt},  // on the shelf
         {{m.x(), screen.top() + 24 + 230}, 0.6},           // below it
         {{m.x() + 100, screen.top() + 24 + 100}, std::nullopt},
     };
     for (const auto& [point, hide] : moves) {
-        drops.leftMouseDragged(point);
+        drops.pointerDragged(point);
         EXPECT_EQ(shelf.pendingHideSeconds(), hide);
     }
-    drops.leftMouseUp();
+    drops.pointerReleased();
     EXPECT_EQ(shelf.pendingHideSeconds(), 0.5);
 }
 
@@ -515,14 +515,14 @@ TEST_F(DesktopAppTest, ADropKeepsItsShelfAndWorkingStateUntilTheResult) {
     launch();
     std::atomic<bool> finish = false;
     app->drops().analyzer = [&](const std::string&, TempoRange,
-                                const FileAnalysis::FileAnalysisOptions& control) {
+                                const fileAnalysis::FileAnalysisOptions& control) {
         control.onProgress(5, 10);
         while (!finish) std::this_thread::sleep_for(std::chrono::milliseconds(5));
         return FileResult{{120, 0.9, 0}, keyOf(9, true, 0.8)};
     };
     app->drops().locate(app->bar().frameGeometry());
     app->drops().analyzeDropped(QUrl::fromLocalFile("/music/long set.mp3"));
-    app->drops().leftMouseUp();  // the drag's release, seen after the drop
+    app->drops().pointerReleased();  // the drag's release, seen after the drop
     app->render({90, 0.9, 0}, keyOf(0, false, 0.9));
     ASSERT_TRUE(test::waitUntil([&] { return shelfLines().value(1) == "0:05 of 0:10"; }, 5000));
     QTest::qWait(700);
@@ -540,9 +540,9 @@ TEST_F(DesktopAppTest, PreciseFileAnalysisReachesDroppedAndPickedFilesAndIsRemem
     launch();
     EXPECT_FALSE(items().preciseItem->isChecked());
     std::mutex mutex;
-    std::vector<FileAnalysis::Analysis> asked;
+    std::vector<fileAnalysis::Analysis> asked;
     app->drops().analyzer = [&](const std::string&, TempoRange,
-                                const FileAnalysis::FileAnalysisOptions& control) {
+                                const fileAnalysis::FileAnalysisOptions& control) {
         std::lock_guard lock(mutex);
         asked.push_back(control.analysis);
         return FileResult{{120, 0.9, 0}, keyOf(9, true, 0.8)};
@@ -562,9 +562,9 @@ TEST_F(DesktopAppTest, PreciseFileAnalysisReachesDroppedAndPickedFilesAndIsRemem
     ASSERT_TRUE(test::waitUntil([&] { return askedCount() == 3; }, 5000));
     {
         std::lock_guard lock(mutex);
-        EXPECT_EQ(asked, (std::vector<FileAnalysis::Analysis>{FileAnalysis::Analysis::specified,
-                                                              FileAnalysis::Analysis::precise,
-                                                              FileAnalysis::Analysis::precise}));
+        EXPECT_EQ(asked, (std::vector<fileAnalysis::Analysis>{fileAnalysis::Analysis::specified,
+                                                              fileAnalysis::Analysis::precise,
+                                                              fileAnalysis::Analysis::precise}));
     }
     launch();
     EXPECT_TRUE(items().preciseItem->isChecked());
@@ -574,7 +574,7 @@ TEST_F(DesktopAppTest, MenuAnalysisShowsProgressAndCancelsQuickly) {
     launch();
     std::atomic<bool> returned = false;
     app->drops().analyzer = [&](const std::string&, TempoRange,
-                                const FileAnalysis::FileAnalysisOptions& control) {
+                                const fileAnalysis::FileAnalysisOptions& control) {
         for (double done = 0; !control.stop.stop_requested(); done += 0.1) {
             control.onProgress(done, 600);
             std::this_thread::sleep_for(std::chrono::milliseconds(10));

@@ -43,8 +43,8 @@ class DropShelfTest : public ::testing::Test {
 
 TEST_F(DropShelfTest, ShowsIdleUnderTheRectAndKeepsAVisibleShelfAsItIs) {
     shelf.show(rightBar);
-    ASSERT_TRUE(shelf.isVisible() && shelf.panel().isVisible());
-    const QRect frame = shelf.panel().frameGeometry();
+    ASSERT_TRUE(shelf.isVisible() && shelf.window().isVisible());
+    const QRect frame = shelf.window().frameGeometry();
     EXPECT_EQ(frame.topLeft(), DropShelf::placement(rightBar, available));
     EXPECT_EQ(log.size(), 1u);
     EXPECT_FALSE(shelf.zone().showingResult);
@@ -53,7 +53,7 @@ TEST_F(DropShelfTest, ShowsIdleUnderTheRectAndKeepsAVisibleShelfAsItIs) {
     shelf.showResult({"C minor", "5A  \u00b7  128 BPM", "song.flac"});
     shelf.show(leftBar);
     EXPECT_TRUE(shelf.zone().showingResult);
-    EXPECT_EQ(shelf.panel().frameGeometry(), frame);
+    EXPECT_EQ(shelf.window().frameGeometry(), frame);
     EXPECT_EQ(log.size(), 1u);
 }
 
@@ -65,7 +65,7 @@ TEST_F(DropShelfTest, WorkingLinesAndResultsDoNotMoveAHiddenShelfUntilTheResult)
     EXPECT_TRUE(log.empty());
 
     shelf.showResult({"Could not read that file", "", "take 3.wav"});
-    EXPECT_TRUE(shelf.isVisible() && shelf.panel().isVisible());
+    EXPECT_TRUE(shelf.isVisible() && shelf.window().isVisible());
 }
 
 TEST_F(DropShelfTest, ForwardsDropsOnTheZone) {
@@ -103,12 +103,12 @@ TEST_F(DropShelfTest, HidesOnScheduleUnlessAHoverOrANewShowCancelsIt) {
     // When the hide comes due the shelf goes; shown again, it is idle and at the new place.
     shelf.scheduleHide(0);
     ASSERT_TRUE(test::waitUntil([&] { return !shelf.isVisible(); }, 5000));
-    EXPECT_FALSE(shelf.panel().isVisible());
+    EXPECT_FALSE(shelf.window().isVisible());
     EXPECT_EQ(shelf.pendingHideSeconds(), std::nullopt);
     EXPECT_EQ(log.back(), "shelf: hide");
     shelf.show(leftBar);
     EXPECT_FALSE(shelf.zone().showingResult);
-    EXPECT_EQ(shelf.panel().frameGeometry().topLeft(), DropShelf::placement(leftBar, available));
+    EXPECT_EQ(shelf.window().frameGeometry().topLeft(), DropShelf::placement(leftBar, available));
 }
 
 TEST(DropZoneDrawing, AccentBorderWhileAUsableFileHoversAndFixedHeightsForResultLines) {

@@ -31,11 +31,11 @@ class Source : public QWidget {
 
     void mousePressEvent(QMouseEvent* event) override {
         if (event->button() != Qt::LeftButton) return;
-        auto data = std::make_unique<QMimeData>();
-        data->setUrls({QUrl::fromLocalFile(file_)});
+        auto mime = std::make_unique<QMimeData>();
+        mime->setUrls({QUrl::fromLocalFile(file_)});
         // The target fetches the data after exec() returns here, so the drag outlives this handler.
         drag_ = std::make_unique<QDrag>(this);
-        drag_->setMimeData(data.release());  // the drag owns it
+        drag_->setMimeData(mime.release());  // the drag owns it
         const Qt::DropAction result = drag_->exec(Qt::CopyAction);
         std::printf("drag result: %d\n", static_cast<int>(result));
         std::fflush(stdout);
