@@ -13,13 +13,9 @@
 namespace velquin::scan {
 namespace {
 
-using namespace std::string_literals;
+using test::readAll;
 
-std::string readAll(int fd) {
-    std::string data(static_cast<size_t>(::lseek(fd, 0, SEEK_END)), '\0');
-    EXPECT_EQ(::pread(fd, data.data(), data.size(), 0), static_cast<ssize_t>(data.size()));
-    return data;
-}
+using namespace std::string_literals;
 
 TEST(AudioPayload, ACopyWithDamagedOrMissingAudioIsCaught) {
     test::TempDir dir;

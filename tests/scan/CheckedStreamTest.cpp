@@ -12,11 +12,7 @@
 namespace velquin::scan {
 namespace {
 
-std::string readAll(int fd) {
-    std::string data(static_cast<size_t>(::lseek(fd, 0, SEEK_END)), '\0');
-    EXPECT_EQ(::pread(fd, data.data(), data.size(), 0), static_cast<ssize_t>(data.size()));
-    return data;
-}
+using test::readAll;
 
 TEST(CheckedStream, InsertsAndRemovesLikeAByteString) {
     test::TempDir dir;

@@ -1,5 +1,7 @@
 #include "support/TestSupport.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -137,6 +139,12 @@ std::string readText(const std::filesystem::path& path) {
     std::ostringstream s;
     s << in.rdbuf();
     return s.str();
+}
+
+std::string readAll(int fd) {
+    std::string data(static_cast<size_t>(::lseek(fd, 0, SEEK_END)), '\0');
+    if (::pread(fd, data.data(), data.size(), 0) != static_cast<ssize_t>(data.size())) data.clear();
+    return data;
 }
 
 void writeText(const std::filesystem::path& path, const std::string& bytes) {

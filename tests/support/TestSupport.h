@@ -42,6 +42,8 @@ class TempDir {
 };
 
 std::string readText(const std::filesystem::path& path);
+// Everything in an open file, read without moving its offset.
+std::string readAll(int fd);
 void writeText(const std::filesystem::path& path, const std::string& bytes);
 std::vector<std::string> lines(const std::string& text);
 
