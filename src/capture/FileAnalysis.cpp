@@ -176,8 +176,14 @@ int64_t streamPrecise(AudioFileReader& reader, BPMBounds bounds, const FileAnaly
     key.dumpFrames = true;  // the precise key takes every frame as it comes
     PreciseKey::Accumulator frames;
     std::vector<Consumer> consumers;
-    consumers.push_back({[&](std::span<const float> block) { tempo.append(block); },
-                         [&] { result.tempo = tempo.estimate(bounds); }});
+    // The default tempo reading beside it, to defer to where it is certain (cheap next to the precise).
+    TempoAnalyzer other(rate, true, parameters.tempo);
+    other.setBpmRange(bounds);
+    consumers.push_back({[&](std::span<const float> block) {
+                             tempo.append(block);
+                             other.append(block);
+                         },
+                         [&] { result.tempo = tempo.estimate(bounds, other.estimateGlobal()); }});
     consumers.push_back({[&](std::span<const float> block) {
                              key.append(block);
                              frames.add(key.dumped());
@@ -185,7 +191,8 @@ int64_t streamPrecise(AudioFileReader& reader, BPMBounds bounds, const FileAnaly
                          },
                          [&] {
                              const KeyEstimate base = key.decide(std::numeric_limits<double>::infinity());
-                             result.key = frames.empty() ? base : PreciseKey::decide(frames.scores(), base);
+                             result.key =
+                                 frames.empty() ? base : PreciseKey::decide(frames.scores(base.key), base);
                          }});
     return Pipeline(reader, options, maximumFrames).run(consumers);
 }
