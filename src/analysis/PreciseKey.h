@@ -37,8 +37,8 @@ struct PreciseKeyParameters {
     double relativeMargin = 0.02;
     // Confidence = 1 / (1 + exp(−(a + b·lead))), lead the winner's score minus the runner-up's (fitted
     // by logistic regression on the labelled set's 91 key files).
-    double confidenceOffset = 0.25;
-    double confidenceSlope = 7.5;
+    double confidenceOffset = 0.37;
+    double confidenceSlope = 8.5;
     // No tonal evidence, no confidence: the winner's summed correlation (at most 2·(1 + bassWeight))
     // below `fitFloor` scales the confidence to 0, above `fitFull` leaves it whole, linearly between.
     // A pure tone fits about 1.1 (one pitch class says no key), noise about 0.8; the labelled music

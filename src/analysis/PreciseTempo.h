@@ -74,7 +74,7 @@ struct PreciseTempoParameters {
     // Confidence = 1 / (1 + exp(−(a + b·margin))), margin the log-score lead over the best rival
     // outside ±4 % of the winner (fitted by logistic regression on the labelled set's 127 tempo files:
     // a reading of 80 % was right 80 % of the time there).
-    double confidenceOffset = 1.21;
+    double confidenceOffset = 1.33;
     double confidenceSlope = 0.81;
     // Deferring to the file's tempo analyzer: its reading is named instead when its confidence is at
     // least this (its periodicity peak at its clearest) and it differs from this one by other than
