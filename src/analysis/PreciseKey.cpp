@@ -52,7 +52,7 @@ void PreciseKey::Accumulator::add(Frames frames) {
     }
 }
 
-std::array<double, 24> PreciseKey::Accumulator::scores() const {
+std::array<double, 24> PreciseKey::Accumulator::scores(std::optional<MusicalKey> other) const {
     std::array<double, 12> chroma = chroma_;
     std::array<double, 12> bass = bass_;
     for (const Tail& t : tail_) {
@@ -76,22 +76,28 @@ std::array<double, 24> PreciseKey::Accumulator::scores() const {
     const auto best = static_cast<size_t>(std::max_element(result.begin(), result.end()) - result.begin());
     const auto tonic = static_cast<size_t>(keys[best].tonic);
     const double major = chroma[(tonic + 4) % 12], minor = chroma[(tonic + 3) % 12];
-    if (keys[best].isMinor ? major > minor : minor > major) {
+    bool isMinor = minor > major || (minor == major && keys[best].isMinor);
+    // Level thirds say nothing; the other reading, made frame by frame, then names the mode.
+    if (other && other->tonic == keys[best].tonic &&
+        std::abs(major - minor) < p_.levelThirds * (major + minor))
+        isMinor = other->isMinor;
+    if (isMinor != keys[best].isMinor) {
         const size_t parallel = best ^ 1;  // MusicalKey::all() lists each tonic's major and minor together
         std::swap(result[best], result[parallel]);
     }
     return result;
 }
 
-std::array<double, 24> PreciseKey::scores(Frames frames, const PreciseKeyParameters& p) {
+std::array<double, 24> PreciseKey::scores(Frames frames, const PreciseKeyParameters& p,
+                                          std::optional<MusicalKey> other) {
     Accumulator accumulator(p);
     accumulator.add(frames);
-    return accumulator.scores();
+    return accumulator.scores(other);
 }
 
 KeyEstimate PreciseKey::decide(Frames frames, const KeyEstimate& base, const PreciseKeyParameters& p) {
     if (frames.empty()) return base;
-    return decide(scores(frames, p), base, p);
+    return decide(scores(frames, p, base.key), base, p);
 }
 
 KeyEstimate PreciseKey::decide(const std::array<double, 24>& score, const KeyEstimate& base,

@@ -156,14 +156,23 @@ double interpolate(std::span<const double> values, double at) {
 PreciseTempoAnalyzer::PreciseTempoAnalyzer(double sampleRate, Parameters parameters)
     : p_(std::move(parameters)), novelty_(sampleRate, p_.novelty) {}
 
-TempoEstimate PreciseTempoAnalyzer::estimate(BPMBounds bounds) const {
+TempoEstimate PreciseTempoAnalyzer::estimate(BPMBounds bounds, const TempoEstimate& other) const {
     const double level = std::sqrt(novelty_.meanSquare());
     if (level <= p_.silenceFloor) return {0, 0, level};
     const Registers registers{novelty_.curve(OnsetNovelty::low), novelty_.curve(OnsetNovelty::mid),
                               novelty_.curve(OnsetNovelty::high)};
-    TempoEstimate result = decide(registers, novelty_.framesPerSecond(), bounds, p_);
+    TempoEstimate result = deferred(decide(registers, novelty_.framesPerSecond(), bounds, p_), other, p_);
     result.level = level;
     return result;
+}
+
+TempoEstimate PreciseTempoAnalyzer::deferred(const TempoEstimate& own, const TempoEstimate& other,
+                                             const Parameters& p) {
+    // Without rhythmic evidence of its own this analysis names no tempo, whatever the other says.
+    if (!(own.bpm > 0) || !(other.bpm > 0) || other.confidence < p.deferConfidence) return own;
+    const double octaves = std::log2(other.bpm / own.bpm);
+    if (std::abs(octaves - std::round(octaves)) < std::log2(1.04)) return own;
+    return {other.bpm, own.confidence, own.level};
 }
 
 TempoEstimate PreciseTempoAnalyzer::decide(const Registers& novelty, double fps, BPMBounds bounds,

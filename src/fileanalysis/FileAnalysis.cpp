@@ -176,8 +176,15 @@ int64_t streamPrecise(AudioFileReader& reader, BPMBounds bounds, const FileAnaly
     key.setDumpFrames(true);  // the precise key takes every frame as it comes
     PreciseKey::Accumulator frames;
     std::vector<Consumer> consumers;
+    // The default tempo reading beside it, to defer to where it is certain; on a thread of its own, and
+    // decided first (the decisions are taken in order).
+    TempoAnalyzer other(rate, true, parameters.tempo);
+    other.setBpmRange(bounds);
+    TempoEstimate otherTempo;
+    consumers.push_back({[&](std::span<const float> block) { other.append(block); },
+                         [&] { otherTempo = other.estimateGlobal(); }});
     consumers.push_back({[&](std::span<const float> block) { tempo.append(block); },
-                         [&] { result.tempo = tempo.estimate(bounds); }});
+                         [&] { result.tempo = tempo.estimate(bounds, otherTempo); }});
     consumers.push_back({[&](std::span<const float> block) {
                              key.append(block);
                              frames.add(key.dumped());
@@ -185,7 +192,8 @@ int64_t streamPrecise(AudioFileReader& reader, BPMBounds bounds, const FileAnaly
                          },
                          [&] {
                              const KeyEstimate base = key.decide(std::numeric_limits<double>::infinity());
-                             result.key = frames.empty() ? base : PreciseKey::decide(frames.scores(), base);
+                             result.key =
+                                 frames.empty() ? base : PreciseKey::decide(frames.scores(base.key), base);
                          }});
     return Pipeline(reader, options, maximumFrames).run(consumers);
 }

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdint>
 #include <numbers>
+#include <optional>
 #include <utility>
 #include <vector>
 
@@ -162,6 +163,23 @@ TEST(PreciseTempo, TrackedBeatsFollowADriftingTempoAndBridgeAMissingOnset) {
     for (const size_t b : PreciseTempoAnalyzer::trackBeats(shortCurve, 55.0, 100.0)) EXPECT_LT(b, 30u);
 }
 
+TEST(PreciseTempo, DefersToACertainOtherReadingOnlyOffTheOctave) {
+    const PreciseTempoAnalyzer::Parameters p;
+    const TempoEstimate own{100, 0.8, 0.1};
+    const auto named = [&](TempoEstimate other) { return PreciseTempoAnalyzer::deferred(own, other, p); };
+    // Certain and 3/2 or no simple ratio away: the other's tempo, with this analysis's confidence.
+    EXPECT_EQ(named({150, 1.0, 0}).bpm, 150);
+    EXPECT_EQ(named({150, 1.0, 0}).confidence, 0.8);
+    EXPECT_EQ(named({118, 1.0, 0}).bpm, 118);
+    // An octave (or near it, or the same tempo) away, or less than certain: this analysis's own.
+    for (const double bpm : {200.0, 50.0, 51.5, 102.0, 400.0})
+        EXPECT_EQ(named({bpm, 1.0, 0}).bpm, 100) << bpm;
+    EXPECT_EQ(named({150, 0.95, 0}).bpm, 100);
+    EXPECT_EQ(named({}).bpm, 100);
+    // No rhythmic evidence here: no tempo, whatever the other says.
+    EXPECT_EQ(PreciseTempoAnalyzer::deferred({}, {150, 1.0, 0}, p).bpm, 0);
+}
+
 // Signals without music: a DC offset, a steady tone (with an offset under it), and white noise loud and
 // quiet, `seconds` long at 44.1 kHz.
 std::vector<std::vector<float>> withoutMusic(double seconds) {
@@ -296,6 +314,31 @@ TEST(PreciseKey, TheTonicsThirdDecidesTheMode) {
     // The same with the major third the stronger: C major.
     EXPECT_EQ(firstRanked({{0, 3}, {2, 1}, {3, 0.9}, {4, 1}, {5, 1}, {7, 2.5}, {9, 1.5}, {11, 1.5}}),
               (MusicalKey{0, false}));
+}
+
+TEST(PreciseKey, LevelThirdsTakeTheOtherReadingsModeForTheSameTonic) {
+    // C melodic minor with its two thirds level: the profiles rank C major first.
+    KeyAnalyzer::DumpRow row;
+    for (const auto& [pc, weight] : std::vector<std::pair<int, double>>{
+             {0, 3}, {2, 1}, {3, 1}, {4, 1}, {5, 1}, {7, 2.5}, {9, 1.5}, {11, 1.5}})
+        row.chroma[static_cast<size_t>(pc)] = weight;
+    row.bass = 0;
+    const auto first = [&](std::optional<MusicalKey> other) {
+        const std::vector<KeyAnalyzer::DumpRow> frames{row};
+        const auto scores = velquin::PreciseKey::scores(frames, {}, other);
+        return MusicalKey::all()[static_cast<size_t>(std::max_element(scores.begin(), scores.end()) -
+                                                     scores.begin())];
+    };
+    EXPECT_EQ(first(std::nullopt), (MusicalKey{0, false}));
+    EXPECT_EQ(first(MusicalKey{0, true}), (MusicalKey{0, true}));
+    EXPECT_EQ(first(MusicalKey{0, false}), (MusicalKey{0, false}));
+    // Another tonic's reading says nothing about this one's mode.
+    EXPECT_EQ(first(MusicalKey{9, true}), (MusicalKey{0, false}));
+    // Thirds 5 % apart are still level; a clearly stronger third decides whatever the other says.
+    row.chroma[3] = 0.95;
+    EXPECT_EQ(first(MusicalKey{0, true}), (MusicalKey{0, true}));
+    row.chroma[3] = 1.5;
+    EXPECT_EQ(first(MusicalKey{0, false}), (MusicalKey{0, true}));
 }
 
 TEST(PreciseKey, NothingWithoutABaseKeyAndScoresRankTheKeys) {
