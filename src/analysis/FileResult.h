@@ -19,7 +19,7 @@ struct FileResult {
 namespace fileAnalysis {
 
 // Which analysis a whole file gets: `specified`, the live engine's analyzers run over the file (the
-// default everywhere); or `precise`, the slower whole-file analyzers of PreciseTempo and PreciseKey. The
+// default everywhere); or `precise`, the slower whole-file analyzers of PreciseTempo.h and PreciseKey.h. The
 // two give different results, so whatever stores a result keeps the analysis beside it.
 enum class Analysis { specified, precise };
 std::string_view textName(Analysis analysis);

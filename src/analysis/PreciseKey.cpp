@@ -37,7 +37,7 @@ double correlation(const Table& x, const Table& profile, int64_t tonic) {
 
 }  // namespace
 
-void PreciseKey::Accumulator::add(Frames frames) {
+void preciseKey::Accumulator::add(Frames frames) {
     for (const KeyAnalyzer::DumpRow& row : frames) {
         if (count_ == 0) first_ = row.seconds;
         ++count_;
@@ -52,7 +52,7 @@ void PreciseKey::Accumulator::add(Frames frames) {
     }
 }
 
-std::array<double, 24> PreciseKey::Accumulator::scores(std::optional<MusicalKey> other) const {
+std::array<double, 24> preciseKey::Accumulator::scores(std::optional<MusicalKey> other) const {
     std::array<double, 12> chroma = chroma_;
     std::array<double, 12> bass = bass_;
     for (const Tail& t : tail_) {
@@ -88,19 +88,19 @@ std::array<double, 24> PreciseKey::Accumulator::scores(std::optional<MusicalKey>
     return result;
 }
 
-std::array<double, 24> PreciseKey::scores(Frames frames, const PreciseKeyParameters& p,
+std::array<double, 24> preciseKey::scores(Frames frames, const PreciseKeyParameters& p,
                                           std::optional<MusicalKey> other) {
     Accumulator accumulator(p);
     accumulator.add(frames);
     return accumulator.scores(other);
 }
 
-KeyEstimate PreciseKey::decide(Frames frames, const KeyEstimate& base, const PreciseKeyParameters& p) {
+KeyEstimate preciseKey::decide(Frames frames, const KeyEstimate& base, const PreciseKeyParameters& p) {
     if (frames.empty()) return base;
     return decide(scores(frames, p, base.key), base, p);
 }
 
-KeyEstimate PreciseKey::decide(const std::array<double, 24>& score, const KeyEstimate& base,
+KeyEstimate preciseKey::decide(const std::array<double, 24>& score, const KeyEstimate& base,
                                const PreciseKeyParameters& p) {
     if (!base.key) return base;
     size_t best = 0;

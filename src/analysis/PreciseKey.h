@@ -47,7 +47,7 @@ struct PreciseKeyParameters {
     double fitFull = 1.5;
 };
 
-namespace PreciseKey {
+namespace preciseKey {
 
 using Frames = std::span<const KeyAnalyzer::DumpRow>;
 
@@ -86,5 +86,5 @@ KeyEstimate decide(const std::array<double, 24>& scores, const KeyEstimate& base
                    const PreciseKeyParameters& parameters = {});
 KeyEstimate decide(Frames frames, const KeyEstimate& base, const PreciseKeyParameters& parameters = {});
 
-}  // namespace PreciseKey
+}  // namespace preciseKey
 }  // namespace velquin

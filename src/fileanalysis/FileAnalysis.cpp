@@ -174,7 +174,7 @@ int64_t streamPrecise(AudioFileReader& reader, BPMBounds bounds, const FileAnaly
     PreciseTempoAnalyzer tempo(rate);
     KeyAnalyzer key(rate, true, parameters.key);
     key.setDumpFrames(true);  // the precise key takes every frame as it comes
-    PreciseKey::Accumulator frames;
+    preciseKey::Accumulator frames;
     std::vector<Consumer> consumers;
     // The default tempo reading beside it, to defer to where it is certain; on a thread of its own, and
     // decided first (the decisions are taken in order).
@@ -193,7 +193,7 @@ int64_t streamPrecise(AudioFileReader& reader, BPMBounds bounds, const FileAnaly
                          [&] {
                              const KeyEstimate base = key.decide(std::numeric_limits<double>::infinity());
                              result.key =
-                                 frames.empty() ? base : PreciseKey::decide(frames.scores(base.key), base);
+                                 frames.empty() ? base : preciseKey::decide(frames.scores(base.key), base);
                          }});
     return Pipeline(reader, options, maximumFrames).run(consumers);
 }

@@ -242,7 +242,7 @@ KeyEstimate preciseKey(const std::vector<float>& samples, double sampleRate = 44
     analyzer.setDumpFrames(true);
     analyzer.append(samples);
     const KeyEstimate base = analyzer.decide(std::numeric_limits<double>::infinity());
-    return velquin::PreciseKey::decide(analyzer.dumped(), base);
+    return velquin::preciseKey::decide(analyzer.dumped(), base);
 }
 
 TEST(PreciseKey, CadencesScalesAndDetunedPlayingName) {
@@ -301,7 +301,7 @@ MusicalKey firstRanked(const std::vector<std::pair<int, double>>& weights) {
     for (const auto& [pc, weight] : weights) row.chroma[static_cast<size_t>(pc)] = weight;
     row.bass = 0;
     const std::vector<KeyAnalyzer::DumpRow> frames{row};
-    const auto scores = velquin::PreciseKey::scores(frames, {});
+    const auto scores = velquin::preciseKey::scores(frames, {});
     return MusicalKey::all()[static_cast<size_t>(std::max_element(scores.begin(), scores.end()) -
                                                  scores.begin())];
 }
@@ -325,7 +325,7 @@ TEST(PreciseKey, LevelThirdsTakeTheOtherReadingsModeForTheSameTonic) {
     row.bass = 0;
     const auto first = [&](std::optional<MusicalKey> other) {
         const std::vector<KeyAnalyzer::DumpRow> frames{row};
-        const auto scores = velquin::PreciseKey::scores(frames, {}, other);
+        const auto scores = velquin::preciseKey::scores(frames, {}, other);
         return MusicalKey::all()[static_cast<size_t>(std::max_element(scores.begin(), scores.end()) -
                                                      scores.begin())];
     };
@@ -345,7 +345,7 @@ TEST(PreciseKey, NothingWithoutABaseKeyAndScoresRankTheKeys) {
     KeyAnalyzer silent(44100, true);
     silent.setDumpFrames(true);
     silent.append(std::vector<float>(44100 * 5, 0.0f));
-    const KeyEstimate none = velquin::PreciseKey::decide(silent.dumped(), KeyEstimate::unknown);
+    const KeyEstimate none = velquin::preciseKey::decide(silent.dumped(), KeyEstimate::unknown);
     EXPECT_FALSE(none.key);
     EXPECT_EQ(none.confidence, 0);
 
@@ -355,7 +355,7 @@ TEST(PreciseKey, NothingWithoutABaseKeyAndScoresRankTheKeys) {
         row.chroma[static_cast<size_t>(pc)] = pc == 0 || pc == 7 ? 2.0 : 1.0;
     row.bass = 0;
     const std::vector<KeyAnalyzer::DumpRow> frames{row};
-    const auto scores = velquin::PreciseKey::scores(frames, {});
+    const auto scores = velquin::preciseKey::scores(frames, {});
     const auto& keys = MusicalKey::all();
     size_t best = 0;
     for (size_t k = 0; k < scores.size(); ++k)
