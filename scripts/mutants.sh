@@ -79,7 +79,7 @@ run_program() {
 # golden outputs come last: they carry the output formats the unit tests leave to them.
 programs_for() {
     case $1 in
-        src/analysis/*) echo analysis_tests fileanalysis_tests capture_tests app_tests conformance ;;
+        src/analysis/*) echo analysis_tests fileanalysis_tests capture_tests app_tests ui_tests conformance ;;
         src/fileanalysis/*) echo fileanalysis_tests app_tests conformance ;;
         src/capture/*) echo capture_tests app_tests conformance ;;
         src/system/*) echo system_tests app_tests scan_e2e ;;

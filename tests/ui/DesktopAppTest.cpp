@@ -195,6 +195,10 @@ TEST_F(DesktopAppTest, RenderFillsTheBarAndTheInformationLines) {
     app->render({120, 0.9, 0}, KeyEstimate::unknown);
     EXPECT_FALSE(items().notesLine->isVisible());
     EXPECT_FALSE(items().tuningLine->isVisible());
+    // The tempo range items name each range by its bounds.
+    QStringList titles;
+    for (const auto& [range, item] : items().rangeItems) titles << item->text();
+    EXPECT_EQ(titles.join('|'), "Auto (60–200)|40–80 BPM|70–140 BPM|85–170 BPM|100–200 BPM");
 }
 
 TEST_F(DesktopAppTest, ThePlayingFilesReadingStandsInForTheLiveOneWhileFollowed) {
