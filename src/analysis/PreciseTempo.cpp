@@ -143,6 +143,70 @@ double octaveChecked(double bpm, std::span<const double> onsets,
     return z > 0 ? 2 * slow : slow;
 }
 
+double interpolate(std::span<const double> values, double at);
+
+// The autocorrelogram with the Hann taper's own autocorrelation divided out, so that long lags (a bar)
+// compare fairly with short ones (a beat).
+std::vector<double> untapered(std::span<const double> acf) {
+    const size_t window = acf.size();
+    std::vector<double> taper(window);
+    for (size_t i = 0; i < window; ++i)
+        taper[i] = 0.5 - 0.5 * std::cos(2.0 * std::numbers::pi * static_cast<double>(i) /
+                                        static_cast<double>(window - 1));
+    std::vector<double> out(window, 0.0);
+    double taper0 = 0;
+    for (size_t i = 0; i < window; ++i) taper0 += taper[i] * taper[i];
+    for (size_t lag = 0; lag < window && taper0 > 0; ++lag) {
+        double sum = 0;
+        for (size_t i = 0; i + lag < window; ++i) sum += taper[i] * taper[i + lag];
+        // The taper's correlation falls to 0 at the window's length; the floor keeps the longest lags'
+        // noise from being magnified without bound.
+        out[lag] = acf[lag] / std::max(sum / taper0, 0.05);
+    }
+    return out;
+}
+
+// `bpm`, or the tempo ¾, 4/3, ⅔ or 3/2 of it (the nearest ratio first) that puts a whole 2, 3, 4, 6 or 8
+// beats in the bar where `bpm` puts no whole number, when the bar stands clearly above the lengths `bpm`
+// would make of it and the new tempo recurs clearly by itself (`periodicityAt`, a share of lag 0).
+template <typename Periodicity>
+double metreChecked(double bpm, std::span<const double> acf, double fps, BPMBounds bounds,
+                    const PreciseTempoParameters& p, Periodicity periodicityAt) {
+    const size_t window = acf.size();
+    const auto shortest = static_cast<size_t>(std::ceil(p.barShortestSeconds * fps));
+    const size_t longest = std::min(window > 0 ? window - 1 : 0, static_cast<size_t>(p.barLongestSeconds * fps));
+    if (window < 4 || shortest >= longest) return bpm;
+    const std::vector<double> strength = untapered(acf);
+    const auto bar = static_cast<double>(
+        std::max_element(strength.begin() + static_cast<std::ptrdiff_t>(shortest),
+                         strength.begin() + static_cast<std::ptrdiff_t>(longest) + 1) -
+        strength.begin());
+    const auto beatsPerBar = [&](double tempo) { return bar / (fps * 60.0 / tempo); };
+    const auto whole = [&](double beats) {
+        const double count = std::round(beats);
+        return count >= 1 && std::abs(beats / count - 1) <= p.barTolerance;
+    };
+    const double beats = beatsPerBar(bpm);
+    if (whole(beats)) return bpm;
+    // The bar against the whole bars `bpm` would make instead (the nearest fewer and more beats).
+    const double period = fps * 60.0 / bpm;
+    double rival = -1e300;
+    for (const double count : {std::floor(beats), std::ceil(beats)})
+        if (count >= 1 && count * period < static_cast<double>(window - 1))
+            rival = std::max(rival, interpolate(strength, count * period));
+    const double peak = strength[static_cast<size_t>(bar)];
+    if (!(peak > 0) || (peak - rival) / peak < p.barContrast) return bpm;
+    for (const double ratio : {0.75, 4.0 / 3.0, 2.0 / 3.0, 1.5}) {
+        const double tempo = bpm * ratio;
+        if (tempo < bounds.lower || tempo > bounds.upper) continue;
+        const double count = std::round(beatsPerBar(tempo));
+        if (whole(beatsPerBar(tempo)) && (count == 2 || count == 3 || count == 4 || count == 6 || count == 8) &&
+            periodicityAt(tempo) >= p.periodicityFull)
+            return tempo;
+    }
+    return bpm;
+}
+
 double interpolate(std::span<const double> values, double at) {
     if (at < 0) return values.front();
     const auto i = static_cast<size_t>(at);
@@ -237,8 +301,9 @@ TempoEstimate PreciseTempoAnalyzer::decide(const Registers& novelty, double fps,
         const double curvature = a - 2 * b + c;
         if (curvature < 0) offset = std::clamp(0.5 * (a - c) / curvature, -0.5, 0.5);
     }
-    const double bpm =
-        octaveChecked(grid[best] * std::pow(step, offset), onsets, novelty, half, fps, bounds, p);
+    const double metric = metreChecked(grid[best] * std::pow(step, offset), acf, fps, bounds, p,
+                                       [&](double tempo) { return acf[0] > 0 ? combAt(tempo) / acf[0] : 0.0; });
+    const double bpm = octaveChecked(metric, onsets, novelty, half, fps, bounds, p);
     size_t at = 0;
     for (size_t g = 1; g < grid.size(); ++g)
         if (std::abs(std::log(grid[g] / bpm)) < std::abs(std::log(grid[at] / bpm))) at = g;
