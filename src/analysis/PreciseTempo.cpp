@@ -174,13 +174,14 @@ double metreChecked(double bpm, std::span<const double> acf, double fps, BPMBoun
                     const PreciseTempoParameters& p, Periodicity periodicityAt) {
     const size_t window = acf.size();
     const auto shortest = static_cast<size_t>(std::ceil(p.barShortestSeconds * fps));
-    const size_t longest = std::min(window > 0 ? window - 1 : 0, static_cast<size_t>(p.barLongestSeconds * fps));
+    const size_t longest =
+        std::min(window > 0 ? window - 1 : 0, static_cast<size_t>(p.barLongestSeconds * fps));
     if (window < 4 || shortest >= longest) return bpm;
     const std::vector<double> strength = untapered(acf);
-    const auto bar = static_cast<double>(
-        std::max_element(strength.begin() + static_cast<std::ptrdiff_t>(shortest),
-                         strength.begin() + static_cast<std::ptrdiff_t>(longest) + 1) -
-        strength.begin());
+    const auto bar =
+        static_cast<double>(std::max_element(strength.begin() + static_cast<std::ptrdiff_t>(shortest),
+                                             strength.begin() + static_cast<std::ptrdiff_t>(longest) + 1) -
+                            strength.begin());
     const auto beatsPerBar = [&](double tempo) { return bar / (fps * 60.0 / tempo); };
     const auto whole = [&](double beats) {
         const double count = std::round(beats);
@@ -200,7 +201,8 @@ double metreChecked(double bpm, std::span<const double> acf, double fps, BPMBoun
         const double tempo = bpm * ratio;
         if (tempo < bounds.lower || tempo > bounds.upper) continue;
         const double count = std::round(beatsPerBar(tempo));
-        if (whole(beatsPerBar(tempo)) && (count == 2 || count == 3 || count == 4 || count == 6 || count == 8) &&
+        if (whole(beatsPerBar(tempo)) &&
+            (count == 2 || count == 3 || count == 4 || count == 6 || count == 8) &&
             periodicityAt(tempo) >= p.periodicityFull)
             return tempo;
     }
@@ -301,8 +303,9 @@ TempoEstimate PreciseTempoAnalyzer::decide(const Registers& novelty, double fps,
         const double curvature = a - 2 * b + c;
         if (curvature < 0) offset = std::clamp(0.5 * (a - c) / curvature, -0.5, 0.5);
     }
-    const double metric = metreChecked(grid[best] * std::pow(step, offset), acf, fps, bounds, p,
-                                       [&](double tempo) { return acf[0] > 0 ? combAt(tempo) / acf[0] : 0.0; });
+    const double metric =
+        metreChecked(grid[best] * std::pow(step, offset), acf, fps, bounds, p,
+                     [&](double tempo) { return acf[0] > 0 ? combAt(tempo) / acf[0] : 0.0; });
     const double bpm = octaveChecked(metric, onsets, novelty, half, fps, bounds, p);
     size_t at = 0;
     for (size_t g = 1; g < grid.size(); ++g)

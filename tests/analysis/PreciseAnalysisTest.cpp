@@ -117,7 +117,8 @@ TEST(PreciseTempo, ReadsDrumPatternsAtTheBeatOrHalfOfItNeverADottedBeat) {
 // A bar of syncopated kicks (`figure`, in beats), snare on 2 and 4, sixteenth hi-hats accented on the
 // beat: a dotted figure recurs more often than the beat, and only the bar, repeating every four beats,
 // tells the beat from it.
-std::vector<float> syncopatedBars(double bpm, double sampleRate, double seconds, std::span<const double> figure) {
+std::vector<float> syncopatedBars(double bpm, double sampleRate, double seconds,
+                                  std::span<const double> figure) {
     Kit kit(sampleRate, seconds);
     const double beat = 60.0 / bpm;
     for (int64_t bar = 0; static_cast<double>(bar) * 4 * beat < seconds; ++bar) {
@@ -135,8 +136,9 @@ std::vector<float> syncopatedBars(double bpm, double sampleRate, double seconds,
 
 TEST(PreciseTempo, TheBarTellsTheBeatFromADottedFigure) {
     // The 3-3-2 of hip-hop, the same twice, and a run of dotted eighths with a pickup.
-    const std::vector<std::vector<double>> figures{
-        {0.0, 0.75, 1.5, 1.75, 2.5, 3.25}, {0.0, 0.75, 1.5, 2.0, 2.75, 3.5}, {0.0, 0.75, 1.5, 2.25, 2.5, 3.25}};
+    const std::vector<std::vector<double>> figures{{0.0, 0.75, 1.5, 1.75, 2.5, 3.25},
+                                                   {0.0, 0.75, 1.5, 2.0, 2.75, 3.5},
+                                                   {0.0, 0.75, 1.5, 2.25, 2.5, 3.25}};
     PreciseTempoAnalyzer::Parameters withoutBar;
     withoutBar.barContrast = 1e9;
     const auto read = [](const std::vector<float>& samples, const PreciseTempoAnalyzer::Parameters& p) {
