@@ -25,8 +25,12 @@ enum class Analysis { specified, precise };
 std::string_view textName(Analysis analysis);
 std::optional<Analysis> analysisFromTextName(std::string_view text);
 
-// Bump when results may change; cache keys include it.
-inline constexpr int analysisVersion = 1;
+// An analysis's version: bump it when its results may change; cache keys include it, so a change to one
+// analysis leaves the other's cached results standing. The precise analysis's 2 is the one that checks
+// its tempo against the bar.
+constexpr int analysisVersion(Analysis analysis) {
+    return analysis == Analysis::precise ? 2 : 1;
+}
 
 }  // namespace fileAnalysis
 }  // namespace velquin

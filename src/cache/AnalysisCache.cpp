@@ -169,6 +169,7 @@ AnalysisCache::Key AnalysisCache::keyFromStat(const std::string& path, const str
     key.ctimeNs = ns(info.st_ctim);
     key.range = range;
     key.analysis = analysis;
+    key.version = fileAnalysis::analysisVersion(analysis);
     return key;
 }
 

@@ -31,7 +31,8 @@ class AnalysisCache {
         int64_t ctimeNs = 0;                  // change time, nanoseconds since the epoch
         TempoRange range = TempoRange::Auto;  // a range narrows the tempo search, so it is part of the result
         fileAnalysis::Analysis analysis = fileAnalysis::Analysis::specified;  // never stand in for each other
-        int version = fileAnalysis::analysisVersion;  // of the analysis the result was computed with
+        int version =
+            fileAnalysis::analysisVersion(analysis);  // of the analysis the result was computed with
 
         friend bool operator==(const Key&, const Key&) = default;
     };

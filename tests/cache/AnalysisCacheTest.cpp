@@ -90,6 +90,11 @@ TEST(AnalysisCache, AFilesKeyNamesItWhereverItIsReachedFromAndMissesOnceItIsRepl
     EXPECT_EQ(direct->size, 5);
     EXPECT_EQ(direct->range, TempoRange::slow);
     EXPECT_EQ(direct->analysis, fileAnalysis::Analysis::precise);
+    // Each analysis has its own version, so a change to one recomputes only its own results.
+    EXPECT_EQ(direct->version, fileAnalysis::analysisVersion(fileAnalysis::Analysis::precise));
+    EXPECT_NE(direct->version,
+              AnalysisCache::keyForFile(file.string(), TempoRange::slow, fileAnalysis::Analysis::specified)
+                  ->version);
 
     // Written beside and renamed over it, as editors and taggers do: same name, size and maybe time.
     std::ofstream(dir / "new") << "other";
