@@ -23,15 +23,20 @@ std::vector<double> detrended(std::span<const float> x, size_t half) {
     return out;
 }
 
+std::vector<double> hannTaper(size_t window) {
+    std::vector<double> taper(window);
+    for (size_t i = 0; i < window; ++i)
+        taper[i] = 0.5 - 0.5 * std::cos(2.0 * std::numbers::pi * static_cast<double>(i) /
+                                        static_cast<double>(window - 1));
+    return taper;
+}
+
 // The autocorrelation tempogram: each window's autocorrelation at every lag (0 … window − 1), relative
 // to the window's energy, averaged over the windows. Its cosine transform is the Fourier tempogram
 // (the power spectrum of a window is the transform of its autocorrelation), so one array holds both.
 std::vector<double> autocorrelogram(std::span<const double> d, size_t window, size_t hop) {
     std::vector<double> acf(window, 0.0);
-    std::vector<double> taper(window);
-    for (size_t i = 0; i < window; ++i)
-        taper[i] = 0.5 - 0.5 * std::cos(2.0 * std::numbers::pi * static_cast<double>(i) /
-                                        static_cast<double>(window - 1));
+    const std::vector<double> taper = hannTaper(window);
     std::vector<double> seg(window), reversed(window), sums(window);
     size_t used = 0;
     for (size_t start = 0; start + window <= d.size(); start += hop) {
@@ -143,16 +148,19 @@ double octaveChecked(double bpm, std::span<const double> onsets,
     return z > 0 ? 2 * slow : slow;
 }
 
-double interpolate(std::span<const double> values, double at);
+double interpolate(std::span<const double> values, double at) {
+    if (at < 0) return values.front();
+    const auto i = static_cast<size_t>(at);
+    if (i + 1 >= values.size()) return values.back();
+    const double f = at - static_cast<double>(i);
+    return (1.0 - f) * values[i] + f * values[i + 1];
+}
 
 // The autocorrelogram with the Hann taper's own autocorrelation divided out, so that long lags (a bar)
 // compare fairly with short ones (a beat).
 std::vector<double> untapered(std::span<const double> acf) {
     const size_t window = acf.size();
-    std::vector<double> taper(window);
-    for (size_t i = 0; i < window; ++i)
-        taper[i] = 0.5 - 0.5 * std::cos(2.0 * std::numbers::pi * static_cast<double>(i) /
-                                        static_cast<double>(window - 1));
+    const std::vector<double> taper = hannTaper(window);
     std::vector<double> out(window, 0.0);
     double taper0 = 0;
     for (size_t i = 0; i < window; ++i) taper0 += taper[i] * taper[i];
@@ -207,14 +215,6 @@ double metreChecked(double bpm, std::span<const double> acf, double fps, BPMBoun
             return tempo;
     }
     return bpm;
-}
-
-double interpolate(std::span<const double> values, double at) {
-    if (at < 0) return values.front();
-    const auto i = static_cast<size_t>(at);
-    if (i + 1 >= values.size()) return values.back();
-    const double f = at - static_cast<double>(i);
-    return (1.0 - f) * values[i] + f * values[i + 1];
 }
 
 }  // namespace
@@ -303,9 +303,11 @@ TempoEstimate PreciseTempoAnalyzer::decide(const Registers& novelty, double fps,
         const double curvature = a - 2 * b + c;
         if (curvature < 0) offset = std::clamp(0.5 * (a - c) / curvature, -0.5, 0.5);
     }
+    // The comb as a share of lag 0 (acf[0] is the sum of the register weights: every window's
+    // autocorrelation is 1 there).
+    const auto periodicityAt = [&](double tempo) { return acf[0] > 0 ? combAt(tempo) / acf[0] : 0.0; };
     const double metric =
-        metreChecked(grid[best] * std::pow(step, offset), acf, fps, bounds, p,
-                     [&](double tempo) { return acf[0] > 0 ? combAt(tempo) / acf[0] : 0.0; });
+        metreChecked(grid[best] * std::pow(step, offset), acf, fps, bounds, p, periodicityAt);
     const double bpm = octaveChecked(metric, onsets, novelty, half, fps, bounds, p);
     size_t at = 0;
     for (size_t g = 1; g < grid.size(); ++g)
@@ -314,8 +316,7 @@ TempoEstimate PreciseTempoAnalyzer::decide(const Registers& novelty, double fps,
     for (size_t g = 0; g < grid.size(); ++g)
         if (std::abs(grid[g] / bpm - 1.0) > 0.04) rival = std::max(rival, score[g]);
     const double margin = rival > -1e300 ? score[at] - rival : 10.0;
-    // acf[0] is the sum of the register weights: every window's autocorrelation is 1 at lag 0.
-    const double periodicity = acf[0] > 0 ? combAt(bpm) / acf[0] : 0.0;
+    const double periodicity = periodicityAt(bpm);
     if (!std::isfinite(bpm) || !(periodicity >= p.periodicityFloor)) return {};
     const double evidence =
         std::min(1.0, (periodicity - p.periodicityFloor) / (p.periodicityFull - p.periodicityFloor));
