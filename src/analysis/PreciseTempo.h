@@ -74,10 +74,11 @@ struct PreciseTempoParameters {
     // or 8 beats in the bar, and recurs clearly by itself, is the beat; the nearest ratio first, the
     // octave check then picks its octave. A syncopated figure (kick and bass every dotted eighth, the
     // 3-3-2 of hip-hop and funk) recurs more often than the beat under it, but the bar repeats on the
-    // beat. Not fitted: on the labelled files every correctly read tempo puts a whole number of beats
-    // in its bar to within 1.6 %, the two readings the check changes (4/3 of the beat, both to right)
-    // miss by 5 % or more with a contrast above 0.6, and any range from 1–1.5 s up to 3.5–4.5 s, any
-    // tolerance from 2 to 4 % and any contrast from 0.2 to 0.45 change those two and no other.
+    // beat. Not fitted: on the labelled files, with the bar sought from 1 s, every correctly read tempo
+    // puts a whole number of beats in it to within 1.6 %, the two readings the check changes (4/3 of
+    // the beat, both to right) miss by 5 % or more with a contrast above 0.6, and any range from
+    // 1–1.5 s up to 3.5–4.5 s, any tolerance from 2 to 4 % and any contrast from 0.2 to 0.45 change
+    // those two and no other.
     double barShortestSeconds = 1.2;
     double barLongestSeconds = 4.5;
     double barTolerance = 0.03;
