@@ -181,10 +181,10 @@ template <typename Periodicity>
 double metreChecked(double bpm, std::span<const double> acf, double fps, BPMBounds bounds,
                     const PreciseTempoParameters& p, Periodicity periodicityAt) {
     const size_t window = acf.size();
+    if (window < 4) return bpm;
     const auto shortest = static_cast<size_t>(std::ceil(p.barShortestSeconds * fps));
-    const size_t longest =
-        std::min(window > 0 ? window - 1 : 0, static_cast<size_t>(p.barLongestSeconds * fps));
-    if (window < 4 || shortest >= longest) return bpm;
+    const size_t longest = std::min(window - 1, static_cast<size_t>(p.barLongestSeconds * fps));
+    if (shortest >= longest) return bpm;
     const std::vector<double> strength = untapered(acf);
     const auto bar =
         static_cast<double>(std::max_element(strength.begin() + static_cast<std::ptrdiff_t>(shortest),
@@ -208,9 +208,9 @@ double metreChecked(double bpm, std::span<const double> acf, double fps, BPMBoun
     for (const double ratio : {0.75, 4.0 / 3.0, 2.0 / 3.0, 1.5}) {
         const double tempo = bpm * ratio;
         if (tempo < bounds.lower || tempo > bounds.upper) continue;
-        const double count = std::round(beatsPerBar(tempo));
-        if (whole(beatsPerBar(tempo)) &&
-            (count == 2 || count == 3 || count == 4 || count == 6 || count == 8) &&
+        const double beatsAt = beatsPerBar(tempo);
+        const double count = std::round(beatsAt);
+        if (whole(beatsAt) && (count == 2 || count == 3 || count == 4 || count == 6 || count == 8) &&
             periodicityAt(tempo) >= p.periodicityFull)
             return tempo;
     }
